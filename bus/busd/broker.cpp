@@ -1,0 +1,343 @@
+/// The bus itself: what becomes of each message.
+#include "broker.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <string_view>
+#include <sys/random.h>
+#include <utility>
+
+#include <libubox/blobmsg.h>
+
+namespace busd {
+namespace {
+
+// Ids up to here are kept free for use by the protocol itself.
+constexpr std::uint32_t last_reserved_id = 1024;
+
+std::uint32_t random_u32() {
+    std::uint32_t value;
+    while (::getrandom(&value, sizeof value, 0) != static_cast<ssize_t>(sizeof value)) {
+        if (errno != EINTR) {
+            std::abort();
+        }
+    }
+    return value;
+}
+
+// A signature goes on to every client that looks the object up: only named tables pass.
+bool valid_signature(const blob_attr* signature) {
+    std::size_t left = blob_len(signature);
+    const char* at = signature->data;
+    while (left > 0) {
+        const auto* method = reinterpret_cast<const blob_attr*>(at);
+        if (left < sizeof(blob_attr) || blob_raw_len(method) < sizeof(blob_attr) ||
+            blob_raw_len(method) > left || !blobmsg_check_attr(method, true) ||
+            blobmsg_type(method) != BLOBMSG_TYPE_TABLE) {
+            return false;
+        }
+        const std::size_t step = blob_pad_len(method) < left ? blob_pad_len(method) : left;
+        at += step;
+        left -= step;
+    }
+    return true;
+}
+
+} // namespace
+
+void broker::attach(client& joining) {
+    joining.id_ = unused_id();
+    clients_.emplace(joining.id_, &joining);
+    message hello(joining.out_, UBUS_MSG_HELLO, 0, joining.id_);
+    send(joining, hello);
+}
+
+void broker::detach(client& leaving) {
+    for (object* owned : leaving.objects_) {
+        if (!owned->path.empty()) {
+            paths_.erase(owned->path);
+        }
+        forget(*owned);
+    }
+    leaving.objects_.clear();
+    clients_.erase(leaving.id_);
+    leaving.id_ = 0;
+}
+
+bool broker::receive(client& sender, const std::uint8_t* bytes, std::size_t count) {
+    auto& partial = sender.partial_;
+    head next;
+    // Completes the message that earlier bytes have begun, first its head, then the rest.
+    while (!partial.empty()) {
+        const bool has_head = partial.size() >= bus::message_head_size;
+        if (has_head && !bus::read_head(partial.data(), next)) {
+            return false;
+        }
+        const std::size_t wanted = has_head ? next.size : bus::message_head_size;
+        const std::size_t taken = std::min(count, wanted - partial.size());
+        partial.insert(partial.end(), bytes, bytes + taken);
+        bytes += taken;
+        count -= taken;
+        if (partial.size() < wanted) {
+            return true;
+        }
+        if (has_head) {
+            const std::vector<std::uint8_t> whole = std::move(partial);
+            partial.clear();
+            handle(sender, whole.data(), next);
+        }
+    }
+    while (count >= bus::message_head_size) {
+        if (!bus::read_head(bytes, next)) {
+            return false;
+        }
+        if (count < next.size) {
+            partial.reserve(next.size);
+            break;
+        }
+        handle(sender, bytes, next);
+        bytes += next.size;
+        count -= next.size;
+    }
+    partial.insert(partial.end(), bytes, bytes + count);
+    return true;
+}
+
+void broker::handle(client& sender, const std::uint8_t* bytes, const head& message_head) {
+    attributes given;
+    const bool well_formed = bus::parse_attributes(
+        reinterpret_cast<const blob_attr*>(bytes + sizeof(ubus_msghdr)), given);
+    switch (message_head.type) {
+    case UBUS_MSG_STATUS:
+    case UBUS_MSG_DATA:
+        // Nobody waits for an answer to an answer.
+        if (well_formed) {
+            answer_call(sender, message_head, given);
+        }
+        return;
+    case UBUS_MSG_PING:
+    case UBUS_MSG_LOOKUP:
+    case UBUS_MSG_INVOKE:
+    case UBUS_MSG_ADD_OBJECT:
+    case UBUS_MSG_REMOVE_OBJECT:
+        break;
+    default:
+        reply_status(sender, message_head, UBUS_STATUS_INVALID_COMMAND);
+        return;
+    }
+    if (!well_formed) {
+        reply_status(sender, message_head, UBUS_STATUS_INVALID_ARGUMENT);
+    } else if (message_head.type == UBUS_MSG_LOOKUP) {
+        lookup(sender, message_head, given);
+    } else if (message_head.type == UBUS_MSG_INVOKE) {
+        invoke(sender, message_head, given);
+    } else if (message_head.type == UBUS_MSG_ADD_OBJECT) {
+        add_object(sender, message_head, given);
+    } else if (message_head.type == UBUS_MSG_REMOVE_OBJECT) {
+        remove_object(sender, message_head, given);
+    } else {
+        reply_status(sender, message_head, UBUS_STATUS_OK);
+    }
+}
+
+void broker::lookup(client& sender, const head& request, const attributes& given) {
+    const char* text = bus::get_text(given[UBUS_ATTR_OBJPATH]);
+    const std::string_view path = text == nullptr ? "*" : text;
+    bool any = false;
+    if (path.empty()) {
+        reply_status(sender, request, UBUS_STATUS_INVALID_ARGUMENT);
+        return;
+    }
+    if (path.back() == '*') {
+        const std::string prefix(path.substr(0, path.size() - 1));
+        for (auto at = paths_.lower_bound(prefix);
+             at != paths_.end() && at->first.compare(0, prefix.size(), prefix) == 0; ++at) {
+            describe(sender, request, *at->second);
+            any = true;
+        }
+    } else if (const auto at = paths_.find(std::string(path)); at != paths_.end()) {
+        describe(sender, request, *at->second);
+        any = true;
+    }
+    reply_status(sender, request, any ? UBUS_STATUS_OK : UBUS_STATUS_NOT_FOUND);
+}
+
+void broker::describe(client& asking, const head& request, const object& found) {
+    message answer(asking.out_, UBUS_MSG_DATA, request.seq, request.peer);
+    answer.put_text(UBUS_ATTR_OBJPATH, found.path)
+        .put_u32(UBUS_ATTR_OBJID, found.id)
+        .put_u32(UBUS_ATTR_OBJTYPE, found.type->id)
+        .put_payload(UBUS_ATTR_SIGNATURE, found.type->signature.data(),
+                     found.type->signature.size());
+    send(asking, answer);
+}
+
+void broker::invoke(client& sender, const head& request, const attributes& given) {
+    if (given[UBUS_ATTR_OBJID] == nullptr || given[UBUS_ATTR_METHOD] == nullptr) {
+        reply_status(sender, request, UBUS_STATUS_INVALID_ARGUMENT);
+        return;
+    }
+    const auto callee = objects_.find(bus::get_u32(given[UBUS_ATTR_OBJID]));
+    if (callee == objects_.end()) {
+        reply_status(sender, request, UBUS_STATUS_NOT_FOUND);
+        return;
+    }
+    client& owner = *callee->second->owner;
+    bool too_long = false;
+    {
+        message call(owner.out_, UBUS_MSG_INVOKE, request.seq, sender.id_);
+        call.put(given[UBUS_ATTR_OBJID])
+            .put(given[UBUS_ATTR_METHOD])
+            .put_text(UBUS_ATTR_USER, sender.user_)
+            .put_text(UBUS_ATTR_GROUP, sender.group_)
+            .put(given[UBUS_ATTR_NO_REPLY])
+            .put(given[UBUS_ATTR_DATA]);
+        too_long = call.too_long();
+        if (!too_long) {
+            send(owner, call);
+        }
+    }
+    // Only now: the owner may be the sender, whose outbox holds one unfinished message at most.
+    if (too_long) {
+        reply_status(sender, request, UBUS_STATUS_INVALID_ARGUMENT);
+    }
+}
+
+void broker::answer_call(client& sender, const head& answer, const attributes& given) {
+    const std::uint32_t id = bus::get_u32(given[UBUS_ATTR_OBJID]);
+    const auto callee = objects_.find(id);
+    const auto caller = clients_.find(answer.peer);
+    if (callee == objects_.end() || callee->second->owner != &sender || caller == clients_.end()) {
+        return;
+    }
+    message forwarded(caller->second->out_, answer.type, answer.seq, id);
+    if (answer.type == UBUS_MSG_STATUS) {
+        forwarded.put(given[UBUS_ATTR_STATUS]).put(given[UBUS_ATTR_OBJID]);
+    } else {
+        forwarded.put(given[UBUS_ATTR_OBJID]).put(given[UBUS_ATTR_DATA]);
+    }
+    send(*caller->second, forwarded);
+}
+
+void broker::add_object(client& sender, const head& request, const attributes& given) {
+    const char* text = bus::get_text(given[UBUS_ATTR_OBJPATH]);
+    const std::string path = text == nullptr ? "" : text;
+    const blob_attr* signature = given[UBUS_ATTR_SIGNATURE];
+    std::uint32_t status = UBUS_STATUS_OK;
+    std::shared_ptr<object_type> type;
+    if (given[UBUS_ATTR_OBJTYPE] != nullptr) {
+        const auto known = types_.find(bus::get_u32(given[UBUS_ATTR_OBJTYPE]));
+        if (known == types_.end()) {
+            status = UBUS_STATUS_NOT_FOUND;
+        } else {
+            type = known->second.lock();
+        }
+    } else if (signature != nullptr && !valid_signature(signature)) {
+        status = UBUS_STATUS_INVALID_ARGUMENT;
+    } else if (text != nullptr && signature == nullptr) {
+        // Whoever looks a path up is told a type.
+        status = UBUS_STATUS_INVALID_ARGUMENT;
+    }
+    if (status == UBUS_STATUS_OK && text != nullptr && (path.empty() || paths_.count(path) != 0)) {
+        status = UBUS_STATUS_INVALID_ARGUMENT;
+    }
+    if (status != UBUS_STATUS_OK) {
+        reply_status(sender, request, status);
+        return;
+    }
+
+    if (type == nullptr && signature != nullptr) {
+        const auto* bytes = reinterpret_cast<const std::uint8_t*>(signature->data);
+        type = std::make_shared<object_type>(
+            object_type{unused_id(), {bytes, bytes + blob_len(signature)}});
+        types_.emplace(type->id, type);
+    }
+    const std::uint32_t id = unused_id();
+    object& added =
+        *objects_.emplace(id, std::make_unique<object>(object{id, path, std::move(type), &sender}))
+             .first->second;
+    sender.objects_.insert(&added);
+    if (!added.path.empty()) {
+        paths_.emplace(added.path, &added);
+    }
+
+    {
+        message answer(sender.out_, UBUS_MSG_DATA, request.seq, request.peer);
+        answer.put_u32(UBUS_ATTR_OBJID, id);
+        if (added.type != nullptr) {
+            answer.put_u32(UBUS_ATTR_OBJTYPE, added.type->id);
+        }
+        send(sender, answer);
+    }
+    reply_status(sender, request, UBUS_STATUS_OK);
+}
+
+void broker::remove_object(client& sender, const head& request, const attributes& given) {
+    if (given[UBUS_ATTR_OBJID] == nullptr) {
+        reply_status(sender, request, UBUS_STATUS_INVALID_ARGUMENT);
+        return;
+    }
+    const auto known = objects_.find(bus::get_u32(given[UBUS_ATTR_OBJID]));
+    if (known == objects_.end()) {
+        reply_status(sender, request, UBUS_STATUS_NOT_FOUND);
+        return;
+    }
+    object& leaving = *known->second;
+    if (leaving.owner != &sender) {
+        reply_status(sender, request, UBUS_STATUS_PERMISSION_DENIED);
+        return;
+    }
+    {
+        message answer(sender.out_, UBUS_MSG_DATA, request.seq, request.peer);
+        answer.put_u32(UBUS_ATTR_OBJID, leaving.id);
+        // Told only when the type goes with its last object: the owner must not use it again.
+        if (leaving.type != nullptr && leaving.type.use_count() == 1) {
+            answer.put_u32(UBUS_ATTR_OBJTYPE, leaving.type->id);
+        }
+        send(sender, answer);
+    }
+    if (!leaving.path.empty()) {
+        paths_.erase(leaving.path);
+    }
+    sender.objects_.erase(&leaving);
+    forget(leaving);
+    reply_status(sender, request, UBUS_STATUS_OK);
+}
+
+void broker::forget(object& leaving) {
+    if (leaving.type != nullptr && leaving.type.use_count() == 1) {
+        types_.erase(leaving.type->id);
+    }
+    objects_.erase(leaving.id);
+}
+
+void broker::reply_status(client& asking, const head& request, std::uint32_t status) {
+    message answer(asking.out_, UBUS_MSG_STATUS, request.seq, request.peer);
+    answer.put_u32(UBUS_ATTR_STATUS, status);
+    send(asking, answer);
+}
+
+void broker::send(client& receiver, message& ready) {
+    if (!ready.fits()) {
+        receiver.on_full();
+    }
+    // A reader that is too slow loses whole messages and nobody waits for it.
+    if (ready.fits()) {
+        ready.commit();
+        receiver.on_output();
+    }
+}
+
+std::uint32_t broker::unused_id() const {
+    for (;;) {
+        const std::uint32_t id = random_u32();
+        if (id > last_reserved_id && clients_.count(id) == 0 && objects_.count(id) == 0 &&
+            types_.count(id) == 0) {
+            return id;
+        }
+    }
+}
+
+} // namespace busd

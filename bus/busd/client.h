@@ -1,0 +1,53 @@
+/// One client of the daemon as the broker sees it: who it is, and bytes in and out. Where the bytes
+/// come from and go to is a derived class's business (a socket, or a test's memory).
+#pragma once
+
+#include <cstdint>
+#include <string>
+#include <unordered_set>
+#include <utility>
+#include <vector>
+
+#include "outbox.h"
+
+namespace busd {
+
+struct object;
+
+class client {
+public:
+    client(std::string user, std::string group)
+        : user_(std::move(user))
+        , group_(std::move(group)) {}
+    virtual ~client() = default;
+    client(const client&) = delete;
+    client& operator=(const client&) = delete;
+
+    /// What waits for this client; the derived class takes it from here.
+    outbox& out() { return out_; }
+
+    /// Its id on the bus; 0 while it is not attached.
+    std::uint32_t id() const { return id_; }
+
+protected:
+    /// A message has been put into out(). The broker is at work: nothing may be attached to or
+    /// detached from it in here.
+    virtual void on_output() {}
+
+    /// The next message does not fit into out(): the last moment to take bytes from it before
+    /// that message is dropped. The same restriction holds.
+    virtual void on_full() {}
+
+private:
+    friend class broker;
+
+    std::uint32_t id_ = 0;
+    std::string user_;
+    std::string group_;
+    // The start of a message whose rest has not arrived yet.
+    std::vector<std::uint8_t> partial_;
+    std::unordered_set<object*> objects_;
+    outbox out_;
+};
+
+} // namespace busd

@@ -1,0 +1,227 @@
+/// libubus, the client side of the bus, for C and C++: records, functions and callbacks under the
+/// names that programs written for ubus use.
+///
+/// Nothing here is safe to use from two threads, not even with a context for each: the send buffer
+/// and the whole of uloop belong to the process. Every record is the caller's and must stay where
+/// it is while the library knows it. Functions that return int return a UBUS_STATUS_... number.
+#pragma once
+
+#include <stdbool.h>
+#include <stddef.h>
+#include <stdint.h>
+
+#include <libubox/avl.h>
+#include <libubox/blob.h>
+#include <libubox/blobmsg.h>
+#include <libubox/list.h>
+#include <libubox/uloop.h>
+
+#include "ubusmsg.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+struct ubus_context;
+struct ubus_object;
+struct ubus_request;
+struct ubus_request_data;
+struct ubus_object_data;
+struct ubus_input;
+
+/** Handles one incoming call. What it returns becomes the call's status, unless it has deferred
+ * the request. `msg` and the pointers in `req->acl` are valid during the call only. */
+typedef int (*ubus_handler_t)(struct ubus_context* ctx, struct ubus_object* obj,
+                              struct ubus_request_data* req, const char* method,
+                              struct blob_attr* msg);
+typedef void (*ubus_state_handler_t)(struct ubus_context* ctx, struct ubus_object* obj);
+typedef void (*ubus_lookup_handler_t)(struct ubus_context* ctx, struct ubus_object_data* obj,
+                                      void* priv);
+typedef void (*ubus_connect_handler_t)(struct ubus_context* ctx);
+
+/** Takes one data reply. `msg` is valid during the call only. */
+typedef void (*ubus_data_handler_t)(struct ubus_request* req, int type, struct blob_attr* msg);
+typedef void (*ubus_fd_handler_t)(struct ubus_request* req, int fd);
+/** Learns how an asynchronous request has ended. The record may be freed in here. */
+typedef void (*ubus_complete_handler_t)(struct ubus_request* req, int ret);
+
+struct ubus_method {
+    const char* name;
+    ubus_handler_t handler;
+    unsigned long mask; /* not used by the bundled bus, like tags */
+    unsigned long tags;
+    const struct blobmsg_policy* policy; /* published for readers; arguments are not checked */
+    int n_policy;
+};
+
+struct ubus_object_type {
+    const char* name;
+    uint32_t id; /* 0 while the bus does not know the type */
+    const struct ubus_method* methods;
+    int n_methods;
+};
+
+struct ubus_object {
+    struct avl_node avl;
+    const char* name; /* null for an anonymous object */
+    uint32_t id;      /* 0 while it is not on the bus */
+    const char* path;
+    struct ubus_object_type* type;
+    ubus_state_handler_t subscribe_cb; /* the bundled bus has no subscriptions */
+    bool has_subscribers;
+    const struct ubus_method* methods;
+    int n_methods;
+};
+
+struct ubus_context {
+    struct list_head requests; /* asynchronous and waiting ones, the newest first */
+    struct avl_tree objects;   /* published ones, by id */
+    struct list_head pending;  /* calls that came in during a synchronous request */
+    struct uloop_fd sock;      /* `eof` is set when a write has failed or the peer hung up */
+    struct uloop_timeout pending_timer;
+    uint32_t local_id;
+    uint16_t request_seq;
+    bool cancel_poll; /* not used by the bundled bus */
+    int stack_depth;  /* synchronous requests in progress, one inside the other */
+    /** The connection has ended; called once. With stack_depth above 0 a synchronous request is
+     * still at work on the context: take `sock` out of the loop, but free the context later. */
+    ubus_connect_handler_t connection_lost;
+    void (*monitor_cb)(struct ubus_context* ctx, uint32_t seq, struct blob_attr* data);
+    struct {
+        struct ubus_msghdr hdr;
+        struct blob_attr* data;
+    } msgbuf; /* spare memory for a received message */
+    uint32_t msgbuf_size;
+    struct ubus_input* input; /* received bytes that are no whole message yet */
+    bool lost;                /* connection_lost has been called */
+};
+
+struct ubus_object_data {
+    uint32_t id;
+    uint32_t type_id;
+    const char* path;
+    struct blob_attr* signature;
+};
+
+struct ubus_request_data {
+    uint32_t object;
+    uint32_t peer;
+    uint16_t seq;
+    struct {
+        const char* user;
+        const char* group;
+        const char* object;
+    } acl; /* who calls; gone when the handler returns */
+    bool deferred;
+    int fd;
+    int req_fd;
+};
+
+struct ubus_request {
+    struct list_head list; /* null before the request is started */
+    struct list_head pending;
+    int status_code;
+    bool status_msg; /* the final status is in status_code */
+    bool blocked;    /* ubus_complete_request() waits for it */
+    bool cancelled;
+    bool notify;
+    uint32_t peer;
+    uint16_t seq;
+    ubus_data_handler_t raw_data_cb; /* gets the whole DATA message */
+    ubus_data_handler_t data_cb;     /* gets the data of a reply */
+    ubus_fd_handler_t fd_cb;
+    ubus_complete_handler_t complete_cb;
+    int fd;
+    struct ubus_context* ctx;
+    void* priv;
+};
+
+/** Connects to the daemon's socket at `path`; with a null path to the one named by the environment
+ * variable UBUS_SOCKET, else to the compiled-in default. Blocks without a limit until the daemon
+ * has said hello, and calls uloop_init(). Null on failure. */
+struct ubus_context* ubus_connect(const char* path);
+/** The same with a record of the caller's; undone with ubus_shutdown(). */
+int ubus_connect_ctx(struct ubus_context* ctx, const char* path);
+/** Closes the connection. Requests and objects are neither unlinked nor told. */
+void ubus_shutdown(struct ubus_context* ctx);
+/** ubus_shutdown(), then frees a context made by ubus_connect(). */
+void ubus_free(struct ubus_context* ctx);
+
+const char* ubus_strerror(int error);
+
+/** Has the running uloop serve the context. */
+static inline void ubus_add_uloop(struct ubus_context* ctx) {
+    uloop_fd_add(&ctx->sock, ULOOP_BLOCKING | ULOOP_READ);
+}
+
+/** Handles everything that has arrived, for programs that watch `sock.fd` on their own. */
+static inline void ubus_handle_event(struct ubus_context* ctx) {
+    ctx->sock.cb(&ctx->sock, ULOOP_READ);
+}
+
+/** Looks up `path` (exact, `prefix*`, or null for all) and calls `cb` for each object found.
+ * Synchronous; other requests' callbacks may run inside. */
+int ubus_lookup(struct ubus_context* ctx, const char* path, ubus_lookup_handler_t cb, void* priv);
+/** Stores the id of the object at `path`. Synchronous. `id` stays as it was if the daemon names
+ * no object, even with status 0. */
+int ubus_lookup_id(struct ubus_context* ctx, const char* path, uint32_t* id);
+
+/** Calls a method and waits for its end, at most `timeout` milliseconds (0: no limit), handing each
+ * data reply to `cb`. Descriptors cannot be passed: with `fd` >= 0 UBUS_STATUS_NOT_SUPPORTED. */
+int ubus_invoke_fd(struct ubus_context* ctx, uint32_t obj, const char* method,
+                   struct blob_attr* msg, ubus_data_handler_t cb, void* priv, int timeout, int fd);
+
+static inline int ubus_invoke(struct ubus_context* ctx, uint32_t obj, const char* method,
+                              struct blob_attr* msg, ubus_data_handler_t cb, void* priv,
+                              int timeout) {
+    return ubus_invoke_fd(ctx, obj, method, msg, cb, priv, timeout, -1);
+}
+
+/** Initialises `req` and sends the call. Set the callbacks afterwards, then hand the record to
+ * one of the ubus_complete_... functions. A null `msg` sends a call without data. A message above
+ * UBUS_MAX_MSGLEN and a failed write give UBUS_STATUS_INVALID_ARGUMENT. */
+int ubus_invoke_async_fd(struct ubus_context* ctx, uint32_t obj, const char* method,
+                         struct blob_attr* msg, struct ubus_request* req, int fd);
+
+static inline int ubus_invoke_async(struct ubus_context* ctx, uint32_t obj, const char* method,
+                                    struct blob_attr* msg, struct ubus_request* req) {
+    return ubus_invoke_async_fd(ctx, obj, method, msg, req, -1);
+}
+
+/** Waits for a started request, at most `timeout` milliseconds (0: no limit). */
+int ubus_complete_request(struct ubus_context* ctx, struct ubus_request* req, int timeout);
+/** Lets a started request go on; `complete_cb` learns its end. */
+void ubus_complete_request_async(struct ubus_context* ctx, struct ubus_request* req);
+/** Forgets a started request; no callback runs any more. */
+void ubus_abort_request(struct ubus_context* ctx, struct ubus_request* req);
+
+/** Publishes an object; its methods, type and name must stay valid. Synchronous. */
+int ubus_add_object(struct ubus_context* ctx, struct ubus_object* obj);
+/** Withdraws an object. Synchronous. */
+int ubus_remove_object(struct ubus_context* ctx, struct ubus_object* obj);
+
+/** Sends one data reply. UBUS_STATUS_NO_DATA if it cannot be written. The size is not checked:
+ * the daemon cuts off who sends more than UBUS_MAX_MSGLEN. */
+int ubus_send_reply(struct ubus_context* ctx, struct ubus_request_data* req, struct blob_attr* msg);
+
+/** Copies what answering later takes into `new_req` and keeps the handler's return value from
+ * being sent. */
+static inline void ubus_defer_request(struct ubus_context* ctx, struct ubus_request_data* req,
+                                      struct ubus_request_data* new_req) {
+    (void)ctx;
+    *new_req = *req;
+    new_req->acl.user = NULL;
+    new_req->acl.group = NULL;
+    new_req->acl.object = NULL;
+    new_req->fd = -1;
+    new_req->req_fd = -1;
+    req->deferred = true;
+}
+
+/** Ends a deferred request with a status. */
+void ubus_complete_deferred_request(struct ubus_context* ctx, struct ubus_request_data* req,
+                                    int ret);
+
+#ifdef __cplusplus
+}
+#endif

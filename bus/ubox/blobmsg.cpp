@@ -1,0 +1,163 @@
+/// blobmsg fields, for libubox's users: adding them to a buffer, and checking and finding them in a
+/// foreign message.
+#include <libubox/blobmsg.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <cstring>
+
+#include "blob_buf.h"
+
+namespace {
+
+// Longer names are never found, whatever the policy asks for.
+constexpr std::size_t longest_found_name = 255;
+
+// The payload rule of each blobmsg type, in the order of enum blobmsg_type.
+constexpr int payload_rule[] = {
+    BLOB_ATTR_UNSPEC, BLOB_ATTR_NESTED, BLOB_ATTR_NESTED, BLOB_ATTR_STRING, BLOB_ATTR_INT64,
+    BLOB_ATTR_INT32,  BLOB_ATTR_INT16,  BLOB_ATTR_INT8,   BLOB_ATTR_DOUBLE,
+};
+static_assert(sizeof payload_rule / sizeof payload_rule[0] == BLOBMSG_TYPE_LAST + 1);
+
+// A field with room for `size` bytes of data.
+blob_attr* new_field(blob_buf& buf, int type, const char* name, std::size_t size) {
+    if (name == nullptr) {
+        name = "";
+    }
+    const std::size_t name_length = std::strlen(name);
+    if (name_length > BLOBMSG_NAME_MAX || size > BLOB_BUF_MAX) {
+        return nullptr;
+    }
+    const std::size_t header_length = blobmsg_hdrlen(static_cast<unsigned>(name_length));
+    blob_attr* const field = blob_new(&buf, type, static_cast<int>(header_length + size));
+    if (field == nullptr) {
+        return nullptr;
+    }
+    field->id_len |= blob_be32(BLOB_ATTR_EXTENDED);
+    auto* const header = reinterpret_cast<blobmsg_hdr*>(field->data);
+    header->namelen = blob_be16(static_cast<std::uint16_t>(name_length));
+    std::memcpy(header->name, name, name_length);
+    std::memset(header->name + name_length, 0, header_length - sizeof *header - name_length);
+    return field;
+}
+
+bool header_is_sound(const blob_attr* attr, bool name_needed) {
+    if (!blob_is_extended(attr)) {
+        return !name_needed;
+    }
+    const unsigned name_length = blobmsg_namelen(attr);
+    return blobmsg_hdrlen(name_length) <= blob_len(attr) &&
+           blobmsg_name(attr)[name_length] == '\0' && (name_length > 0 || !name_needed);
+}
+
+bool type_matches(const blob_attr* field, int type) {
+    return type == BLOBMSG_TYPE_UNSPEC || type == blobmsg_type(field);
+}
+
+// The header's name may hold NULs, so it is compared by its length and not as text.
+bool name_matches(const blob_attr* field, const char* wanted) {
+    const std::size_t length = blobmsg_namelen(field);
+    return wanted != nullptr && length <= longest_found_name &&
+           ::strnlen(wanted, longest_found_name + 1) == length &&
+           std::memcmp(blobmsg_name(field), wanted, length) == 0;
+}
+
+void clear(blob_attr** slots, int count) {
+    for (int i = 0; i < count; ++i) {
+        slots[i] = nullptr;
+    }
+}
+
+} // namespace
+
+int blobmsg_add_field(blob_buf* buf, int type, const char* name, const void* data, unsigned len) {
+    blob_attr* const field = new_field(*buf, type, name, len);
+    if (field == nullptr) {
+        return -1;
+    }
+    if (len > 0) {
+        std::memcpy(blobmsg_data(field), data, len);
+    }
+    return 0;
+}
+
+void* blobmsg_open_nested(blob_buf* buf, const char* name, bool array) {
+    blob_attr* const field =
+        new_field(*buf, array ? BLOBMSG_TYPE_ARRAY : BLOBMSG_TYPE_TABLE, name, 0);
+    return field == nullptr ? nullptr : ubox::open_nest(*buf, field);
+}
+
+bool blobmsg_check_attr(const blob_attr* attr, bool name) {
+    return blobmsg_check_attr_len(attr, name, blob_raw_len(attr));
+}
+
+bool blobmsg_check_attr_len(const blob_attr* attr, bool name, std::size_t len) {
+    if (len < sizeof(blob_attr) || blob_raw_len(attr) < sizeof(blob_attr) ||
+        blob_raw_len(attr) > len || blobmsg_type(attr) > BLOBMSG_TYPE_LAST ||
+        !header_is_sound(attr, name)) {
+        return false;
+    }
+    return blob_check_type(blobmsg_data(attr), static_cast<unsigned>(blobmsg_data_len(attr)),
+                           payload_rule[blobmsg_type(attr)]);
+}
+
+int blobmsg_check_array(const blob_attr* attr, int type) {
+    const bool table = blobmsg_type(attr) == BLOBMSG_TYPE_TABLE;
+    if (!table && blobmsg_type(attr) != BLOBMSG_TYPE_ARRAY) {
+        return -1;
+    }
+    int count = 0;
+    blob_attr* element;
+    std::size_t left;
+    blobmsg_for_each_attr(element, attr, left) {
+        if (!blobmsg_check_attr(element, table) || !type_matches(element, type)) {
+            return -1;
+        }
+        ++count;
+    }
+    return count;
+}
+
+int blobmsg_parse(const blobmsg_policy* policy, int policy_len, blob_attr** tb, void* data,
+                  unsigned len) {
+    clear(tb, policy_len);
+    if (data == nullptr || len == 0) {
+        return -EINVAL;
+    }
+    blob_attr* field;
+    std::size_t left = len;
+    __blob_for_each_attr(field, data, left) {
+        if (!blobmsg_check_attr(field, false)) {
+            return -1;
+        }
+        if (!blob_is_extended(field)) {
+            continue;
+        }
+        for (int i = 0; i < policy_len; ++i) {
+            if (tb[i] == nullptr && type_matches(field, policy[i].type) &&
+                name_matches(field, policy[i].name)) {
+                tb[i] = field;
+            }
+        }
+    }
+    return 0;
+}
+
+int blobmsg_parse_array(const blobmsg_policy* policy, int policy_len, blob_attr** tb, void* data,
+                        unsigned len) {
+    clear(tb, policy_len);
+    int position = 0;
+    blob_attr* element;
+    std::size_t left = data == nullptr ? 0 : len;
+    __blob_for_each_attr(element, data, left) {
+        if (!blobmsg_check_attr(element, false)) {
+            return -1;
+        }
+        if (position < policy_len && type_matches(element, policy[position].type)) {
+            tb[position] = element;
+        }
+        ++position;
+    }
+    return 0;
+}

@@ -1,0 +1,135 @@
+/// The four signals of the process that uloop takes while nobody else wants them.
+#include "uloop_signals.h"
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <cstdint>
+#include <sched.h>
+#include <sys/eventfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <libubox/uloop.h>
+
+bool uloop_handle_sigchld = true;
+
+namespace {
+
+constexpr int taken_signals[] = {SIGINT, SIGTERM, SIGCHLD, SIGPIPE};
+
+std::atomic<int> wakeup_fd{-1};
+std::atomic<int> handlers_running{0};
+std::atomic<bool> child_has_ended{false};
+static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
+              "the signal handler must not meet a lock");
+
+extern "C" void on_signal(int number) {
+    const int saved_errno = errno;
+    handlers_running.fetch_add(1);
+    if (number == SIGCHLD) {
+        child_has_ended.store(true);
+    } else {
+        __atomic_store_n(&uloop_cancelled, true, __ATOMIC_RELAXED);
+    }
+    const int fd = wakeup_fd.load();
+    if (fd >= 0) {
+        const std::uint64_t one = 1;
+        // It can only fail because the counter is full, and then the descriptor is readable.
+        [[maybe_unused]] const ssize_t written = ::write(fd, &one, sizeof one);
+    }
+    handlers_running.fetch_sub(1);
+    errno = saved_errno;
+}
+
+struct sigaction action_for(int number) {
+    struct sigaction action {};
+    action.sa_handler = number == SIGPIPE ? SIG_IGN : on_signal;
+    action.sa_flags = SA_RESTART | (number == SIGCHLD ? SA_NOCLDSTOP : 0);
+    // An ignored signal has no use for a mask. Here it tells our SIG_IGN from one that the
+    // application has set meanwhile and that must stay.
+    sigemptyset(&action.sa_mask);
+    for (const int blocked : taken_signals) {
+        sigaddset(&action.sa_mask, blocked);
+    }
+    return action;
+}
+
+bool same_mask(const sigset_t& a, const sigset_t& b) {
+    for (int number = 1; number < NSIG; ++number) {
+        if (sigismember(&a, number) != sigismember(&b, number)) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool is_ours(int number, const struct sigaction& current) {
+    const struct sigaction ours = action_for(number);
+    return (current.sa_flags & SA_SIGINFO) == 0 && current.sa_handler == ours.sa_handler &&
+           same_mask(current.sa_mask, ours.sa_mask);
+}
+
+} // namespace
+
+bool ubox::open_signal_wakeup() {
+    const int fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
+    wakeup_fd.store(fd);
+    return fd >= 0;
+}
+
+int ubox::signal_wakeup_fd() {
+    return wakeup_fd.load();
+}
+
+void ubox::drain_signal_wakeup() {
+    std::uint64_t count;
+    [[maybe_unused]] const ssize_t got = ::read(wakeup_fd.load(), &count, sizeof count);
+}
+
+void ubox::close_signal_wakeup() {
+    const int fd = wakeup_fd.exchange(-1);
+    // A handler on another thread may be about to write: closed under it, the number could belong
+    // to somebody else's file by then.
+    while (handlers_running.load() != 0) {
+        ::sched_yield();
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    }
+}
+
+void ubox::take_signals() {
+    for (const int number : taken_signals) {
+        if (number == SIGCHLD && !uloop_handle_sigchld) {
+            continue;
+        }
+        struct sigaction current {};
+        if (::sigaction(number, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) == 0 &&
+            current.sa_handler == SIG_DFL) {
+            const struct sigaction ours = action_for(number);
+            ::sigaction(number, &ours, nullptr);
+        }
+    }
+}
+
+void ubox::give_signals_back() {
+    for (const int number : taken_signals) {
+        struct sigaction current {};
+        if (::sigaction(number, nullptr, &current) == 0 && is_ours(number, current)) {
+            struct sigaction plain {};
+            plain.sa_handler = SIG_DFL;
+            ::sigaction(number, &plain, nullptr);
+        }
+    }
+}
+
+void ubox::collect_children() {
+    if (!child_has_ended.exchange(false)) {
+        return;
+    }
+    pid_t ended;
+    do {
+        ended = ::waitpid(-1, nullptr, WNOHANG);
+    } while (ended > 0 || (ended < 0 && errno == EINTR));
+}

@@ -1,0 +1,46 @@
+/// What libubus does with received messages. Internal to libubus.
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <libubus.h>
+
+#include "message.h"
+
+namespace bus {
+
+/// The record that `node`, its member at `offset`, belongs to.
+template <typename Record, typename Member>
+Record* record_of(Member* node, std::size_t offset) {
+    return reinterpret_cast<Record*>(reinterpret_cast<char*>(node) - offset);
+}
+
+/// Handles what has been read already, without reading more.
+void handle_buffered(ubus_context& ctx);
+
+/// Handles at most one message that has been read already; false if there was none.
+bool handle_one(ubus_context& ctx);
+
+/// Everything that happens when the connection is over, once: requests that nobody waits for are
+/// completed with UBUS_STATUS_TIMEOUT, then connection_lost is called. It may free the context if
+/// no synchronous request is in progress.
+void end_connection(ubus_context& ctx);
+
+/// Callbacks of the context's socket and timer in uloop.
+void on_socket(uloop_fd* sock, unsigned int events);
+void on_pending_timer(uloop_timeout* timer);
+
+/// Drops the calls that wait for the end of a synchronous request.
+void drop_pending(ubus_context& ctx);
+
+/// Runs the handler of one incoming call and answers it.
+void handle_invoke(ubus_context& ctx, const message_head& head, const attributes& given);
+
+/// Hands a DATA or STATUS message to the request that waits for it.
+void handle_answer(ubus_context& ctx, const message_head& head, blob_attr* message,
+                   const attributes& given);
+
+/// Unlinks the request and tells its complete_cb.
+void finish_request(ubus_request& request, int status);
+
+} // namespace bus

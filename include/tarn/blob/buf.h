@@ -1,0 +1,104 @@
+/// tarn::blob::buf: encodes a table of values into a blobmsg message.
+#pragma once
+
+#include "tarn/blob/attr.h"
+#include "tarn/export.h"
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <string>
+#include <typeindex>
+#include <vector>
+
+struct blob_buf;
+
+namespace tarn::blob {
+
+/// A blobmsg message under construction, in a libubox `blob_buf` that the buf owns. The library
+/// builds its messages with it on the loop thread; an application needs it only to make messages
+/// for libubus or libubox calls of its own.
+///
+/// Numbers go out in network byte order, signed ones as the bits of the unsigned type of their
+/// width; `bool` and `unsigned char` both become INT8, and a reader cannot tell them apart. A
+/// string ends at its first NUL, and so does a name. Nesting of any depth is written with a
+/// constant amount of stack. libubox limits a message to 0xffffff bytes and a name to 65535.
+///
+/// Nothing that fails rolls the message back: fields written before the failure stay, and the
+/// nests that were open stay open. After an exception call clear() or discard the buf.
+///
+/// Threads: none inside; one thread at a time.
+class TARN_API buf {
+public:
+    /// An empty message. Throws `std::bad_alloc` when libubox cannot allocate it.
+    buf();
+    /// A message with the given fields, as by assign().
+    buf(const std::multimap<std::string, attr>& fields);
+    /// Frees the message.
+    ~buf();
+
+    buf(const buf&) = delete;
+    buf& operator=(const buf&) = delete;
+
+    /// Starts an empty message. Throws `std::bad_alloc` when libubox cannot allocate it.
+    void clear();
+
+    /// Appends one field at the current level: a scalar, or a list or table with all it holds,
+    /// elements of a list under the empty name. Throws
+    ///  - `std::logic_error` "tarn::blob::buff: Unsupported type [" + type name + "]" for an empty
+    ///    attr, also one inside `value`;
+    ///  - `std::runtime_error` "tarn::blob::buff: Faild to handle " + "unspec", "array", "table",
+    ///    "string", "int64", "int32", "int16", "int8", "boolean" or "decimal" when libubox cannot
+    ///    take the field: the buffer cannot grow, the name or the value is too long;
+    ///  - `std::bad_alloc`.
+    void add(const std::string& name, const attr& value);
+
+    /// Starts a new message and adds every entry of `fields` in its order. Throws as clear() and
+    /// add() do.
+    void assign(const std::multimap<std::string, attr>& fields);
+    /// As assign().
+    buf& operator=(const std::multimap<std::string, attr>& fields);
+
+    /// The buffer itself, for libubox and libubus calls; its `head` is the message. The pointer
+    /// stays valid for the life of the buf; `head` changes with every operation above.
+    ::blob_buf* native() noexcept { return b_.get(); }
+    const ::blob_buf* native() const noexcept { return b_.get(); }
+
+private:
+    using converter = std::function<void(const std::string&, const attr&)>;
+
+    struct TARN_API release {
+        void operator()(::blob_buf* buffer) const noexcept;
+    };
+    class nest;
+
+    void convert(const std::string& name, const attr& value);
+    void write_children();
+    void add_converters();
+    template <class T>
+    void add_number_converter(int type, const char* failure);
+    template <class Container>
+    void add_nest_converter(bool array, const char* failure);
+    void put(int type, const std::string& name, const void* data, std::size_t size,
+             const char* failure);
+
+    const std::string prefix_;
+    std::unique_ptr<::blob_buf, release> b_;
+    /// The writer for each stored type; a list's or table's opens the nest and leaves the children
+    /// to write_children().
+    std::map<std::type_index, converter> converters_;
+    /// Lists and tables that are open, outermost first. Empty between calls.
+    std::vector<nest> nests_;
+};
+
+namespace utils {
+
+/// The blobmsg type (a number of libubox's `enum blobmsg_type`, which a C enumeration forbids to
+/// declare here) of a stored type of attr. Any thread. Throws `std::logic_error`
+/// "tarn::blob::utils::to_blobmsg_type: Unknown type" when `type` is no stored type: `typeid(int)`
+/// is none, `typeid(unsigned int)` is.
+TARN_API int to_blobmsg_type(const std::type_index& type);
+
+} // namespace utils
+
+} // namespace tarn::blob

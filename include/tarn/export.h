@@ -1,0 +1,9 @@
+/// TARN_API: marks what libtarn exports; everything else in the shared library is hidden.
+#pragma once
+
+// In the bracket form, because g++ does not let the older one stand beside [[nodiscard]].
+#if defined(TARN_STATIC)
+#define TARN_API
+#else
+#define TARN_API [[gnu::visibility("default")]]
+#endif

@@ -1,0 +1,98 @@
+/// The library's own loop: the one thread that calls libubus and libubox, and the way to hand it
+/// work. Applications normally have no use for it; tarn::client starts and stops it.
+#pragma once
+
+#include "tarn/export.h"
+#include "tarn/misc/unix_signal_actions.h"
+
+#include <deque>
+#include <exception>
+#include <functional>
+#include <mutex>
+#include <string>
+
+namespace tarn {
+
+/// libubox's event loop with a queue of tasks in front of it.
+///
+/// Tasks run one after another, in posting order, on the thread that is inside run(). While no
+/// thread is, they wait for the next run(). Failures are std::runtime_error whose text begins with
+/// "uloop: ".
+///
+/// Not to be confused with the application's loop (utils::event_loop), where handlers run.
+class TARN_API uloop {
+public:
+    /// The one instance of the process. Any thread.
+    static uloop& get_instance();
+
+    uloop(const uloop&) = delete;
+    uloop& operator=(const uloop&) = delete;
+
+    /// Runs the loop on the calling thread until exit() is called or something fails. The process's
+    /// dispositions of SIGINT, SIGTERM, SIGCHLD and SIGPIPE are the same before and after libubox's
+    /// initialisation inside.
+    ///
+    /// When the loop ends, tasks still queued are destroyed without having run. An exception that
+    /// leaves a task (or is reported through exception_handler()) ends the loop and is thrown from
+    /// here; the rest of that task's batch is dropped. Further errors, all std::runtime_error:
+    /// "uloop: " followed by
+    ///   "Can't run second uloop"                 a run() is under way; it is not disturbed;
+    ///   "Can't create socketpair for post [..."  no descriptors left;
+    ///   "Can't init uloop"                       libubox's initialisation failed. The dispositions
+    ///                                            it may have changed are not put back;
+    ///   "Can't add fd to uloop [..."             libubox refused the wake-up descriptor;
+    ///   "Unexptected uloop exit"                 the loop ended although nobody asked for it;
+    /// and those of unix_signal_actions. After any of them run() may be called again. Tasks posted
+    /// before a run() that failed to start stay queued.
+    void run();
+
+    /// Asks a running loop to stop: tasks still queued, and those posted from now on, are not run.
+    /// Does nothing, and leaves nothing behind for the next run(), when the loop is not running.
+    /// Any thread, tasks included. Throws what notify() throws.
+    void exit();
+
+    /// Queues `task` to run on the loop's thread, never inside this call; an empty one is ignored.
+    /// Any thread, tasks included: what a task posts runs after everything that was queued with it.
+    /// The task is destroyed on the loop's thread as soon as it has run. Throws what notify()
+    /// throws; the task is then not queued.
+    void post(std::function<void()>&& task);
+    /// The same with a copy of `task`.
+    void post(const std::function<void()>& task);
+
+    /// Runs everything that is queued; when exit() was called, ends the loop instead. For the
+    /// loop's own use: the loop's thread only. `drain_wakeup` says that a wake-up byte is there to
+    /// be consumed. Throws std::runtime_error "uloop: Can't clean uloop notify buffer: ..." when it
+    /// cannot be read, and what a task throws; the tasks not yet run are then dropped.
+    void process(bool drain_wakeup);
+
+    /// Wakes the loop if it runs, is not asked to stop, and has no task queued (with one queued it
+    /// has been woken already, so a burst of posts costs one wake-up). For the loop's own use. Any
+    /// thread. Throws std::runtime_error "uloop: Can't notify uloop: ..." when it cannot be woken.
+    void notify();
+
+    /// Ends the loop with the exception being handled, which run() then throws; of several, the
+    /// last. For callbacks that C code calls, from inside a catch block on the loop's thread;
+    /// called with no exception being handled it ends the process.
+    void exception_handler() noexcept;
+
+private:
+    uloop();
+    ~uloop() = default;
+
+    void open_wakeup();
+    void close_wakeup() noexcept;
+    void run_libubox();
+    void drop_tasks() noexcept;
+
+    std::exception_ptr pending_exception_;
+    const std::string prefix_;
+    int wakeup_[2]; ///< write end, read end; open while running_
+    bool running_ = false;
+    bool exiting_ = false;
+    /// Guards everything here. No task runs and none is destroyed while it is held. Recursive,
+    /// since notify() is part of post() and exit() and also stands alone.
+    std::recursive_mutex lock_;
+    std::deque<std::function<void()>> queue_;
+};
+
+} // namespace tarn

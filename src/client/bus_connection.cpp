@@ -1,0 +1,76 @@
+/// The loop thread's side of the connection.
+#include "client/client_impl.h"
+
+#include "client/callback_gate.h"
+#include "tarn/error.h"
+#include "tarn/uloop.h"
+#include "uloop/libubox_signals.h"
+
+#include <utility>
+
+namespace tarn {
+
+void client_impl::connect_sync(
+    const std::weak_ptr<void>& connection,
+    const std::function<void(state, const std::error_code&)>& report) {
+    release_bus();
+    // Connecting initialises libubox's loop once more, which takes over the signals that the
+    // application has left at their defaults.
+    const misc::libubox_signals signals;
+    bus_.reset(ubus_connect(nullptr));
+    signals.put_back();
+    if (bus_) {
+        bus_token_ = connection;
+        bus_->connection_lost = &client_impl::connection_lost_handler;
+        if (uloop_fd_add(&bus_->sock, ULOOP_BLOCKING | ULOOP_READ) < 0) {
+            bus_.reset();
+        }
+    }
+    if (bus_) {
+        report(state::connected, {});
+    } else {
+        report(state::disconnected, error::generic::unknown_error);
+    }
+}
+
+void client_impl::disconnect_sync(const std::weak_ptr<void>& tracker) {
+    release_bus();
+    // The records are handed on, not just their addresses: while the report is under way no newer
+    // request or object can come to lie at the same place. Nothing is aborted or removed through
+    // libubus, whose connection is gone.
+    post_from_uloop([this, tracker, dropped = std::exchange(requests_, {}),
+                     withdrawn = std::exchange(ubus_objects_, {})] {
+        on_disconnected(tracker, dropped, withdrawn);
+    });
+    retired_objects_.clear();
+}
+
+void client_impl::release_bus() {
+    bus_.reset();
+    lost_bus_.reset();
+}
+
+void client_impl::connection_lost_handler(ubus_context* context) {
+    guard_callback([context] { get_instance({}).on_connection_lost(context); });
+}
+
+void client_impl::on_connection_lost(ubus_context* context) {
+    if (context != bus_.get()) {
+        return;
+    }
+    // The loss may be noticed deep inside a synchronous libubus call, which goes on using the
+    // context when this returns. So the connection only leaves the loop and the client here; it is
+    // freed by a task, which the loop runs when no libubus function is on the stack.
+    uloop_fd_delete(&context->sock);
+    lost_bus_ = std::move(bus_);
+    uloop::get_instance().post([this] { lost_bus_.reset(); });
+    // Tied to this connection: when the application disconnects and connects again before it hears
+    // of the loss, the loss must not end the new connection.
+    post_from_uloop(misc::tie_handler([this] { request_disconnect(); }, bus_token_));
+}
+
+ubus_context* client_impl::usable_bus() const {
+    return bus_ && !bus_->sock.eof ? bus_.get() : nullptr;
+}
+
+} // namespace tarn

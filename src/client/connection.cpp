@@ -1,0 +1,416 @@
+/// The application's side of the connection: the state machine, its waiting handlers, automatic
+/// reconnection and cancel().
+#include "client/client_impl.h"
+
+#include "tarn/error.h"
+
+#include <limits>
+#include <utility>
+
+namespace tarn {
+
+namespace {
+
+using tarn::misc::aggregate_adapter;
+
+/// A one-shot subscription to the outcome of a connect or disconnect request. The handler's own
+/// link decides; the slot is only tidied away, unless the outcome is being told already, from
+/// copies that the link has disarmed as well.
+class outcome_subscription final : public utils::link::impl {
+public:
+    outcome_subscription(std::mutex& lock, const utils::link& handler, const utils::link& slot)
+        : lock_(lock)
+        , handler_(handler)
+        , slot_(slot) {}
+
+    void release() override {
+        handler_.release();
+        const std::lock_guard<std::mutex> guard(lock_);
+        slot_.release();
+    }
+
+    bool active() const override { return handler_.active(); }
+
+private:
+    std::mutex& lock_; ///< the client's, which is never destroyed
+    utils::link handler_;
+    utils::link slot_;
+};
+
+/// A subscription to state changes. Shares the handler with its slot, so that the application's
+/// captures are destroyed outside the lock.
+class state_subscription final : public utils::link::impl {
+public:
+    state_subscription(std::mutex& lock, std::shared_ptr<client::state_handler> handler,
+                       const utils::link& slot)
+        : lock_(lock)
+        , handler_(std::move(handler))
+        , slot_(slot) {}
+
+    void release() override {
+        std::shared_ptr<client::state_handler> dropped;
+        const std::lock_guard<std::mutex> guard(lock_);
+        slot_.release();
+        dropped.swap(handler_);
+    }
+
+    bool active() const override { return slot_.active(); }
+
+private:
+    std::mutex& lock_; ///< the client's, which is never destroyed
+    std::shared_ptr<client::state_handler> handler_;
+    utils::link slot_;
+};
+
+} // namespace
+
+client::state client_impl::get_state() const {
+    return state_;
+}
+
+bool client_impl::is_active() const {
+    return get_state() == state::connected;
+}
+
+utils::link client_impl::notify_on_state_change(const state_handler& handler) {
+    if (!handler) {
+        return {};
+    }
+    const auto shared = std::make_shared<state_handler>(handler);
+    const std::lock_guard<std::mutex> guard(state_lock_);
+    const utils::link slot = state_changed_.connect([shared](state s) { (*shared)(s); });
+    return aggregate_adapter<utils::link>(
+        std::make_shared<state_subscription>(state_lock_, shared, slot));
+}
+
+utils::link client_impl::subscribe(outcome_signal& sig, const completion_handler& handler) {
+    if (!handler) {
+        return {};
+    }
+    const auto wrapped = misc::link_handler(handler, false);
+    const std::lock_guard<std::mutex> guard(state_lock_);
+    const utils::link slot = sig.connect(wrapped.first);
+    return aggregate_adapter<utils::link>(
+        std::make_shared<outcome_subscription>(state_lock_, wrapped.second, slot));
+}
+
+utils::link client_impl::connect(const completion_handler& handler) {
+    disable_auto_connect();
+    if (get_tracker().expired()) {
+        return subscribe(connect_done_, handler);
+    }
+    if (is_active()) {
+        return report_later(handler, {});
+    }
+    utils::link pending = subscribe(connect_done_, handler);
+    try {
+        connect_impl();
+    } catch (...) {
+        pending.release();
+        throw;
+    }
+    return pending;
+}
+
+utils::link client_impl::disconnect(const completion_handler& handler) {
+    disable_auto_connect();
+    if (get_tracker().expired()) {
+        return subscribe(disconnect_done_, handler);
+    }
+    const state current = get_state();
+    if (current == state::disconnected) {
+        return report_later(handler, {});
+    }
+    utils::link pending = subscribe(disconnect_done_, handler);
+    try {
+        if (current == state::connecting) {
+            on_state_change(state::disconnecting);
+        } else if (current == state::connected) {
+            request_disconnect();
+        }
+    } catch (...) {
+        pending.release();
+        throw;
+    }
+    return pending;
+}
+
+utils::link client_impl::auto_connect(const backoff_function& backoff) {
+    disable_auto_connect();
+    utils::link active;
+    if (backoff) {
+        auto stored = std::make_shared<reconnection>();
+        stored->backoff = std::make_shared<const backoff_function>(backoff);
+        active.assign(misc::create_link(stored, [this] { disable_auto_connect(); }));
+        const std::lock_guard<std::mutex> guard(state_lock_);
+        reconnection_ = std::move(stored);
+    }
+    try {
+        connect_impl();
+    } catch (...) {
+        active.release();
+        throw;
+    }
+    return active;
+}
+
+void client_impl::disable_auto_connect() {
+    std::shared_ptr<const backoff_function> dropped; // destroyed outside the lock
+    std::shared_ptr<utils::event_loop::timer> timer;
+    {
+        const std::lock_guard<std::mutex> guard(state_lock_);
+        attempts_ = 0;
+        if (reconnection_) {
+            dropped.swap(reconnection_->backoff);
+            reconnection_.reset();
+        }
+        if (life_token_) {
+            timer = reconnect_timer_;
+        }
+    }
+    // After the back-off is gone: whoever arms the timer meanwhile looks for it again afterwards.
+    if (timer) {
+        timer->stop();
+    }
+}
+
+void client_impl::connect_impl() {
+    if (get_tracker().expired()) {
+        return;
+    }
+    switch (get_state()) {
+    case state::connected:
+    case state::connecting:
+        break;
+    case state::disconnecting:
+        on_state_change(state::connecting);
+        break;
+    case state::disconnected:
+        request_connection();
+        break;
+    }
+}
+
+void client_impl::request_connection() {
+    auto tracker = get_tracker();
+    if (tracker.expired()) {
+        return;
+    }
+    auto token = std::make_shared<char>('\0');
+    const std::weak_ptr<void> connection = token;
+    {
+        const std::lock_guard<std::mutex> guard(state_lock_);
+        connection_token_ = std::move(token);
+    }
+    // Both the report and the task that carries it are tied: an attempt that cancel() has overtaken
+    // says nothing, wherever it has got to.
+    const auto result = misc::tie_handler(
+        [this](state s, const std::error_code& code) { on_connect_result(s, code); }, tracker);
+    const auto report = [this, result, tracker](state s, const std::error_code& code) {
+        post_from_uloop(misc::tie_handler([result, s, code] { result(s, code); }, tracker));
+    };
+    // The state moves before the request is on its way, since the result may overtake a caller that
+    // is not on the application's loop; subscribers hear of it when the request cannot fail any more.
+    const state before = state_.exchange(state::connecting);
+    try {
+        post_to_uloop([this, connection, report] { connect_sync(connection, report); });
+    } catch (...) {
+        state_ = before;
+        const std::lock_guard<std::mutex> guard(state_lock_);
+        connection_token_.reset();
+        throw;
+    }
+    if (before != state::connecting) {
+        announce(state::connecting);
+    }
+}
+
+void client_impl::request_disconnect() {
+    std::shared_ptr<void> token;
+    std::weak_ptr<void> tracker;
+    {
+        const std::lock_guard<std::mutex> guard(state_lock_);
+        token.swap(connection_token_);
+        tracker = life_token_;
+    }
+    if (!token) {
+        return;
+    }
+    state before = get_state();
+    while (before != state::disconnected &&
+           !state_.compare_exchange_weak(before, state::disconnecting)) {
+    }
+    try {
+        post_to_uloop([this, tracker] { disconnect_sync(tracker); });
+    } catch (...) {
+        state_ = before;
+        const std::lock_guard<std::mutex> guard(state_lock_);
+        connection_token_ = std::move(token);
+        throw;
+    }
+    token.reset();
+    if (before != state::disconnected && before != state::disconnecting) {
+        announce(state::disconnecting);
+    }
+}
+
+void client_impl::on_connect_result(state reported, const std::error_code& code) {
+    const state current = get_state();
+    // Handlers run below may ask for the next connection or disconnection; what they subscribe then
+    // waits for that one's outcome. So those who wait for this one are taken out beforehand.
+    const bool disconnect_waits = current == state::disconnecting;
+    const outcome_signal waiting = take_waiting(connect_done_);
+    const outcome_signal overtaken =
+        disconnect_waits ? outcome_signal() : take_waiting(disconnect_done_);
+    if (disconnect_waits) {
+        // The attempt's end is what the disconnection was waiting for.
+        waiting.call_impl<void>(code);
+        request_disconnect();
+        return;
+    }
+    on_state_change(current == state::connecting ? reported : current);
+    waiting.call_impl<void>(code);
+    overtaken.call_impl<void>(error::generic::aborted);
+}
+
+void client_impl::on_disconnected(
+    const std::weak_ptr<void>& tracker,
+    const std::map<ubus_request*, std::shared_ptr<ubus_request>>& dropped,
+    const std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>>& withdrawn) {
+    if (!tracker.expired()) {
+        const state current = get_state();
+        const bool connect_waits = current == state::connecting;
+        const outcome_signal waiting = take_waiting(disconnect_done_);
+        const outcome_signal overtaken =
+            connect_waits ? outcome_signal() : take_waiting(connect_done_);
+        if (connect_waits) {
+            // Before the handlers, so that one that disconnects again finds an attempt to end.
+            request_connection();
+        } else {
+            on_state_change(current == state::disconnecting ? state::disconnected : current);
+        }
+        waiting.call_impl<void>(std::error_code());
+        overtaken.call_impl<void>(error::generic::aborted);
+    }
+    for (const auto& entry : dropped) {
+        const auto ended = invokes_.take(entry.first);
+        if (ended && ended->handler) {
+            ended->handler({}, error::msg::connection_failed);
+        }
+    }
+    for (const auto& entry : withdrawn) {
+        objects_.take(entry.first);
+    }
+}
+
+client_impl::outcome_signal client_impl::take_waiting(outcome_signal& sig) {
+    outcome_signal taken;
+    const std::lock_guard<std::mutex> guard(state_lock_);
+    taken = sig;
+    sig = outcome_signal();
+    return taken;
+}
+
+void client_impl::on_req_done(outcome_signal& sig, state s, const std::error_code& code) {
+    on_state_change(s);
+    take_waiting(sig).call_impl<void>(code);
+}
+
+void client_impl::on_state_change(state s) {
+    if (state_.exchange(s) != s) {
+        announce(s);
+    }
+}
+
+void client_impl::announce(state s) {
+    if (s == state::connected) {
+        const std::lock_guard<std::mutex> guard(state_lock_);
+        attempts_ = 0;
+    } else if (s == state::disconnected) {
+        arm_reconnection();
+    }
+    state_signal subscribers;
+    {
+        const std::lock_guard<std::mutex> guard(state_lock_);
+        subscribers = state_changed_;
+    }
+    subscribers.call_impl<void>(s);
+}
+
+void client_impl::arm_reconnection() {
+    std::shared_ptr<const backoff_function> backoff;
+    std::shared_ptr<utils::event_loop::timer> timer;
+    long long attempt = 0;
+    {
+        const std::lock_guard<std::mutex> guard(state_lock_);
+        if (!reconnection_) {
+            return;
+        }
+        if (attempts_ < std::numeric_limits<long long>::max()) {
+            ++attempts_;
+        }
+        attempt = attempts_;
+        backoff = reconnection_->backoff;
+        timer = reconnect_timer_;
+    }
+    const auto still_wanted = [this, &backoff] {
+        const std::lock_guard<std::mutex> guard(state_lock_);
+        return reconnection_ && reconnection_->backoff == backoff;
+    };
+    const std::chrono::seconds delay = (*backoff)(attempt);
+    if (!still_wanted()) {
+        return; // switched off, or replaced, by the back-off function itself or another thread
+    }
+    if (delay < std::chrono::seconds(1)) {
+        disable_auto_connect();
+        return;
+    }
+    timer->set_timeout(delay);
+    if (!still_wanted()) {
+        timer->stop();
+    }
+}
+
+void client_impl::cancel() {
+    disable_auto_connect();
+    {
+        std::shared_ptr<void> life;
+        const std::lock_guard<std::mutex> guard(state_lock_);
+        life.swap(life_token_);
+    }
+    request_disconnect();
+    objects_.deactivate_all();
+    {
+        const std::lock_guard<std::mutex> guard(delivery_lock_);
+        delivery_waits_ = true;
+    }
+    // One at a time, so that a handler that releases another operation's link still prevents that
+    // one's report.
+    while (const auto ended = invokes_.take_any()) {
+        if (ended->handler) {
+            ended->handler({}, error::generic::aborted);
+        }
+    }
+    for (auto* handlers : {&add_handlers_, &del_handlers_, &send_handlers_}) {
+        while (const auto handler = handlers->take_oldest()) {
+            handler(error::generic::aborted);
+        }
+    }
+    process_task_queue();
+    on_req_done(disconnect_done_, state::disconnected, {});
+    on_req_done(connect_done_, state::disconnected, error::generic::aborted);
+    {
+        const std::lock_guard<std::mutex> delivery_guard(delivery_lock_);
+        if (stopped_) {
+            return;
+        }
+    }
+    {
+        auto life = std::make_shared<char>('\0');
+        const std::lock_guard<std::mutex> guard(state_lock_);
+        life_token_ = std::move(life);
+    }
+    post([this] { process_task_queue(); });
+}
+
+} // namespace tarn

@@ -1,0 +1,134 @@
+/// Answering an incoming call: replies, and the one completion.
+#include "client/client_impl.h"
+
+#include "tarn/error.h"
+
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+namespace tarn {
+
+namespace {
+
+/// The size that libubus gives the message of a reply: the blob's head, the object's id, and the
+/// data with its own head.
+std::size_t reply_size(const blob::buf& data) {
+    constexpr std::size_t head = 4;
+    constexpr std::size_t object_id = 8;
+    return head + object_id + blob_pad_len(data.native()->head);
+}
+
+} // namespace
+
+client_impl::exchange_ctx::exchange_ctx(client_impl& owner,
+                                        const std::shared_ptr<ubus_request_data>& request,
+                                        std::multimap<std::string, blob::attr>&& arguments)
+    : client::exchange_ctx(std::move(arguments))
+    , client_(owner)
+    , tracker_(owner.get_tracker())
+    , connection_(owner.connection_tracker())
+    , request_(request) {}
+
+client_impl::exchange_ctx::~exchange_ctx() {
+    exchange_ctx::respond(error::msg::success);
+}
+
+bool client_impl::exchange_ctx::expired() const {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return connection_.expired() || !client_.is_active();
+}
+
+utils::link client_impl::exchange_ctx::send(std::multimap<std::string, blob::attr> data,
+                                            const completion_handler& handler) {
+    if (tracker_.expired()) {
+        return {};
+    }
+    std::weak_ptr<void> connection;
+    std::shared_ptr<ubus_request_data> request;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        if (!connection_.expired() && client_.is_active()) {
+            connection = connection_;
+            request = request_;
+        }
+    }
+    if (!request) {
+        return client_.report_later(handler, error::msg::connection_failed);
+    }
+    const ticket entry = client_.send_handlers_.add(handler);
+    try {
+        utils::link pending = client_.send_handlers_.link_to(entry);
+        client_.post_to_uloop([&client = client_, connection, request, data = std::move(data),
+                               entry] { client.send_sync(connection, request, data, entry); });
+        return pending;
+    } catch (...) {
+        client_.send_handlers_.take(entry);
+        throw;
+    }
+}
+
+void client_impl::exchange_ctx::respond(const std::error_code& status) {
+    std::weak_ptr<void> connection;
+    std::shared_ptr<ubus_request_data> request;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        if (connection_.expired() || !client_.is_active()) {
+            return;
+        }
+        connection.swap(connection_);
+        request.swap(request_);
+    }
+    try {
+        client_.post_to_uloop([&client = client_, connection, request, status] {
+            client.complete_sync(connection, request, status);
+        });
+    } catch (...) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        connection_.swap(connection);
+        request_.swap(request);
+        throw;
+    }
+}
+
+void client_impl::send_sync(const std::weak_ptr<void>& connection,
+                            const std::shared_ptr<ubus_request_data>& request,
+                            const std::multimap<std::string, blob::attr>& data,
+                            const ticket& entry) {
+    ubus_context* const bus = usable_bus();
+    if (connection.expired() || bus == nullptr) {
+        // Nobody to tell, but the handler must not stay behind.
+        post_from_uloop([this, entry] { send_handlers_.take(entry); });
+        return;
+    }
+    std::error_code status;
+    try {
+        blob::buf buffer(data);
+        // libubus does not check, and the daemon would drop the whole connection.
+        status = reply_size(buffer) > UBUS_MAX_MSGLEN
+                     ? error::msg::invalid_argument
+                     : to_msg_error(ubus_send_reply(bus, request.get(), buffer.native()->head));
+    } catch (const std::bad_alloc&) {
+        status = error::msg::no_memory;
+    } catch (const std::logic_error&) {
+        status = error::msg::parse_error; // a value that has no encoding
+    } catch (const std::exception&) {
+        status = error::msg::invalid_argument; // more than a message buffer can hold
+    }
+    post_from_uloop([this, status, entry] {
+        if (const auto handler = send_handlers_.take(entry)) {
+            handler(status);
+        }
+    });
+}
+
+void client_impl::complete_sync(const std::weak_ptr<void>& connection,
+                                const std::shared_ptr<ubus_request_data>& request,
+                                const std::error_code& status) {
+    ubus_context* const bus = usable_bus();
+    if (bus != nullptr && !connection.expired()) {
+        ubus_complete_deferred_request(bus, request.get(), to_ubus_msg_status(status));
+    }
+}
+
+} // namespace tarn

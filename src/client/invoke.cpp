@@ -1,0 +1,221 @@
+/// Calls of other processes' objects, from the application's request to its handler.
+#include "client/client_impl.h"
+
+#include "client/callback_gate.h"
+#include "tarn/error.h"
+#include "tarn/uloop.h"
+
+#include <new>
+#include <utility>
+
+namespace tarn {
+
+namespace {
+
+/// Room that a message needs beside a name or path in it: headers and padding of its attributes.
+constexpr std::size_t message_overhead = 64;
+
+bool fits_message(const std::string& name) {
+    return name.size() + message_overhead <= UBUS_MAX_MSGLEN;
+}
+
+/// One reply as the result handler receives it; a message that cannot be decoded counts as an
+/// empty reply and makes `status` parse_error.
+std::list<blob::attr> decode_reply(blob_attr* msg, std::error_code& status) {
+    std::multimap<std::string, blob::attr> table;
+    try {
+        table = blob::utils::to_table(msg);
+    } catch (const std::exception&) {
+        status = error::msg::parse_error;
+    }
+    std::list<blob::attr> reply(1);
+    reply.front().set<std::multimap<std::string, blob::attr>>(std::move(table));
+    return reply;
+}
+
+} // namespace
+
+utils::link client_impl::invoke(const std::string& path, const std::string& method,
+                                const std::multimap<std::string, blob::attr>& args,
+                                const result_handler& handler,
+                                const std::chrono::seconds& timeout) {
+    if (get_tracker().expired()) {
+        if (!handler) {
+            return {};
+        }
+        auto wrapped = misc::link_handler(handler, false);
+        schedule_task([report = std::move(wrapped.first)] {
+            report({}, error::generic::aborted);
+        });
+        return wrapped.second;
+    }
+
+    const auto request = std::make_shared<ubus_request>();
+    auto ctx = std::make_shared<invoke_ctx>();
+    std::weak_ptr<invoke_ctx> watched = ctx;
+    ctx->request = request;
+    ctx->handler = handler;
+    invokes_.insert(ctx);
+    try {
+        if (timeout != std::chrono::seconds::zero()) {
+            const auto timer = get_eloop()->create_timer();
+            timer->set_timeout(timeout);
+            timer->set_handler([this, request, watched] { expire_invoke(request, watched); });
+            invokes_.set_timer(request.get(), watched, timer);
+        }
+        utils::link pending =
+            misc::create_link(ctx, [this, request, watched] { cancel_invoke(request, watched); });
+        // From here on the table is the only owner, so that the link sees the end at once.
+        ctx.reset();
+        post_to_uloop([this, path, method, args, request, watched]() mutable {
+            invoke_sync(path, method, args, request, watched);
+        });
+        return pending;
+    } catch (...) {
+        invokes_.take(request.get());
+        throw;
+    }
+}
+
+void client_impl::invoke_sync(const std::string& path, const std::string& method,
+                              const std::multimap<std::string, blob::attr>& args,
+                              const std::shared_ptr<ubus_request>& request,
+                              std::weak_ptr<invoke_ctx>& ctx) {
+    std::error_code status;
+    try {
+        status = start_request(path, method, args, request);
+    } catch (const std::bad_alloc&) {
+        status = error::msg::no_memory;
+    }
+    if (!status) {
+        return;
+    }
+    request->priv = nullptr;
+    post_from_uloop([this, status, request, ctx] {
+        const auto ended = invokes_.take(request.get(), ctx);
+        if (ended && ended->handler) {
+            ended->handler({}, status);
+        }
+    });
+}
+
+std::error_code client_impl::start_request(const std::string& path, const std::string& method,
+                                           const std::multimap<std::string, blob::attr>& args,
+                                           const std::shared_ptr<ubus_request>& request) {
+    ubus_context* const bus = usable_bus();
+    if (bus == nullptr) {
+        return error::msg::connection_failed;
+    }
+    if (!fits_message(path) || !fits_message(method)) {
+        // libubus would send the look-up of such a path, and the daemon drop the connection.
+        return error::msg::invalid_argument;
+    }
+    std::uint32_t id = 0;
+    const std::error_code lookup = to_msg_error(ubus_lookup_id(bus, path.c_str(), &id));
+    if (usable_bus() != bus) {
+        return error::msg::connection_failed; // lost while it was looking up
+    }
+    if (lookup) {
+        return lookup;
+    }
+    if (id == 0) {
+        return error::msg::not_found; // an object that this process may not see
+    }
+    blob::buf buffer;
+    try {
+        buffer.assign(args);
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception&) {
+        return error::msg::parse_error;
+    }
+    // The entry comes first: once libubus works on the request nothing may fail any more.
+    const auto entry = requests_.emplace(request.get(), request).first;
+    const std::error_code started = to_msg_error(ubus_invoke_async_fd(
+        bus, id, method.c_str(), buffer.native()->head, request.get(), -1));
+    if (started) {
+        requests_.erase(entry);
+        return started;
+    }
+    // Only now: starting the request has initialised the record.
+    request->priv = this;
+    request->data_cb = &client_impl::invoke_req_data_handler;
+    request->complete_cb = &client_impl::invoke_req_done_handler;
+    ubus_complete_request_async(bus, request.get());
+    return {};
+}
+
+void client_impl::invoke_req_data_handler(ubus_request* request, int /*type*/, blob_attr* msg) {
+    guard_callback([request, msg] {
+        std::error_code status;
+        std::list<blob::attr> reply = decode_reply(msg, status);
+        client_impl& self = get_instance({});
+        const auto entry = self.requests_.find(request);
+        if (entry == self.requests_.end()) {
+            return;
+        }
+        self.post_from_uloop(
+            [&self, reply = std::move(reply), status, record = entry->second]() mutable {
+                self.invokes_.add_reply(record.get(), std::move(reply), status);
+            });
+    });
+}
+
+void client_impl::invoke_req_done_handler(ubus_request* request, int status) {
+    guard_callback([request, status] {
+        client_impl& self = get_instance({});
+        const auto entry = self.requests_.find(request);
+        if (entry == self.requests_.end()) {
+            return;
+        }
+        const std::error_code completion = to_msg_error(status);
+        if (completion == error::msg::timeout && request->ctx->sock.eof) {
+            // Nobody's answer: newer releases of libubus end the requests of a dying connection
+            // this way, older ones leave them. Either way the disconnection that follows reports
+            // them. libubus is done with the record, so it must not be aborted any more.
+            request->priv = nullptr;
+            return;
+        }
+        const std::shared_ptr<ubus_request> record = entry->second;
+        self.requests_.erase(entry);
+        self.post_from_uloop([&self, completion, record] {
+            const auto ended = self.invokes_.take(record.get());
+            if (ended && ended->handler) {
+                ended->handler(ended->replies, completion ? completion : ended->status);
+            }
+        });
+    });
+}
+
+void client_impl::expire_invoke(const std::shared_ptr<ubus_request>& request,
+                                const std::weak_ptr<invoke_ctx>& ctx) {
+    // The timer's handler, which holds the arguments, dies with the contents taken out here.
+    const auto record = request;
+    const auto ended = invokes_.take(record.get(), ctx);
+    if (!ended) {
+        return;
+    }
+    post_to_uloop([this, record] { abort_sync(record); });
+    if (ended->handler) {
+        ended->handler({}, error::msg::timeout);
+    }
+}
+
+void client_impl::cancel_invoke(const std::shared_ptr<ubus_request>& request,
+                                const std::weak_ptr<invoke_ctx>& ctx) {
+    if (invokes_.take(request.get(), ctx)) {
+        post_to_uloop([this, request] { abort_sync(request); });
+    }
+}
+
+void client_impl::abort_sync(const std::shared_ptr<ubus_request>& request) {
+    // A record that is not listed any more has completed, or its connection has ended: libubus must
+    // not see it again, since its list links may point into freed memory.
+    if (requests_.erase(request.get()) == 0 || request->priv == nullptr || !bus_) {
+        return;
+    }
+    ubus_abort_request(bus_.get(), request.get());
+    request->priv = nullptr;
+}
+
+} // namespace tarn

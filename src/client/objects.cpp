@@ -1,0 +1,308 @@
+/// Published objects: registration, withdrawal, and the way of an incoming call to its handler.
+#include "client/client_impl.h"
+
+#include "client/callback_gate.h"
+#include "tarn/error.h"
+#include "tarn/uloop.h"
+
+#include <algorithm>
+#include <new>
+#include <stdexcept>
+#include <utility>
+
+namespace tarn {
+
+namespace {
+
+constexpr int answer_not_found = 4;        // UBUS_STATUS_NOT_FOUND
+constexpr int answer_method_not_found = 3; // UBUS_STATUS_METHOD_NOT_FOUND
+constexpr int answer_unknown_error = 9;    // UBUS_STATUS_UNKNOWN_ERROR
+
+/// What a field takes in a message beside its data: the attribute's header and the padded name.
+constexpr std::size_t named_header(std::size_t name) {
+    return 4 + ((2 + name + 1 + 3) & ~std::size_t{3});
+}
+
+/// The size of the message that publishes the object. The daemon drops a client that sends one
+/// beyond its limit, and libubus does not check.
+std::size_t description_size(const ubus_object_ctx& records) {
+    std::size_t size = 4 + 4 + ((records.name.size() + 1 + 3) & ~std::size_t{3}) + 4;
+    for (const auto& method : records.method_policies) {
+        size += named_header(method.first.size());
+        for (const auto& field : method.second) {
+            size += named_header(field.first.size()) + 4;
+        }
+    }
+    return size;
+}
+
+/// The method and policy arrays and the records that point to them.
+/// Throws std::logic_error for a policy type that is no stored type.
+void build_records(ubus_object_ctx& records, ubus_handler_t handler) {
+    records.methods.clear();
+    records.policies.clear();
+    records.methods.reserve(records.method_policies.size());
+    for (const auto& [name, policy] : records.method_policies) {
+        ubus_method method{};
+        method.name = name.c_str();
+        method.handler = handler;
+        if (!policy.empty()) {
+            auto& fields = records.policies.emplace_back();
+            fields.reserve(policy.size());
+            for (const auto& field : policy) {
+                const int type = blob::utils::to_blobmsg_type(field.second);
+                fields.push_back({field.first.c_str(), static_cast<enum blobmsg_type>(type)});
+            }
+            method.policy = fields.data();
+            method.n_policy = static_cast<int>(fields.size());
+        }
+        records.methods.push_back(method);
+    }
+    records.type = {};
+    records.type.name = records.name.c_str();
+    records.type.methods = records.methods.data();
+    records.type.n_methods = static_cast<int>(records.methods.size());
+    records.object = {};
+    records.object.name = records.name.c_str();
+    records.object.type = &records.type;
+    records.object.methods = records.methods.data();
+    records.object.n_methods = static_cast<int>(records.methods.size());
+}
+
+/// Lists the call with its object, and forgets those that have been settled every now and then.
+void remember_call(ubus_object_ctx& records, const std::shared_ptr<incoming_call>& call) {
+    auto& calls = records.calls;
+    if (calls.size() >= records.tidy_calls_at) {
+        const auto settled = [](const std::weak_ptr<incoming_call>& listed) {
+            const auto alive = listed.lock();
+            return !alive || alive->settled;
+        };
+        calls.erase(std::remove_if(calls.begin(), calls.end(), settled), calls.end());
+        records.tidy_calls_at = std::max<std::size_t>(64, 2 * calls.size());
+    }
+    calls.push_back(call);
+}
+
+} // namespace
+
+utils::link client_impl::add_object(const std::string& name, const method_map& methods,
+                                    const completion_handler& handler) {
+    if (get_tracker().expired()) {
+        return report_later(handler, error::generic::aborted);
+    }
+    auto records = std::make_shared<ubus_object_ctx>();
+    records->name = name;
+    auto object = std::make_shared<object_ctx>();
+    object->name = name;
+    object->ubus_ctx = records;
+    for (const auto& [method, description] : methods) {
+        object->handlers.emplace(method, description.first);
+        records->method_policies.emplace(method, description.second);
+    }
+    if (!objects_.insert(object)) {
+        return report_later(handler, error::msg::invalid_argument);
+    }
+    ticket entry;
+    try {
+        entry = add_handlers_.add(handler);
+        utils::link pending = add_handlers_.link_to(entry);
+        const std::weak_ptr<object_ctx> watched = object;
+        object.reset();
+        post_to_uloop([this, watched, entry] { add_object_sync(watched, entry); });
+        return pending;
+    } catch (...) {
+        objects_.take(&records->object);
+        add_handlers_.take(entry);
+        throw;
+    }
+}
+
+void client_impl::add_object_sync(const std::weak_ptr<object_ctx>& object, const ticket& entry) {
+    std::error_code status = error::msg::connection_failed;
+    std::shared_ptr<ubus_object_ctx> records;
+    if (const auto alive = object.lock()) {
+        records = alive->ubus_ctx;
+        if (ubus_context* const bus = usable_bus()) {
+            try {
+                status = register_object(bus, records);
+            } catch (const std::bad_alloc&) {
+                status = error::msg::no_memory;
+            }
+        }
+    }
+    if (!status && entry.watched.expired()) {
+        return;
+    }
+    post_from_uloop([this, status, records, entry] {
+        if (status && records) {
+            objects_.take(&records->object);
+        }
+        if (const auto handler = add_handlers_.take(entry)) {
+            handler(status);
+        }
+    });
+}
+
+std::error_code client_impl::register_object(ubus_context* bus,
+                                             const std::shared_ptr<ubus_object_ctx>& records) {
+    try {
+        build_records(*records, &client_impl::method_callable);
+    } catch (const std::logic_error&) {
+        return error::msg::invalid_argument; // a policy type that no field can have
+    }
+    if (description_size(*records) > UBUS_MAX_MSGLEN) {
+        return error::msg::invalid_argument;
+    }
+    // Listed before it is registered: a call may arrive at once.
+    const auto entry = ubus_objects_.emplace(&records->object, records).first;
+    const std::error_code status = to_msg_error(ubus_add_object(bus, &records->object));
+    if (status) {
+        ubus_objects_.erase(entry);
+        if (records->object.id != 0) {
+            retire(records);
+        }
+    }
+    return status;
+}
+
+utils::link client_impl::del_object(const std::string& name, bool stop_serving,
+                                    const completion_handler& handler) {
+    if (get_tracker().expired()) {
+        return report_later(handler, error::generic::aborted);
+    }
+    const auto object = objects_.begin_removal(name, stop_serving);
+    if (!object) {
+        return report_later(handler, error::msg::not_found);
+    }
+    const ticket entry = del_handlers_.add(handler);
+    try {
+        utils::link pending = del_handlers_.link_to(entry);
+        post_to_uloop([this, object, stop_serving, entry] {
+            del_object_sync(object, stop_serving, entry);
+        });
+        return pending;
+    } catch (...) {
+        del_handlers_.take(entry);
+        throw;
+    }
+}
+
+void client_impl::del_object_sync(const std::shared_ptr<object_ctx>& object, bool stop_serving,
+                                  const ticket& entry) {
+    const std::shared_ptr<ubus_object_ctx>& records = object->ubus_ctx;
+    ubus_context* const bus = usable_bus();
+    std::error_code status;
+    if (bus == nullptr) {
+        status = error::msg::connection_failed;
+    }
+    if (ubus_objects_.erase(&records->object) == 0) {
+        if (!status) {
+            status = error::msg::not_found;
+        }
+    } else if (status) {
+        retire(records);
+    } else {
+        if (stop_serving) {
+            refuse_waiting_calls(bus, *records);
+        }
+        status = to_msg_error(ubus_remove_object(bus, &records->object));
+        if (status) {
+            retire(records);
+        }
+    }
+    post_from_uloop([this, status, object, entry] {
+        objects_.take(&object->ubus_ctx->object);
+        if (const auto handler = del_handlers_.take(entry)) {
+            handler(status);
+        }
+    });
+}
+
+void client_impl::refuse_waiting_calls(ubus_context* bus, ubus_object_ctx& records) {
+    // Once the object is withdrawn the daemon passes on no answer for it, and a refusal that goes by
+    // way of the application's loop would come too late: the caller would wait for good.
+    for (const auto& waiting : records.calls) {
+        const auto call = waiting.lock();
+        if (call && !call->settled.exchange(true)) {
+            ubus_complete_deferred_request(bus, &call->request, answer_not_found);
+        }
+    }
+    records.calls.clear();
+}
+
+void client_impl::retire(const std::shared_ptr<ubus_object_ctx>& records) {
+    // libubus may go on handing it calls until the connection ends; on_call() refuses them.
+    retired_objects_.push_back(records);
+}
+
+int client_impl::method_callable(ubus_context* /*context*/, ubus_object* object,
+                                 ubus_request_data* request, const char* method, blob_attr* msg) {
+    return guard_callback(
+        [=] { return get_instance({}).on_call(object, request, method, msg); },
+        answer_unknown_error);
+}
+
+int client_impl::on_call(ubus_object* object, ubus_request_data* request, const char* method,
+                         blob_attr* msg) {
+    const auto published = ubus_objects_.find(object);
+    if (published == ubus_objects_.end() || method == nullptr) {
+        return answer_not_found;
+    }
+    const std::shared_ptr<ubus_object_ctx>& records = published->second;
+    const auto found = records->method_policies.find(method);
+    if (found == records->method_policies.end()) {
+        return answer_method_not_found;
+    }
+    std::multimap<std::string, blob::attr> args;
+    try {
+        const method_policy& policy = found->second;
+        args = policy.empty() ? blob::utils::to_table(msg) : blob::utils::to_table(msg, policy);
+    } catch (const std::exception&) {
+        return to_ubus_msg_status(error::msg::parse_error);
+    }
+    const auto call = std::make_shared<incoming_call>();
+    call->request = *request;
+    // These belong to libubus and die with this callback.
+    call->request.acl = {};
+    call->request.fd = -1;
+    call->request.req_fd = -1;
+    remember_call(*records, call);
+    post_from_uloop([this, name = found->first, call, args = std::move(args), records]() mutable {
+        dispatch_call(name, call, args, records);
+    });
+    // Last, so that a call that could not be handed on is answered with the error.
+    request->deferred = true;
+    return 0;
+}
+
+void client_impl::dispatch_call(const std::string& method,
+                                const std::shared_ptr<incoming_call>& call,
+                                std::multimap<std::string, blob::attr>& args,
+                                const std::shared_ptr<ubus_object_ctx>& records) {
+    const auto object = objects_.find_active(&records->object);
+    if (!object) {
+        post_to_uloop([this, call, records] { refuse_call(call, records); });
+        return;
+    }
+    if (call->settled.exchange(true)) {
+        return;
+    }
+    const std::shared_ptr<ubus_request_data> request(call, &call->request);
+    const auto ctx = std::make_shared<exchange_ctx>(*this, request, std::move(args));
+    const auto found = object->handlers.find(method);
+    if (found != object->handlers.end() && found->second) {
+        const method_handler handler = found->second;
+        handler(ctx);
+    }
+}
+
+void client_impl::refuse_call(const std::shared_ptr<incoming_call>& call,
+                              const std::shared_ptr<ubus_object_ctx>& records) {
+    ubus_context* const bus = usable_bus();
+    if (bus != nullptr && ubus_objects_.count(&records->object) != 0 &&
+        !call->settled.exchange(true)) {
+        ubus_complete_deferred_request(bus, &call->request, answer_not_found);
+    }
+}
+
+} // namespace tarn

@@ -1,0 +1,502 @@
+/// Connecting, disconnecting, losing the bus, automatic reconnection and cancel.
+#include "client/client_fixture.h"
+
+#include "tarn/error.h"
+
+#include <gmock/gmock.h>
+
+#include <csignal>
+#include <optional>
+#include <sys/wait.h>
+
+namespace tarn::test {
+namespace {
+
+using state = client::state;
+using std::chrono::seconds;
+using ::testing::ElementsAre;
+
+class Connection : public client_on_bus_test {};
+/// Looks for the bus at a socket that nobody serves.
+class ConnectionWithoutABus : public client_test {
+    bus_daemon none_{bus_daemon::launch::later};
+};
+
+TEST_F(Connection, ConnectReportsSuccessOnceAndTellsBothStates) {
+    auto& states = record_states();
+    outcome connected;
+    const auto link = bus().connect(connected.handler());
+    EXPECT_TRUE(link.active());
+    EXPECT_EQ(bus().get_state(), state::connecting);
+    EXPECT_FALSE(bus().is_active());
+    EXPECT_FALSE(connected.reported()) << "never before connect() returns";
+    run_until([&] { return connected.reported(); });
+    EXPECT_FALSE(connected.code());
+    EXPECT_TRUE(bus().is_active());
+    EXPECT_FALSE(link.active());
+    EXPECT_THAT(states, ElementsAre(state::connecting, state::connected));
+    EXPECT_EQ(connected.count(), 1U);
+}
+
+TEST_F(ConnectionWithoutABus, ConnectReportsUnknownErrorAndReturnsToDisconnected) {
+    auto& states = record_states();
+    outcome connected;
+    bus().connect(connected.handler());
+    run_until([&] { return connected.reported(); });
+    EXPECT_EQ(connected.code(), make_error_code(error::generic::unknown_error));
+    EXPECT_THAT(states, ElementsAre(state::connecting, state::disconnected));
+}
+
+TEST_F(Connection, ConnectWhileConnectedSucceedsOnceAsynchronously) {
+    connect();
+    outcome again;
+    const auto link = bus().connect(again.handler());
+    EXPECT_TRUE(link.active());
+    EXPECT_FALSE(again.reported());
+    run_until([&] { return again.reported(); });
+    EXPECT_FALSE(again.code());
+    loop()->drain();
+    EXPECT_EQ(again.count(), 1U);
+    EXPECT_FALSE(link.active());
+}
+
+TEST_F(ConnectionWithoutABus, DisconnectWhileDisconnectedSucceedsOnceAsynchronously) {
+    outcome done;
+    const auto link = bus().disconnect(done.handler());
+    EXPECT_TRUE(link.active());
+    EXPECT_FALSE(done.reported());
+    run_until([&] { return done.reported(); });
+    EXPECT_FALSE(done.code());
+    loop()->drain();
+    EXPECT_EQ(done.count(), 1U);
+}
+
+TEST_F(Connection, ConnectWithAnEmptyHandlerGivesAnEmptyLinkAndConnects) {
+    EXPECT_FALSE(bus().connect({}).active());
+    run_until_state(state::connected);
+    EXPECT_FALSE(bus().connect({}).active());
+    EXPECT_FALSE(bus().disconnect({}).active());
+    run_until_state(state::disconnected);
+    EXPECT_FALSE(bus().disconnect({}).active());
+}
+
+TEST_F(Connection, DisconnectTellsTheStatesAndReportsSuccess) {
+    connect();
+    auto& states = record_states();
+    outcome done;
+    bus().disconnect(done.handler());
+    EXPECT_EQ(bus().get_state(), state::disconnecting);
+    EXPECT_FALSE(bus().is_active());
+    run_until([&] { return done.reported(); });
+    EXPECT_FALSE(done.code());
+    EXPECT_THAT(states, ElementsAre(state::disconnecting, state::disconnected));
+}
+
+TEST_F(Connection, DisconnectDuringConnectingLetsTheConnectionFinishAndThenDisconnects) {
+    auto& states = record_states();
+    outcome connected;
+    outcome disconnected;
+    bus().connect(connected.handler());
+    bus().disconnect(disconnected.handler());
+    EXPECT_EQ(bus().get_state(), state::disconnecting);
+    run_until([&] { return disconnected.reported(); });
+    EXPECT_EQ(connected.count(), 1U);
+    EXPECT_FALSE(connected.code()) << "the connection's own result";
+    EXPECT_FALSE(disconnected.code());
+    EXPECT_THAT(states, ElementsAre(state::connecting, state::disconnecting, state::disconnected));
+}
+
+TEST_F(Connection, ConnectDuringDisconnectingConnectsAgainWithoutAbortingAnybody) {
+    connect();
+    auto& states = record_states();
+    outcome disconnected;
+    outcome connected;
+    bus().disconnect(disconnected.handler());
+    bus().connect(connected.handler());
+    EXPECT_EQ(bus().get_state(), state::connecting);
+    run_until([&] { return connected.reported(); });
+    EXPECT_EQ(disconnected.count(), 1U);
+    EXPECT_FALSE(disconnected.code());
+    EXPECT_FALSE(connected.code());
+    EXPECT_THAT(states, ElementsAre(state::disconnecting, state::connecting, state::connected));
+}
+
+TEST_F(Connection, ConnectAfterDisconnectDuringConnectingAbortsTheDisconnectHandlers) {
+    outcome first;
+    outcome disconnected;
+    outcome second;
+    bus().connect(first.handler());
+    bus().disconnect(disconnected.handler());
+    bus().connect(second.handler());
+    run_until([&] { return second.reported(); });
+    EXPECT_FALSE(first.code());
+    EXPECT_FALSE(second.code());
+    EXPECT_EQ(disconnected.code(), make_error_code(error::generic::aborted));
+    EXPECT_EQ(bus().get_state(), state::connected);
+}
+
+TEST_F(Connection, ReleasingTheLinkOfAConnectSuppressesTheReportOnly) {
+    outcome connected;
+    auto link = bus().connect(connected.handler());
+    link.release();
+    EXPECT_FALSE(link.active());
+    run_until_state(state::connected);
+    loop()->drain();
+    EXPECT_FALSE(connected.reported());
+}
+
+TEST_F(Connection, AConnectHandlerMayReleaseItsOwnAndAnotherWaitingHandlersLink) {
+    outcome second;
+    utils::link own;
+    utils::link other;
+    int calls = 0;
+    own = bus().connect([&](const std::error_code&) {
+        ++calls;
+        own.release();
+        other.release();
+    });
+    other = bus().connect(second.handler());
+    run_until_state(state::connected);
+    loop()->drain();
+    EXPECT_EQ(calls, 1);
+    EXPECT_FALSE(second.reported());
+    EXPECT_FALSE(own.active());
+    EXPECT_FALSE(other.active());
+}
+
+TEST_F(Connection, ADisconnectAskedForByAConnectHandlerReportsItsOwnOutcome) {
+    outcome disconnected;
+    bus().connect([&](const std::error_code&) { bus().disconnect(disconnected.handler()); });
+    run_until([&] { return disconnected.reported(); });
+    EXPECT_FALSE(disconnected.code());
+    EXPECT_EQ(bus().get_state(), state::disconnected);
+}
+
+TEST_F(Connection, AConnectAskedForByADisconnectHandlerReportsItsOwnOutcome) {
+    connect();
+    outcome connected;
+    bus().disconnect([&](const std::error_code&) { bus().connect(connected.handler()); });
+    run_until([&] { return connected.reported(); });
+    EXPECT_FALSE(connected.code());
+    EXPECT_EQ(bus().get_state(), state::connected);
+}
+
+TEST_F(Connection, AConnectAskedForByAStateSubscriberReportsItsOwnOutcome) {
+    connect();
+    outcome connected;
+    const auto link = bus().notify_on_state_change([&](state s) {
+        if (s == state::disconnected) {
+            bus().connect(connected.handler());
+        }
+    });
+    bus().disconnect({});
+    run_until([&] { return connected.reported(); });
+    EXPECT_FALSE(connected.code());
+    EXPECT_EQ(connected.count(), 1U);
+    utils::link(link).release();
+}
+
+TEST_F(Connection, SettingTheSameStateTwiceNotifiesOnce) {
+    auto& states = record_states();
+    bus().connect({});
+    bus().connect({}); // still connecting
+    run_until_state(state::connected);
+    bus().disconnect({});
+    bus().disconnect({}); // still disconnecting
+    run_until_state(state::disconnected);
+    EXPECT_THAT(states, ElementsAre(state::connecting, state::connected, state::disconnecting,
+                                    state::disconnected));
+}
+
+TEST_F(Connection, ALostBusIsTornDownAndReportedAsDisconnected) {
+    connect();
+    auto& states = record_states();
+    daemon_.kill9();
+    run_until_state(state::disconnected);
+    EXPECT_THAT(states, ElementsAre(state::disconnecting, state::disconnected));
+}
+
+TEST_F(Connection, ALossThatIsHeardOfLateDoesNotEndTheNextConnection) {
+    connect();
+    daemon_.kill9();
+    daemon_.restart();
+    // The loss waits in the queue, or is still on its way, while the application reconnects.
+    outcome disconnected;
+    outcome connected;
+    bus().disconnect(disconnected.handler());
+    bus().connect(connected.handler());
+    run_until([&] { return connected.reported(); });
+    EXPECT_FALSE(connected.code());
+    loop()->drain();
+    outcome again;
+    bus().connect(again.handler());
+    run_until([&] { return again.reported(); });
+    EXPECT_EQ(bus().get_state(), state::connected);
+}
+
+TEST_F(Connection, AutoConnectConnectsAtOnceAndAgainAfterALoss) {
+    std::vector<long long> attempts;
+    const auto link = bus().auto_connect([&](long long attempt) {
+        attempts.push_back(attempt);
+        return seconds(3);
+    });
+    EXPECT_TRUE(link.active());
+    run_until_state(state::connected);
+    EXPECT_TRUE(attempts.empty());
+    daemon_.kill9();
+    run_until_state(state::disconnected);
+    daemon_.restart();
+    EXPECT_THAT(attempts, ElementsAre(1));
+    loop()->advance(seconds(2));
+    loop()->drain();
+    EXPECT_EQ(bus().get_state(), state::disconnected) << "the delay has not passed yet";
+    loop()->advance(seconds(1));
+    run_until_state(state::connected);
+    EXPECT_TRUE(link.active());
+}
+
+TEST_F(ConnectionWithoutABus, AttemptsAreCountedFromOneOverConsecutiveFailures) {
+    std::vector<long long> attempts;
+    bus().auto_connect([&](long long attempt) {
+        attempts.push_back(attempt);
+        return seconds(1);
+    });
+    while (attempts.size() < 4) {
+        const auto before = attempts.size();
+        run_until([&] { return attempts.size() > before; });
+        loop()->advance(seconds(1));
+    }
+    EXPECT_THAT(attempts, ElementsAre(1, 2, 3, 4));
+}
+
+TEST_F(Connection, TheAttemptCounterStartsAnewAfterASuccess) {
+    daemon_.kill9();
+    std::vector<long long> attempts;
+    bus().auto_connect([&](long long attempt) {
+        attempts.push_back(attempt);
+        return seconds(1);
+    });
+    run_until([&] { return attempts.size() == 1; });
+    loop()->advance(seconds(1));
+    run_until([&] { return attempts.size() == 2; });
+    daemon_.restart();
+    loop()->advance(seconds(1));
+    run_until_state(state::connected);
+    daemon_.kill9();
+    run_until([&] { return attempts.size() == 3; });
+    EXPECT_THAT(attempts, ElementsAre(1, 2, 1));
+}
+
+TEST_F(ConnectionWithoutABus, TheAttemptCounterStartsAnewWhenAutoConnectIsCalledAgain) {
+    std::vector<long long> attempts;
+    const auto backoff = [&](long long attempt) {
+        attempts.push_back(attempt);
+        return seconds(1);
+    };
+    bus().auto_connect(backoff);
+    run_until([&] { return attempts.size() == 1; });
+    loop()->advance(seconds(1));
+    run_until([&] { return attempts.size() == 2; });
+    bus().auto_connect(backoff);
+    run_until([&] { return attempts.size() == 3; });
+    EXPECT_THAT(attempts, ElementsAre(1, 2, 1));
+}
+
+TEST_F(ConnectionWithoutABus, ABackOffOfZeroSecondsTurnsReconnectionOffAfterThatFailure) {
+    int asked = 0;
+    const auto link = bus().auto_connect([&](long long) {
+        ++asked;
+        return seconds(0);
+    });
+    EXPECT_TRUE(link.active());
+    run_until([&] { return asked == 1; });
+    EXPECT_FALSE(link.active());
+    loop()->advance(seconds(100000));
+    loop()->drain();
+    EXPECT_EQ(asked, 1);
+    EXPECT_EQ(bus().get_state(), state::disconnected);
+}
+
+TEST_F(ConnectionWithoutABus, ReleasingTheLinkOfAutoConnectTurnsItOff) {
+    int asked = 0;
+    auto link = bus().auto_connect([&](long long) {
+        ++asked;
+        return seconds(1);
+    });
+    run_until([&] { return asked == 1; });
+    link.release();
+    EXPECT_FALSE(link.active());
+    loop()->advance(seconds(1));
+    loop()->drain();
+    EXPECT_EQ(bus().get_state(), state::disconnected);
+}
+
+TEST_F(ConnectionWithoutABus, TheBackOffFunctionMayReleaseItsOwnLink) {
+    utils::link link;
+    int asked = 0;
+    link = bus().auto_connect([&](long long) {
+        ++asked;
+        link.release();
+        return seconds(1);
+    });
+    run_until([&] { return asked == 1; });
+    EXPECT_FALSE(link.active());
+    loop()->advance(seconds(1));
+    loop()->drain();
+    EXPECT_EQ(bus().get_state(), state::disconnected);
+}
+
+TEST_F(ConnectionWithoutABus, AnEmptyBackOffConnectsOnceAndGivesAnEmptyLink) {
+    auto& states = record_states();
+    EXPECT_FALSE(bus().auto_connect({}).active());
+    run_until([&] { return states.size() == 2; });
+    loop()->advance(seconds(100000));
+    loop()->drain();
+    EXPECT_THAT(states, ElementsAre(state::connecting, state::disconnected));
+}
+
+TEST_F(Connection, ConnectAndDisconnectTurnAutomaticReconnectionOff) {
+    const auto first = bus().auto_connect([](long long) { return seconds(1); });
+    bus().connect({});
+    EXPECT_FALSE(first.active());
+    run_until_state(state::connected);
+    const auto second = bus().auto_connect([](long long) { return seconds(1); });
+    EXPECT_TRUE(second.active());
+    bus().disconnect({});
+    EXPECT_FALSE(second.active());
+    run_until_state(state::disconnected);
+    loop()->advance(seconds(5));
+    loop()->drain();
+    EXPECT_EQ(bus().get_state(), state::disconnected);
+}
+
+TEST_F(Connection, CancelCompletesWaitingConnectAndDisconnectHandlersOnTheCallersThread) {
+    outcome connected;
+    outcome disconnected;
+    bus().connect(connected.handler());
+    bus().disconnect(disconnected.handler());
+    bus().cancel();
+    EXPECT_EQ(connected.code(), make_error_code(error::generic::aborted));
+    EXPECT_FALSE(disconnected.code());
+    EXPECT_EQ(disconnected.count(), 1U);
+    EXPECT_EQ(bus().get_state(), state::disconnected);
+}
+
+TEST_F(Connection, CancelWhileConnectedEndsDisconnectedAndTheClientConnectsAgain) {
+    connect();
+    auto& states = record_states();
+    bus().cancel();
+    EXPECT_THAT(states, ElementsAre(state::disconnecting, state::disconnected));
+    outcome again;
+    bus().connect(again.handler());
+    run_until([&] { return again.reported(); });
+    EXPECT_FALSE(again.code());
+    EXPECT_EQ(bus().get_state(), state::connected);
+}
+
+TEST_F(Connection, CancelDuringConnectingSilencesTheAttemptsResult) {
+    auto& states = record_states();
+    outcome connected;
+    bus().connect(connected.handler());
+    bus().cancel();
+    outcome again;
+    bus().connect(again.handler());
+    run_until([&] { return again.reported(); });
+    EXPECT_EQ(connected.count(), 1U);
+    EXPECT_EQ(connected.code(), make_error_code(error::generic::aborted));
+    EXPECT_FALSE(again.code());
+    EXPECT_THAT(states, ElementsAre(state::connecting, state::disconnecting, state::disconnected,
+                                    state::connecting, state::connected));
+}
+
+TEST_F(Connection, AConnectAskedForDuringCancelIsAborted) {
+    connect();
+    outcome during;
+    const auto link = bus().notify_on_state_change([&](state s) {
+        if (s == state::disconnecting) {
+            bus().connect(during.handler());
+        }
+    });
+    bus().cancel();
+    EXPECT_EQ(during.count(), 1U);
+    EXPECT_EQ(during.code(), make_error_code(error::generic::aborted));
+    EXPECT_EQ(bus().get_state(), state::disconnected);
+    utils::link(link).release();
+}
+
+/// Remembers the dispositions of the signals that libubox is interested in.
+class dispositions {
+public:
+    dispositions() {
+        for (const int signo : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE}) {
+            struct sigaction current {};
+            ::sigaction(signo, nullptr, &current);
+            handlers_.push_back(current.sa_handler);
+        }
+    }
+    bool operator==(const dispositions& other) const { return handlers_ == other.handlers_; }
+
+private:
+    std::vector<void (*)(int)> handlers_;
+};
+
+TEST_F(Connection, TheApplicationsSignalDispositionsNeverChange) {
+    std::signal(SIGTERM, [](int) {});
+    const dispositions before;
+    bus();
+    EXPECT_TRUE(dispositions() == before) << "after get_instance";
+    daemon_.kill9();
+    outcome failed;
+    bus().connect(failed.handler());
+    run_until([&] { return failed.reported(); });
+    EXPECT_TRUE(failed.code());
+    EXPECT_TRUE(dispositions() == before) << "after a failed connect";
+    daemon_.restart();
+    connect();
+    EXPECT_TRUE(dispositions() == before) << "after a good one";
+    daemon_.kill9();
+    run_until_state(state::disconnected);
+    daemon_.restart();
+    connect();
+    EXPECT_TRUE(dispositions() == before) << "after a reconnection";
+    bus().cancel();
+    EXPECT_TRUE(dispositions() == before) << "after cancel";
+}
+
+volatile std::sig_atomic_t interrupts = 0;
+
+TEST_F(Connection, AHandlerInstalledRightAfterConnectStaysInstalled) {
+    for (int round = 0; round < 50; ++round) {
+        std::signal(SIGINT, SIG_DFL);
+        bus().connect({});
+        std::signal(SIGINT, [](int) { interrupts = interrupts + 1; });
+        run_until_state(state::connected);
+        const auto before = interrupts;
+        ASSERT_EQ(std::raise(SIGINT), 0);
+        ASSERT_EQ(interrupts, before + 1);
+        bus().disconnect({});
+        run_until_state(state::disconnected);
+    }
+}
+
+TEST_F(Connection, TheApplicationsChildrenStayItsOwnToWaitFor) {
+    connect();
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::_exit(7);
+    }
+    // Busy while the child ends, so that a reaping loop would have had its chance.
+    siginfo_t info{};
+    ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
+    outcome disconnected;
+    bus().disconnect(disconnected.handler());
+    run_until([&] { return disconnected.reported(); });
+    connect();
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+} // namespace
+} // namespace tarn::test

@@ -1,0 +1,126 @@
+/// How the process's single client is obtained, and what it refuses.
+#include "tarn/client.h"
+
+#include "support/expect_throw_msg.h"
+#include "support/hand_loop.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+namespace tarn::test {
+namespace {
+
+constexpr auto no_loop = "tarn_impl::client: No event loop";
+constexpr auto missing_loop = "tarn_impl::client: Missing/expired event loop";
+constexpr auto other_loop = "tarn_impl::client: Instance of event loop can't be changed";
+
+std::shared_ptr<hand_loop> keep(const std::shared_ptr<hand_loop>& loop) {
+    static std::shared_ptr<hand_loop> kept;
+    kept = loop;
+    return kept;
+}
+
+TEST(Instance, AFirstCallWithAnEmptyLoopThrowsNoEventLoop) {
+    EXPECT_THROW_MSG(client::get_instance({}), std::runtime_error, no_loop);
+}
+
+TEST(Instance, AFirstCallWithAnExpiredLoopThrowsNoEventLoop) {
+    const std::weak_ptr<utils::event_loop> expired = std::make_shared<hand_loop>();
+    EXPECT_THROW_MSG(client::get_instance(expired), std::runtime_error, no_loop);
+}
+
+/// Ends the reference that the client was given to it, while it makes the client's timer.
+class short_lived_loop : public utils::event_loop {
+public:
+    explicit short_lived_loop(std::weak_ptr<utils::event_loop>& watched)
+        : watched_(watched) {}
+    void post(const std::function<void()>&) override {}
+    std::shared_ptr<timer> create_timer() override {
+        watched_.reset(); // what get_instance() was given names no loop from now on
+        return std::make_shared<hand_loop>()->create_timer();
+    }
+
+private:
+    std::weak_ptr<utils::event_loop>& watched_;
+};
+
+TEST(Instance, ALoopThatDiesWhileItMakesTheTimerIsReportedAsMissing) {
+    std::weak_ptr<utils::event_loop> watched;
+    const auto loop = std::make_shared<short_lived_loop>(watched);
+    watched = loop;
+    EXPECT_THROW_MSG(client::get_instance(watched), std::runtime_error, missing_loop);
+}
+
+TEST(Instance, AFailedFirstCallLeavesTheNextOneToTryAgain) {
+    EXPECT_THROW_MSG(client::get_instance({}), std::runtime_error, no_loop);
+    const auto loop = keep(std::make_shared<hand_loop>());
+    EXPECT_EQ(client::get_instance(loop).get_state(), client::state::disconnected);
+}
+
+TEST(Instance, LaterCallsWithTheSameOrNoLoopReturnTheSameClient) {
+    const auto loop = keep(std::make_shared<hand_loop>());
+    client& first = client::get_instance(loop);
+    EXPECT_EQ(&client::get_instance(loop), &first);
+    EXPECT_EQ(&client::get_instance({}), &first);
+    const std::weak_ptr<utils::event_loop> expired = std::make_shared<hand_loop>();
+    EXPECT_EQ(&client::get_instance(expired), &first);
+}
+
+TEST(Instance, AnotherLiveLoopIsRefused) {
+    client& first = client::get_instance(keep(std::make_shared<hand_loop>()));
+    const auto other = std::make_shared<hand_loop>();
+    EXPECT_THROW_MSG(client::get_instance(other), std::runtime_error, other_loop);
+    EXPECT_EQ(&client::get_instance({}), &first);
+}
+
+TEST(Instance, StartsDisconnectedAndInactive) {
+    client& bus = client::get_instance(keep(std::make_shared<hand_loop>()));
+    EXPECT_EQ(bus.get_state(), client::state::disconnected);
+    EXPECT_FALSE(bus.is_active());
+}
+
+TEST(Instance, AnEmptyStateSubscriberGivesAnInactiveLink) {
+    client& bus = client::get_instance(keep(std::make_shared<hand_loop>()));
+    auto link = bus.notify_on_state_change({});
+    EXPECT_FALSE(link.active());
+    EXPECT_NO_THROW(link.release());
+}
+
+TEST(Instance, ManyThreadsGetTheSameClientAtOnce) {
+    const auto loop = keep(std::make_shared<hand_loop>());
+    std::vector<client*> seen(8);
+    std::vector<std::thread> threads;
+    for (auto& slot : seen) {
+        threads.emplace_back([&slot, &loop] { slot = &client::get_instance(loop); });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+    for (const client* one : seen) {
+        EXPECT_EQ(one, seen.front());
+    }
+}
+
+TEST(Instance, TheStateSubscriptionsAreSafeFromManyThreadsAtOnce) {
+    client& bus = client::get_instance(keep(std::make_shared<hand_loop>()));
+    std::vector<std::thread> threads;
+    for (int n = 0; n < 4; ++n) {
+        threads.emplace_back([&bus] {
+            for (int round = 0; round < 500; ++round) {
+                auto link = bus.notify_on_state_change([](client::state) {});
+                EXPECT_TRUE(link.active());
+                link.release();
+                EXPECT_FALSE(link.active());
+                EXPECT_FALSE(bus.is_active());
+            }
+        });
+    }
+    for (auto& thread : threads) {
+        thread.join();
+    }
+}
+
+} // namespace
+} // namespace tarn::test

@@ -1,0 +1,426 @@
+/// Calls of objects that another process publishes through plain libubus.
+#include "client/client_fixture.h"
+
+#include "tarn/error.h"
+
+#include <gmock/gmock.h>
+
+#include <atomic>
+#include <limits>
+#include <thread>
+
+namespace tarn::test {
+namespace {
+
+using std::chrono::seconds;
+using error::msg;
+
+class Invoke : public client_on_bus_test {
+protected:
+    void SetUp() override {
+        start_service();
+        connect();
+    }
+
+    static utils::link call(const std::string& method, const blob::table& args,
+                            const client::result_handler& handler, seconds timeout = seconds(0)) {
+        return bus().invoke("demo", method, args, handler, timeout);
+    }
+
+    static void finish(const call_outcome& outcome) {
+        run_until([&] { return outcome.reported(); });
+    }
+};
+
+TEST_F(Invoke, DeliversTheDecodedReplyOnTheApplicationsLoop) {
+    call_outcome echo;
+    const auto link = call("echo", {{"msg", "hi"}, {"n", 42}}, echo.handler());
+    EXPECT_TRUE(link.active());
+    EXPECT_FALSE(echo.reported()) << "never before invoke() returns";
+    finish(echo);
+    EXPECT_FALSE(echo.code());
+    ASSERT_EQ(echo.replies().size(), 1U);
+    EXPECT_EQ(echo.reply().find("msg")->second.get<std::string>(), "hi");
+    EXPECT_EQ(echo.reply().find("n")->second.get<int>(), 42);
+    EXPECT_FALSE(link.active());
+    EXPECT_EQ(echo.count(), 1U);
+}
+
+TEST_F(Invoke, CarriesEveryKindOfValueThereAndBack) {
+    const blob::table args{
+        {"bool", true},
+        {"bytes", blob::bytes{0, 255, 16}},
+        {"double", -0.5},
+        {"int16", static_cast<short>(-3)},
+        {"int32", std::numeric_limits<int>::min()},
+        {"int64", std::numeric_limits<long long>::min()},
+        {"int8", static_cast<signed char>(-1)},
+        {"list", {1, "two", 3.0}},
+        {"string", "text"},
+        {"table", {{"inner", {{"deep", 7}}}}},
+    };
+    call_outcome echo;
+    call("echo", args, echo.handler());
+    finish(echo);
+    ASSERT_EQ(echo.replies().size(), 1U);
+    const auto& reply = echo.reply();
+    const auto at = [&reply](const char* name) -> const blob::attr& {
+        return reply.find(name)->second;
+    };
+    ASSERT_EQ(reply.size(), args.size());
+    EXPECT_EQ(at("bool").get<unsigned char>(), 1) << "a flag cannot be told from a small number";
+    EXPECT_EQ(at("bytes").get<blob::bytes>(), (blob::bytes{0, 255, 16}));
+    EXPECT_EQ(at("double").get<double>(), -0.5);
+    EXPECT_EQ(at("int16").get<short>(), -3);
+    EXPECT_EQ(at("int32").get<int>(), std::numeric_limits<int>::min());
+    EXPECT_EQ(at("int64").get<long long>(), std::numeric_limits<long long>::min());
+    EXPECT_EQ(at("int8").get<signed char>(), -1);
+    EXPECT_EQ(at("list").get<blob::list>().size(), 3U);
+    EXPECT_EQ(at("string").get<std::string>(), "text");
+    const auto& inner = at("table").get<blob::table>().find("inner")->second.get<blob::table>();
+    EXPECT_EQ(inner.find("deep")->second.get<int>(), 7);
+}
+
+TEST_F(Invoke, SeveralRepliesArriveAsSeveralElementsInOrder) {
+    call_outcome twice;
+    call("twice", {}, twice.handler());
+    finish(twice);
+    EXPECT_FALSE(twice.code());
+    ASSERT_EQ(twice.replies().size(), 2U);
+    EXPECT_EQ(twice.replies().front().get<blob::table>().find("i")->second.get<int>(), 1);
+    EXPECT_EQ(twice.replies().back().get<blob::table>().find("i")->second.get<int>(), 2);
+}
+
+TEST_F(Invoke, ReportsTheStatusThatTheCalleeGave) {
+    call_outcome deny;
+    call("deny", {}, deny.handler());
+    finish(deny);
+    EXPECT_EQ(deny.code(), make_error_code(msg::permission_denied));
+    EXPECT_TRUE(deny.replies().empty());
+}
+
+TEST_F(Invoke, AnUnknownMethodIsReportedAsSuch) {
+    call_outcome unknown;
+    call("nosuch", {}, unknown.handler());
+    finish(unknown);
+    EXPECT_EQ(unknown.code(), make_error_code(msg::method_not_found));
+}
+
+TEST_F(Invoke, AnUnknownObjectIsNotFound) {
+    call_outcome unknown;
+    const auto link = bus().invoke("nobody", "echo", {}, unknown.handler(), seconds(0));
+    finish(unknown);
+    EXPECT_EQ(unknown.code(), make_error_code(msg::not_found));
+    EXPECT_FALSE(link.active());
+}
+
+TEST_F(Invoke, ArgumentsThatCannotBeEncodedAreAParseError) {
+    call_outcome bad;
+    call("echo", {{"empty", blob::attr()}}, bad.handler());
+    finish(bad);
+    EXPECT_EQ(bad.code(), make_error_code(msg::parse_error));
+    EXPECT_TRUE(bad.replies().empty());
+}
+
+TEST_F(Invoke, ArgumentsBeyondTheBusLimitAreAnInvalidArgumentAndTheConnectionStays) {
+    call_outcome big;
+    call("echo", {{"big", std::string(2U << 20U, 'x')}}, big.handler());
+    finish(big);
+    EXPECT_EQ(big.code(), make_error_code(msg::invalid_argument));
+    call_outcome after;
+    call("twice", {}, after.handler());
+    finish(after);
+    EXPECT_FALSE(after.code());
+}
+
+TEST_F(Invoke, APathOrMethodBeyondTheBusLimitIsAnInvalidArgumentAndTheConnectionStays) {
+    const std::string huge(2U << 20U, 'p');
+    call_outcome path;
+    bus().invoke(huge, "echo", {}, path.handler(), seconds(0));
+    finish(path);
+    EXPECT_EQ(path.code(), make_error_code(msg::invalid_argument));
+    call_outcome method;
+    call(huge, {}, method.handler());
+    finish(method);
+    EXPECT_EQ(method.code(), make_error_code(msg::invalid_argument));
+    call_outcome after;
+    call("twice", {}, after.handler());
+    finish(after);
+    EXPECT_FALSE(after.code());
+}
+
+TEST_F(Invoke, ATimeoutOfZeroMakesNoTimer) {
+    const auto before = loop()->timers_made();
+    call_outcome echo;
+    call("echo", {}, echo.handler());
+    EXPECT_EQ(loop()->timers_made(), before);
+    finish(echo);
+}
+
+TEST_F(Invoke, TheTimeLimitEndsTheCallAndDiscardsTheRepliesSoFar) {
+    call_outcome late;
+    const auto link = call("late", {{"ms", 60000}}, late.handler(), seconds(5));
+    loop()->advance(seconds(4));
+    loop()->drain();
+    EXPECT_FALSE(late.reported());
+    loop()->advance(seconds(1));
+    finish(late);
+    EXPECT_EQ(late.code(), make_error_code(msg::timeout));
+    EXPECT_TRUE(late.replies().empty());
+    EXPECT_FALSE(link.active());
+}
+
+TEST_F(Invoke, TheTimerGoesWithTheCall) {
+    const auto before = loop()->timers_alive();
+    call_outcome echo;
+    call("echo", {}, echo.handler(), seconds(5));
+    EXPECT_EQ(loop()->timers_alive(), before + 1);
+    finish(echo);
+    EXPECT_EQ(loop()->timers_alive(), before);
+    EXPECT_TRUE(loop()->armed_timers().empty());
+}
+
+TEST_F(Invoke, ACompletionAfterTheTimeLimitIsIgnored) {
+    call_outcome late;
+    call("late", {{"ms", 50}}, late.handler(), seconds(1));
+    loop()->advance(seconds(1));
+    loop()->drain();
+    ASSERT_TRUE(late.reported());
+    // The next answer of the same service comes after the late one.
+    call_outcome after;
+    call("late", {{"ms", 200}}, after.handler());
+    finish(after);
+    EXPECT_EQ(late.count(), 1U);
+    EXPECT_EQ(late.code(), make_error_code(msg::timeout));
+}
+
+TEST_F(Invoke, ANegativeTimeoutExpiresAtOnce) {
+    call_outcome late;
+    call("late", {}, late.handler(), seconds(-5));
+    loop()->advance(seconds(0));
+    finish(late);
+    EXPECT_EQ(late.code(), make_error_code(msg::timeout));
+}
+
+TEST_F(Invoke, ReleasingTheLinkEndsTheCallUnheardAndFreesTheHandler) {
+    auto held = std::make_shared<int>(0);
+    const std::weak_ptr<int> watched = held;
+    int calls = 0;
+    auto link = call("late", {}, [&calls, held](const auto&, const auto&) { ++calls; });
+    held.reset();
+    EXPECT_TRUE(link.active());
+    link.release();
+    EXPECT_FALSE(link.active());
+    EXPECT_TRUE(watched.expired());
+    call_outcome after;
+    call("late", {{"ms", 200}}, after.handler());
+    finish(after);
+    EXPECT_EQ(calls, 0);
+}
+
+TEST_F(Invoke, ReleasingAfterTheHandlerHasRunDoesNothing) {
+    call_outcome echo;
+    auto link = call("echo", {}, echo.handler());
+    finish(echo);
+    EXPECT_NO_THROW(link.release());
+    EXPECT_NO_THROW(link.release());
+}
+
+TEST_F(Invoke, ReleasingTheLinkFromInsideTheHandlerDoesNothing) {
+    utils::link link;
+    int calls = 0;
+    link = call("echo", {}, [&](const auto&, const auto&) {
+        ++calls;
+        EXPECT_FALSE(link.active());
+        EXPECT_NO_THROW(link.release());
+    });
+    run_until([&] { return calls == 1; });
+}
+
+TEST_F(Invoke, AScopedLinkEndsTheCallWhenItGoes) {
+    call_outcome late;
+    {
+        const utils::scoped_link link(call("late", {}, late.handler()));
+        EXPECT_TRUE(link.active());
+    }
+    call_outcome after;
+    call("late", {{"ms", 200}}, after.handler());
+    finish(after);
+    EXPECT_FALSE(late.reported());
+}
+
+TEST_F(Invoke, ACallWithAnEmptyHandlerRunsAndCanBeCancelled) {
+    auto link = call("late", {{"ms", 60000}}, {});
+    EXPECT_TRUE(link.active());
+    link.release();
+    EXPECT_FALSE(link.active());
+    // This one runs to its end: the service is gone afterwards.
+    call("quit", {}, {});
+    EXPECT_EQ(service_->wait(), 0);
+}
+
+TEST_F(Invoke, ManyCallsAtOnceAllGetTheirOwnReply) {
+    constexpr int calls = 500;
+    std::vector<int> answers;
+    for (int n = 0; n < calls; ++n) {
+        call("echo", {{"n", n}}, [&answers](const auto& replies, const std::error_code& code) {
+            ASSERT_FALSE(code);
+            answers.push_back(
+                replies.front().template get<blob::table>().find("n")->second.template get<int>());
+        });
+    }
+    run_until([&] { return answers.size() == calls; });
+    for (int n = 0; n < calls; ++n) {
+        EXPECT_EQ(answers[static_cast<std::size_t>(n)], n);
+    }
+}
+
+TEST_F(Invoke, APendingCallGetsConnectionFailedWhenTheBusIsLost) {
+    call_outcome late;
+    const auto link = call("late", {{"ms", 60000}}, late.handler());
+    call_outcome before;
+    call("echo", {}, before.handler());
+    finish(before); // so the first one has reached the service
+    daemon_.kill9();
+    finish(late);
+    EXPECT_EQ(late.code(), make_error_code(msg::connection_failed));
+    EXPECT_TRUE(late.replies().empty());
+    EXPECT_FALSE(link.active());
+    EXPECT_EQ(late.count(), 1U);
+}
+
+TEST_F(Invoke, APendingCallGetsConnectionFailedWhenTheApplicationDisconnects) {
+    call_outcome late;
+    call("late", {{"ms", 60000}}, late.handler());
+    bus().disconnect({});
+    finish(late);
+    EXPECT_EQ(late.code(), make_error_code(msg::connection_failed));
+}
+
+TEST_F(Invoke, ACallOnALostBusGetsConnectionFailedAtWhateverMomentItIsLost) {
+    for (int round = 0; round < 20; ++round) {
+        std::vector<std::error_code> codes;
+        constexpr std::size_t calls = 40;
+        for (std::size_t n = 0; n < calls; ++n) {
+            call("echo", {}, [&codes](const auto&, const std::error_code& code) {
+                codes.push_back(code);
+            });
+            if (n == static_cast<std::size_t>(round) * 2) {
+                daemon_.kill9();
+            }
+        }
+        run_until([&] { return codes.size() == calls; });
+        for (const auto& code : codes) {
+            EXPECT_TRUE(!code || code == make_error_code(msg::connection_failed)) << code.message();
+        }
+        run_until_state(client::state::disconnected);
+        daemon_.restart();
+        start_service();
+        connect();
+    }
+}
+
+TEST_F(Invoke, CancelEndsPendingCallsWithAbortedBeforeItReturns) {
+    call_outcome late;
+    const auto link = call("late", {{"ms", 60000}}, late.handler(), seconds(5));
+    bus().cancel();
+    EXPECT_EQ(late.code(), make_error_code(error::generic::aborted));
+    EXPECT_TRUE(late.replies().empty());
+    EXPECT_FALSE(link.active());
+    EXPECT_TRUE(loop()->armed_timers().empty());
+    loop()->drain();
+    EXPECT_EQ(late.count(), 1U);
+}
+
+TEST_F(Invoke, DuringCancelACallGetsAbortedThroughTheTaskQueue) {
+    call_outcome during;
+    utils::link link;
+    call("late", {}, [&](const auto&, const auto&) {
+        link = call("echo", {}, during.handler());
+        EXPECT_TRUE(link.active());
+        EXPECT_FALSE(call("echo", {}, {}).active());
+    });
+    bus().cancel();
+    finish(during);
+    EXPECT_EQ(during.code(), make_error_code(error::generic::aborted));
+    EXPECT_TRUE(during.replies().empty());
+}
+
+TEST_F(Invoke, DuringCancelTheLinkOfACallSuppressesItsReport) {
+    call_outcome during;
+    call("late", {}, [&](const auto&, const auto&) {
+        auto link = call("echo", {}, during.handler());
+        link.release();
+        EXPECT_FALSE(link.active());
+    });
+    bus().cancel();
+    loop()->drain();
+    EXPECT_FALSE(during.reported());
+}
+
+TEST_F(Invoke, DuringCancelAHandlerMaySilenceAnotherPendingCall) {
+    std::vector<utils::link> links(10);
+    int heard = 0;
+    for (auto& link : links) {
+        link = call("late", {{"ms", 60000}}, [&](const auto&, const auto&) {
+            ++heard;
+            for (auto& other : links) {
+                other.release();
+            }
+        });
+    }
+    bus().cancel();
+    EXPECT_EQ(heard, 1);
+}
+
+TEST_F(Invoke, AHandlerMayInvokeAgain) {
+    call_outcome second;
+    call("echo", {}, [&](const auto&, const auto&) { call("twice", {}, second.handler()); });
+    finish(second);
+    EXPECT_EQ(second.replies().size(), 2U);
+}
+
+class InvokeWithoutAConnection : public client_test {
+    bus_daemon none_{bus_daemon::launch::later};
+};
+
+TEST_F(InvokeWithoutAConnection, ReportsConnectionFailed) {
+    call_outcome none;
+    const auto link = bus().invoke("demo", "echo", {}, none.handler(), seconds(0));
+    EXPECT_TRUE(link.active());
+    run_until([&] { return none.reported(); });
+    EXPECT_EQ(none.code(), make_error_code(msg::connection_failed));
+    EXPECT_FALSE(link.active());
+}
+
+TEST_F(InvokeWithoutAConnection, ManyThreadsMayInvokeAndReleaseAtOnce) {
+    bus();
+    constexpr int threads = 4;
+    constexpr int rounds = 500;
+    std::atomic<int> heard{0};
+    std::atomic<int> finished{0};
+    std::vector<std::thread> callers;
+    for (int n = 0; n < threads; ++n) {
+        callers.emplace_back([&] {
+            for (int round = 0; round < rounds; ++round) {
+                auto link = bus().invoke(
+                    "demo", "echo", {}, [&heard](const auto&, const auto&) { ++heard; },
+                    seconds(round % 3));
+                if (round % 2 == 0) {
+                    // Completion runs at the same moment on the loop's thread.
+                    link.release();
+                }
+            }
+            ++finished;
+        });
+    }
+    run_until([&] { return finished == threads && heard >= threads * rounds / 2; });
+    for (auto& caller : callers) {
+        caller.join();
+    }
+    loop()->drain();
+    EXPECT_LE(heard, threads * rounds);
+}
+
+} // namespace
+} // namespace tarn::test

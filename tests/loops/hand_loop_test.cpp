@@ -1,0 +1,162 @@
+/// Tests what hand_loop offers to tests beyond the interface of an event loop.
+#include "support/hand_loop.h"
+
+#include <gtest/gtest.h>
+
+#include <thread>
+#include <vector>
+
+namespace {
+
+using tarn::test::hand_loop;
+using namespace std::chrono_literals;
+using timer_ptr = std::shared_ptr<tarn::utils::event_loop::timer>;
+
+TEST(HandLoop, TasksWaitUntilTheyAreDrained) {
+    hand_loop loop;
+    int runs = 0;
+    loop.post([&runs] { ++runs; });
+    loop.post([&runs] { ++runs; });
+    EXPECT_EQ(runs, 0);
+    EXPECT_EQ(loop.waiting_tasks(), 2U);
+    EXPECT_EQ(loop.drain(), 2U);
+    EXPECT_EQ(runs, 2);
+    EXPECT_EQ(loop.drain(), 0U);
+}
+
+TEST(HandLoop, RunOneRunsExactlyOneTask) {
+    hand_loop loop;
+    std::vector<int> order;
+    loop.post([&order] { order.push_back(1); });
+    loop.post([&order] { order.push_back(2); });
+    EXPECT_TRUE(loop.run_one());
+    EXPECT_EQ(order, std::vector<int>{1});
+    EXPECT_TRUE(loop.run_one());
+    EXPECT_FALSE(loop.run_one());
+    EXPECT_EQ(order, (std::vector<int>{1, 2}));
+}
+
+TEST(HandLoop, DrainRunsWhatTasksPost) {
+    hand_loop loop;
+    bool ran = false;
+    loop.post([&] { loop.post([&ran] { ran = true; }); });
+    EXPECT_EQ(loop.drain(), 2U);
+    EXPECT_TRUE(ran);
+}
+
+TEST(HandLoop, WaitForTaskReturnsForATaskOfAnotherThreadAndRunsNothing) {
+    hand_loop loop;
+    bool ran = false;
+    std::thread poster([&] { loop.post([&ran] { ran = true; }); });
+    EXPECT_TRUE(loop.wait_for_task(20s));
+    EXPECT_FALSE(ran);
+    poster.join();
+}
+
+TEST(HandLoop, WaitForTaskGivesUpAtItsLimit) {
+    hand_loop loop;
+    EXPECT_FALSE(loop.wait_for_task(1ms));
+}
+
+TEST(HandLoop, RunUntilDrainsTasksOfAnotherThreadAsTheyCome) {
+    hand_loop loop;
+    int runs = 0;
+    std::thread poster([&] {
+        for (int count = 0; count < 100; ++count) {
+            loop.post([&runs] { ++runs; });
+        }
+    });
+    EXPECT_TRUE(loop.run_until([&runs] { return runs == 100; }, 20s));
+    poster.join();
+}
+
+TEST(HandLoop, RunUntilStopsAtTheTaskThatMadeItTrue) {
+    hand_loop loop;
+    int runs = 0;
+    loop.post([&runs] { ++runs; });
+    loop.post([&runs] { ++runs; });
+    EXPECT_TRUE(loop.run_until([&runs] { return runs == 1; }, 20s));
+    EXPECT_EQ(loop.waiting_tasks(), 1U);
+}
+
+TEST(HandLoop, RunUntilGivesUpAtItsLimit) {
+    hand_loop loop;
+    EXPECT_FALSE(loop.run_until([] { return false; }, 1ms));
+}
+
+TEST(HandLoop, TimersFireOnlyWhenTimeIsAdvanced) {
+    hand_loop loop;
+    int fired = 0;
+    const auto made = loop.create_timer();
+    made->set_handler([&fired] { ++fired; });
+    made->set_timeout(3s);
+    EXPECT_EQ(loop.drain(), 0U);
+    EXPECT_EQ(loop.advance(2s), 0U);
+    EXPECT_EQ(loop.advance(1s), 1U);
+    EXPECT_EQ(fired, 1);
+    EXPECT_EQ(loop.now(), 3s);
+}
+
+TEST(HandLoop, EveryTimerFiresAtItsOwnTime) {
+    hand_loop loop;
+    std::vector<std::chrono::seconds> times;
+    const auto made = loop.create_timer();
+    made->set_handler([&] {
+        times.push_back(loop.now());
+        made->set_timeout(2s);
+    });
+    made->set_timeout(1s);
+    EXPECT_EQ(loop.advance(6s), 3U);
+    EXPECT_EQ(times, (std::vector<std::chrono::seconds>{1s, 3s, 5s}));
+    EXPECT_EQ(loop.now(), 6s);
+}
+
+TEST(HandLoop, ATimerArmedWithoutDelayByAHandlerWaitsForTheNextAdvance) {
+    hand_loop loop;
+    const auto made = loop.create_timer();
+    made->set_handler([&made] { made->set_timeout(0s); });
+    made->set_timeout(1s);
+    EXPECT_EQ(loop.advance(10s), 1U);
+    EXPECT_EQ(loop.advance(0s), 1U);
+    EXPECT_EQ(loop.advance(0s), 1U);
+}
+
+TEST(HandLoop, AdvancingByTheMostFiresAllButTheTimersThatNeverExpire) {
+    hand_loop loop;
+    const auto made = loop.create_timer();
+    made->set_handler([] {});
+    const auto endless = loop.create_timer();
+    endless->set_handler([] { ADD_FAILURE() << "a timer fired at the end of time"; });
+    made->set_timeout(1000000s);
+    endless->set_timeout(std::chrono::seconds::max());
+    EXPECT_EQ(loop.advance(std::chrono::seconds::max()), 1U);
+    EXPECT_EQ(loop.advance(std::chrono::seconds::max()), 0U);
+}
+
+TEST(HandLoop, ListsTheArmedTimersByRemainingTime) {
+    hand_loop loop;
+    const auto first = loop.create_timer();
+    const auto second = loop.create_timer();
+    const auto idle = loop.create_timer();
+    first->set_timeout(7s);
+    second->set_timeout(3s);
+    loop.advance(1s);
+    EXPECT_EQ(loop.armed_timers(), (std::vector<std::chrono::seconds>{2s, 6s}));
+    second->stop();
+    EXPECT_EQ(loop.armed_timers(), std::vector<std::chrono::seconds>{6s});
+}
+
+TEST(HandLoop, CountsPostsAndTimers) {
+    hand_loop loop;
+    loop.post([] {});
+    loop.drain();
+    loop.post([] {});
+    EXPECT_EQ(loop.post_count(), 2U);
+    auto first = loop.create_timer();
+    const auto second = loop.create_timer();
+    first.reset();
+    EXPECT_EQ(loop.timers_made(), 2U);
+    EXPECT_EQ(loop.timers_alive(), 1U);
+}
+
+} // namespace

@@ -1,0 +1,113 @@
+#!/usr/bin/env bash
+# check.sh SOURCE WORK [cmake option...]
+# Installs the library at SOURCE, shared and static, and proves what is installed by building and
+# running programs against it. Everything is done inside WORK, which is emptied first.
+set -euo pipefail
+
+source=$(realpath -- "$1") work=$(realpath -m -- "$2") options=("${@:3}")
+here=$source/tests/packaging
+
+fail() {
+    printf 'packaging: %s\n' "$*" >&2
+    exit 1
+}
+say() { printf -- '\n-- packaging: %s\n' "$*"; }
+
+# run PROGRAM: where there surely is no bus.
+run() { UBUS_SOCKET=$work/no-such-socket "$@"; }
+
+# consumer NAME [cmake option...]: one of the CMake projects beside this script.
+consumer() {
+    cmake -G Ninja -S "$here/$1" -B "$work/$kind/$1" -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_EXPORT_COMPILE_COMMANDS=ON "${@:2}" >"$work/$kind/$1.log" || {
+        cat "$work/$kind/$1.log"
+        return 1
+    }
+    cmake --build "$work/$kind/$1"
+    run "$work/$kind/$1/consumer"
+}
+
+check_kind() {
+    local shared prefix=$work/$kind/prefix
+    [[ $kind == shared ]] && shared=ON || shared=OFF
+
+    say "$kind: install"
+    cmake -G Ninja -S "$source" -B "$work/$kind/build" -DCMAKE_BUILD_TYPE=Release \
+        -DBUILD_SHARED_LIBS=$shared -DTARN_WERROR=ON -DTARN_TESTS=OFF -DTARN_EXAMPLES=OFF \
+        -DCMAKE_INSTALL_LIBDIR=lib "${options[@]}"
+    cmake --build "$work/$kind/build"
+    cmake --install "$work/$kind/build" --prefix "$work/$kind/first-prefix"
+    # Whatever remembered the prefix would no longer find it.
+    mv "$work/$kind/first-prefix" "$prefix"
+
+    say "$kind: what is installed"
+    if [[ $kind == shared ]]; then
+        [[ -f $prefix/lib/libtarn.so.0.0.1 && ! -L $prefix/lib/libtarn.so.0.0.1 ]] ||
+            fail "lib/libtarn.so.0.0.1 is not there"
+        [[ $(readlink "$prefix/lib/libtarn.so.0.0") == libtarn.so.0.0.1 ]] ||
+            fail "lib/libtarn.so.0.0 does not lead to libtarn.so.0.0.1"
+        readelf -d "$prefix/lib/libtarn.so" | grep -F 'soname: [libtarn.so.0.0]' ||
+            fail "the soname is not libtarn.so.0.0"
+    fi
+    (for include in include loops/include loops/conformance; do
+        (cd "$source/$include" && find . -name '*.h')
+    done) | sort |
+        diff -u - <(cd "$prefix/include" && find . -name '*.h' | sort) ||
+        fail "the installed headers are not the public headers"
+    if grep -rF -e "$source/src" -e "$work" "$prefix/lib/cmake" "$prefix/lib/pkgconfig" |
+        grep -vE -e '-L[^ ]+ -lubus'; then
+        fail "an installed file names a folder of this machine"
+    fi
+
+    say "$kind: find_package"
+    consumer cmake-package -DCMAKE_PREFIX_PATH="$prefix;$bus_prefix"
+
+    say "$kind: pkg-config"
+    local pkg_config=pkg-config
+    [[ $kind == shared ]] || pkg_config="pkg-config --static"
+    cp -R "$here/pkgconfig" "$here/main.cpp" "$work/$kind/"
+    PKG_CONFIG_PATH=$prefix/lib/pkgconfig make -C "$work/$kind/pkgconfig" \
+        PKG_CONFIG="$pkg_config" CPPFLAGS="-MD -MF used.d"
+    run env LD_LIBRARY_PATH="$prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" \
+        "$work/$kind/pkgconfig/consumer"
+    if grep -E '(^|[ /])(libubox/|libubus)' "$work/$kind/pkgconfig/used.d"; then
+        fail "a program that uses libtarn includes a header of libubox or libubus"
+    fi
+
+    say "$kind: add_subdirectory"
+    consumer subdirectory -DTARN_SOURCE="$source" -DBUILD_SHARED_LIBS=$shared "${options[@]}"
+}
+
+# With the system's bus in a place of its own, its users are told of it the way we were, and the
+# linker and the loader are told where a system that has it installed would tell them itself.
+bus_prefix=
+for option in "${options[@]}"; do
+    [[ $option == -DCMAKE_PREFIX_PATH=* ]] && bus_prefix=${option#*=}
+done
+if [[ -n $bus_prefix ]]; then
+    export LD_LIBRARY_PATH=$bus_prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
+fi
+
+rm -rf -- "$work"
+for kind in shared static; do
+    mkdir -p "$work/$kind"
+    check_kind
+done
+
+say "a release that breaks the interface is refused"
+cat >"$work/refuse.cmake" <<'CMAKE'
+foreach(wanted 0.1 1.0)
+    set(PACKAGE_FIND_VERSION ${wanted})
+    string(REPLACE "." ";" parts ${wanted})
+    list(GET parts 0 PACKAGE_FIND_VERSION_MAJOR)
+    list(GET parts 1 PACKAGE_FIND_VERSION_MINOR)
+    set(PACKAGE_VERSION_COMPATIBLE TRUE)
+    include(${version_file})
+    if(PACKAGE_VERSION_COMPATIBLE)
+        message(FATAL_ERROR "version ${wanted} is accepted")
+    endif()
+endforeach()
+CMAKE
+cmake -Dversion_file="$work/shared/prefix/lib/cmake/tarn/tarnConfigVersion.cmake" \
+    -P "$work/refuse.cmake"
+say "passed"

@@ -1,0 +1,58 @@
+/// A bus daemon for one test: started on a private socket in a temporary folder, gone with the
+/// test.
+#pragma once
+
+#include <string>
+#include <sys/types.h>
+
+namespace tarn::test {
+
+/// Starts the daemon, waits until it serves, and ends it in the destructor. No daemon outlives the
+/// test process, not even one that is killed.
+///
+/// With the bundled bus the socket is private to the object and the constructor sets the
+/// environment variable UBUS_SOCKET to it, so that ubus_connect(NULL) finds it; construct it
+/// before other threads run. With an installed bus it is that bus's daemon on its compiled-in
+/// socket.
+///
+/// Failures to start throw std::runtime_error.
+class bus_daemon {
+public:
+    /// Starts at once, unless told not to: start() does it then.
+    enum class launch { now, later };
+    explicit bus_daemon(launch when = launch::now);
+    ~bus_daemon();
+    bus_daemon(const bus_daemon&) = delete;
+    bus_daemon& operator=(const bus_daemon&) = delete;
+
+    const std::string& socket_path() const { return socket_; }
+    /// The process id; -1 while it is not running.
+    pid_t pid() const { return pid_; }
+
+    /// Starts it and returns once a client that connects has been greeted.
+    void start();
+    /// Asks it to end (SIGTERM) and waits until it has. Returns its wait status; -1 if it was not
+    /// running.
+    int stop();
+    /// Kills it (SIGKILL) and waits until it has gone; its socket file stays behind.
+    void kill9();
+    /// kill9(), then start().
+    void restart();
+    /// Holds it (SIGSTOP) and lets it go on (SIGCONT).
+    void pause();
+    void resume();
+
+    /// Connects like a client would: a stream socket the caller closes, or -1.
+    int connect() const;
+
+private:
+    int end(int signal);
+    bool greets() const;
+
+    std::string folder_;
+    std::string socket_;
+    pid_t pid_ = -1;
+    bool held_ = false;
+};
+
+} // namespace tarn::test
