@@ -74,21 +74,21 @@ private:
         std::cout << path << '.' << method << ' ';
         examples::print(std::cout, args);
         std::cout << std::endl;
-        bus_.invoke(path, method, args,
-                    [=](const std::list<tarn::blob::attr>& replies, const std::error_code& status) {
-                        for (const auto& reply : replies) {
-                            std::cout << "    reply: ";
-                            examples::print(std::cout, reply);
-                            std::cout << '\n';
-                        }
-                        std::cout << "    outcome: " << status.message() << std::endl;
-                        if (status != make_error_code(expected) ||
-                            replies.size() != replies_expected) {
-                            return fail("that is not what this call should give");
-                        }
-                        next();
-                    },
-                    limit);
+        bus_.invoke(
+            path, method, args,
+            [=](const std::list<tarn::blob::attr>& replies, const std::error_code& status) {
+                for (const auto& reply : replies) {
+                    std::cout << "    reply: ";
+                    examples::print(std::cout, reply);
+                    std::cout << '\n';
+                }
+                std::cout << "    outcome: " << status.message() << std::endl;
+                if (status != make_error_code(expected) || replies.size() != replies_expected) {
+                    return fail("that is not what this call should give");
+                }
+                next();
+            },
+            limit);
     }
 
     void call_nested() {
@@ -138,18 +138,19 @@ private:
     void lose_bus() {
         bus_lost_ = true;
         // Pending without a time limit: the loss of the connection is what ends it.
-        call("demo", "late", {{"ms", 60000}}, 0s, msg::connection_failed, 0, [this] {
-            loss_reported_ = true;
-        });
+        call("demo", "late", {{"ms", 60000}}, 0s, msg::connection_failed, 0,
+             [this] { loss_reported_ = true; });
         std::cout << "now take the bus away, and bring it back after a failed attempt" << std::endl;
     }
 
     void call_again() {
         std::cout << "demo.echo {\"msg\": \"back again\"}" << std::endl;
-        bus_.invoke("demo", "echo", {{"msg", "back again"}},
-                    [this](const std::list<tarn::blob::attr>& replies,
-                           const std::error_code& status) { on_answer_again(replies, status); },
-                    5s);
+        bus_.invoke(
+            "demo", "echo", {{"msg", "back again"}},
+            [this](const std::list<tarn::blob::attr>& replies, const std::error_code& status) {
+                on_answer_again(replies, status);
+            },
+            5s);
     }
 
     void on_answer_again(const std::list<tarn::blob::attr>& replies,

@@ -17,21 +17,21 @@
 
 struct late_call {
     struct uloop_timeout timer;
-    struct ubus_context *context;
+    struct ubus_context* context;
     struct ubus_request_data request;
 };
 
 static struct blob_buf reply;
 
-static int echo(struct ubus_context *context, struct ubus_object *object,
-                struct ubus_request_data *request, const char *method, struct blob_attr *message) {
+static int echo(struct ubus_context* context, struct ubus_object* object,
+                struct ubus_request_data* request, const char* method, struct blob_attr* message) {
     (void)object;
     (void)method;
     return ubus_send_reply(context, request, message);
 }
 
-static int twice(struct ubus_context *context, struct ubus_object *object,
-                 struct ubus_request_data *request, const char *method, struct blob_attr *message) {
+static int twice(struct ubus_context* context, struct ubus_object* object,
+                 struct ubus_request_data* request, const char* method, struct blob_attr* message) {
     (void)object;
     (void)method;
     (void)message;
@@ -43,8 +43,8 @@ static int twice(struct ubus_context *context, struct ubus_object *object,
     return UBUS_STATUS_OK;
 }
 
-static int deny(struct ubus_context *context, struct ubus_object *object,
-                struct ubus_request_data *request, const char *method, struct blob_attr *message) {
+static int deny(struct ubus_context* context, struct ubus_object* object,
+                struct ubus_request_data* request, const char* method, struct blob_attr* message) {
     (void)context;
     (void)object;
     (void)request;
@@ -53,9 +53,9 @@ static int deny(struct ubus_context *context, struct ubus_object *object,
     return UBUS_STATUS_PERMISSION_DENIED;
 }
 
-static void answer_late(struct uloop_timeout *timer) {
+static void answer_late(struct uloop_timeout* timer) {
     /* The timer is the first member. */
-    struct late_call *call = (struct late_call *)timer;
+    struct late_call* call = (struct late_call*)timer;
     blob_buf_init(&reply, 0);
     blobmsg_add_string(&reply, "done", "late");
     ubus_send_reply(call->context, &call->request, reply.head);
@@ -65,14 +65,14 @@ static void answer_late(struct uloop_timeout *timer) {
 
 static const struct blobmsg_policy late_policy[] = {{"ms", BLOBMSG_TYPE_INT32}};
 
-static int late(struct ubus_context *context, struct ubus_object *object,
-                struct ubus_request_data *request, const char *method, struct blob_attr *message) {
+static int late(struct ubus_context* context, struct ubus_object* object,
+                struct ubus_request_data* request, const char* method, struct blob_attr* message) {
     (void)object;
     (void)method;
-    struct blob_attr *delay = NULL;
+    struct blob_attr* delay = NULL;
     blobmsg_parse(late_policy, 1, &delay, blob_data(message), (unsigned int)blob_len(message));
 
-    struct late_call *call = calloc(1, sizeof(*call));
+    struct late_call* call = calloc(1, sizeof(*call));
     if (call == NULL)
         return UBUS_STATUS_UNKNOWN_ERROR;
     call->timer.cb = answer_late;
@@ -82,15 +82,15 @@ static int late(struct ubus_context *context, struct ubus_object *object,
     return UBUS_STATUS_OK;
 }
 
-static void end_loop(struct uloop_timeout *timer) {
+static void end_loop(struct uloop_timeout* timer) {
     (void)timer;
     uloop_end();
 }
 
 static struct uloop_timeout quit_timer = {.cb = end_loop};
 
-static int quit(struct ubus_context *context, struct ubus_object *object,
-                struct ubus_request_data *request, const char *method, struct blob_attr *message) {
+static int quit(struct ubus_context* context, struct ubus_object* object,
+                struct ubus_request_data* request, const char* method, struct blob_attr* message) {
     (void)context;
     (void)object;
     (void)request;
@@ -116,14 +116,14 @@ static struct ubus_object_type type = {.name = "demo", .methods = methods, .n_me
 static struct ubus_object object = {
     .name = "demo", .type = &type, .methods = methods, .n_methods = 5};
 
-static void lost(struct ubus_context *context) {
+static void lost(struct ubus_context* context) {
     (void)context;
     uloop_end();
 }
 
 int main(void) {
     uloop_init();
-    struct ubus_context *context = ubus_connect(NULL);
+    struct ubus_context* context = ubus_connect(NULL);
     if (context == NULL) {
         fprintf(stderr, "demo_service: no bus\n");
         return 1;

@@ -24,7 +24,9 @@ inline void print(std::ostream& out, const tarn::blob::attr& value) {
     using tarn::blob::bytes;
     using tarn::blob::list;
     using tarn::blob::table;
-    const auto is = [&value](const std::type_info& type) { return value.type() == type; };
+    const auto is = [&value](const std::type_info& type) {
+        return value.type() == type;
+    };
     if (is(typeid(bool))) {
         out << (value.get<bool>() ? "true" : "false");
     } else if (is(typeid(unsigned char))) {

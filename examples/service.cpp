@@ -33,7 +33,7 @@ template <class T>
 const T* field(const tarn::blob::table& fields, const char* name) {
     const auto found = fields.find(name);
     return found != fields.end() && found->second.type() == typeid(T) ? &found->second.get<T>()
-                                                                       : nullptr;
+                                                                      : nullptr;
 }
 
 void serve_time(const call& incoming) {
@@ -137,10 +137,8 @@ int main() {
                     std::cout << "service: " << (failed ? failed.message() : "ready") << std::endl;
                 });
             });
-        const tarn::utils::scoped_link reconnection =
-            bus.auto_connect([](long long attempt) {
-                return std::chrono::seconds(std::min(attempt, 30LL));
-            });
+        const tarn::utils::scoped_link reconnection = bus.auto_connect(
+            [](long long attempt) { return std::chrono::seconds(std::min(attempt, 30LL)); });
         the_loop()->run();
         bus.cancel(); // no handler refers to the pool any more
     }

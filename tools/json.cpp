@@ -75,7 +75,9 @@ std::string to_hex(const bytes& data) {
 }
 
 ordered_json write_value(const attr& value) {
-    const auto is = [&value](const std::type_info& type) { return value.type() == type; };
+    const auto is = [&value](const std::type_info& type) {
+        return value.type() == type;
+    };
     if (is(typeid(bool))) {
         return value.get<bool>();
     }

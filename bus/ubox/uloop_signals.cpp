@@ -24,7 +24,7 @@ std::atomic<bool> child_has_ended{false};
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
               "the signal handler must not meet a lock");
 
-extern "C" void on_signal(int number) {
+void on_signal(int number) {
     const int saved_errno = errno;
     handlers_running.fetch_add(1);
     if (number == SIGCHLD) {
@@ -42,32 +42,20 @@ extern "C" void on_signal(int number) {
     errno = saved_errno;
 }
 
+// On SIGCHLD it means what it says. Elsewhere it has no meaning and nobody sets it, so that it
+// tells our SIG_IGN from one that the application has set meanwhile and that must stay.
+constexpr int mark = SA_NOCLDSTOP;
+
 struct sigaction action_for(int number) {
     struct sigaction action {};
     action.sa_handler = number == SIGPIPE ? SIG_IGN : on_signal;
-    action.sa_flags = SA_RESTART | (number == SIGCHLD ? SA_NOCLDSTOP : 0);
-    // An ignored signal has no use for a mask. Here it tells our SIG_IGN from one that the
-    // application has set meanwhile and that must stay.
-    sigemptyset(&action.sa_mask);
-    for (const int blocked : taken_signals) {
-        sigaddset(&action.sa_mask, blocked);
-    }
+    action.sa_flags = SA_RESTART | mark;
     return action;
 }
 
-bool same_mask(const sigset_t& a, const sigset_t& b) {
-    for (int number = 1; number < NSIG; ++number) {
-        if (sigismember(&a, number) != sigismember(&b, number)) {
-            return false;
-        }
-    }
-    return true;
-}
-
 bool is_ours(int number, const struct sigaction& current) {
-    const struct sigaction ours = action_for(number);
-    return (current.sa_flags & SA_SIGINFO) == 0 && current.sa_handler == ours.sa_handler &&
-           same_mask(current.sa_mask, ours.sa_mask);
+    return (current.sa_flags & SA_SIGINFO) == 0 && (current.sa_flags & mark) != 0 &&
+           current.sa_handler == action_for(number).sa_handler;
 }
 
 } // namespace

@@ -161,7 +161,8 @@ public:
     ///   msg::invalid_argument      an object of this name is already published by this client, or
     ///                              by another client of the bus; or a policy names a type that is
     ///                              no stored type of blob::attr (typeid(int) instead of
-    ///                              typeid(unsigned int)); or the description exceeds the bus limit;
+    ///                              typeid(unsigned int)); or the description exceeds the bus
+    ///                              limit;
     ///   msg::connection_failed     not connected, or the connection ended first;
     ///   msg::no_memory             memory ran out on the private thread;
     ///   generic::aborted           cancel() ended it;

@@ -9,7 +9,8 @@
 namespace tarn::blob::utils {
 
 int to_blobmsg_type(const std::type_index& type) {
-    static const std::map<std::type_index, enum blobmsg_type> types{
+    // Never destroyed: the loop thread may still decode while the process runs its exit handlers.
+    static const auto& types = *new std::map<std::type_index, enum blobmsg_type> {
         {typeid(bytes), BLOBMSG_TYPE_UNSPEC},
         {typeid(list), BLOBMSG_TYPE_ARRAY},
         {typeid(table), BLOBMSG_TYPE_TABLE},

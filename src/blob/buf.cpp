@@ -45,16 +45,15 @@ public:
 
     void* cookie() const noexcept { return cookie_; }
 
-    /// The next child, which goes out under the name that is passed to `write`; false when there
-    /// is none left.
+    /// Passes the next child to `write` with its name, null for an element of a list; false when
+    /// there is none left.
     template <class Write>
     bool write_next(Write&& write) {
         if (auto* elements = std::get_if<range<list>>(&rest_)) {
-            static const std::string no_name;
             if (elements->next == elements->end) {
                 return false;
             }
-            write(no_name, *elements->next++);
+            write(nullptr, *elements->next++);
             return true;
         }
         auto& fields = std::get<range<table>>(rest_);
@@ -62,7 +61,7 @@ public:
             return false;
         }
         const auto& field = *fields.next++;
-        write(field.first, field.second);
+        write(&field.first, field.second);
         return true;
     }
 
@@ -138,8 +137,8 @@ void buf::convert(const std::string& name, const attr& value) {
 }
 
 void buf::write_children() {
-    const auto write = [this](const std::string& name, const attr& value) {
-        convert(name, value);
+    const auto write = [this](const std::string* name, const attr& value) {
+        convert(name ? *name : no_name_, value);
     };
     while (!nests_.empty()) {
         // A child that is a list or table opens a nest of its own, on top of this one.

@@ -10,9 +10,8 @@
 
 namespace tarn {
 
-void client_impl::connect_sync(
-    const std::weak_ptr<void>& connection,
-    const std::function<void(state, const std::error_code&)>& report) {
+void client_impl::connect_sync(const std::weak_ptr<void>& connection,
+                               const std::function<void(state, const std::error_code&)>& report) {
     release_bus();
     // Connecting initialises libubox's loop once more, which takes over the signals that the
     // application has left at their defaults.

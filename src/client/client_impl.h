@@ -132,8 +132,7 @@ private:
     // invoke.cpp
     void invoke_sync(const std::string& path, const std::string& method,
                      const std::multimap<std::string, blob::attr>& args,
-                     const std::shared_ptr<ubus_request>& request,
-                     std::weak_ptr<invoke_ctx>& ctx);
+                     const std::shared_ptr<ubus_request>& request, std::weak_ptr<invoke_ctx>& ctx);
     std::error_code start_request(const std::string& path, const std::string& method,
                                   const std::multimap<std::string, blob::attr>& args,
                                   const std::shared_ptr<ubus_request>& request);
@@ -238,9 +237,9 @@ public:
 private:
     client_impl& client_;
     const std::weak_ptr<void> tracker_;
-    mutable std::mutex lock_; ///< guards the two below, so that two answers cannot both win
-    std::weak_ptr<void> connection_;              ///< emptied when the call is completed
-    std::shared_ptr<ubus_request_data> request_;  ///< emptied when the call is completed
+    mutable std::mutex lock_;        ///< guards the two below, so that two answers cannot both win
+    std::weak_ptr<void> connection_; ///< emptied when the call is completed
+    std::shared_ptr<ubus_request_data> request_; ///< emptied when the call is completed
 };
 
 } // namespace tarn

@@ -210,7 +210,8 @@ void client_impl::request_connection() {
         post_from_uloop(misc::tie_handler([result, s, code] { result(s, code); }, tracker));
     };
     // The state moves before the request is on its way, since the result may overtake a caller that
-    // is not on the application's loop; subscribers hear of it when the request cannot fail any more.
+    // is not on the application's loop; subscribers hear of it when the request cannot fail any
+    // more.
     const state before = state_.exchange(state::connecting);
     try {
         post_to_uloop([this, connection, report] { connect_sync(connection, report); });
@@ -238,8 +239,7 @@ void client_impl::request_disconnect() {
     }
     state before = get_state();
     while (before != state::disconnected &&
-           !state_.compare_exchange_weak(before, state::disconnecting)) {
-    }
+           !state_.compare_exchange_weak(before, state::disconnecting)) {}
     try {
         post_to_uloop([this, tracker] { disconnect_sync(tracker); });
     } catch (...) {

@@ -140,12 +140,10 @@ void client_impl::stop() noexcept {
         const std::lock_guard<std::mutex> guard(task_lock_);
         tasks.swap(task_queue_);
     }
-    while (invokes_.take_any()) {
-    }
+    while (invokes_.take_any()) {}
     objects_.take_all();
     for (auto* handlers : {&add_handlers_, &del_handlers_, &send_handlers_}) {
-        while (handlers->take_oldest()) {
-        }
+        while (handlers->take_oldest()) {}
     }
     requests_.clear();
     ubus_objects_.clear();

@@ -44,9 +44,7 @@ utils::link client_impl::invoke(const std::string& path, const std::string& meth
             return {};
         }
         auto wrapped = misc::link_handler(handler, false);
-        schedule_task([report = std::move(wrapped.first)] {
-            report({}, error::generic::aborted);
-        });
+        schedule_task([report = std::move(wrapped.first)] { report({}, error::generic::aborted); });
         return wrapped.second;
     }
 
@@ -131,11 +129,11 @@ std::error_code client_impl::start_request(const std::string& path, const std::s
     }
     // The entry comes first: once libubus works on the request nothing may fail any more.
     const auto entry = requests_.emplace(request.get(), request).first;
-    const std::error_code started = to_msg_error(ubus_invoke_async_fd(
-        bus, id, method.c_str(), buffer.native()->head, request.get(), -1));
+    const std::error_code started = to_msg_error(
+        ubus_invoke_async_fd(bus, id, method.c_str(), buffer.native()->head, request.get(), -1));
     if (started) {
         requests_.erase(entry);
-        return started;
+        return usable_bus() == bus ? started : error::msg::connection_failed;
     }
     // Only now: starting the request has initialised the record.
     request->priv = this;
@@ -181,7 +179,8 @@ void client_impl::invoke_req_done_handler(ubus_request* request, int status) {
         self.post_from_uloop([&self, completion, record] {
             const auto ended = self.invokes_.take(record.get());
             if (ended && ended->handler) {
-                ended->handler(ended->replies, completion ? completion : ended->status);
+                const bool bad_reply = !completion && ended->status;
+                ended->handler(ended->replies, bad_reply ? ended->status : completion);
             }
         });
     });

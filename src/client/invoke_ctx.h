@@ -20,10 +20,10 @@ struct invoke_ctx {
     invoke_ctx& operator=(invoke_ctx&&) = delete;
     ~invoke_ctx() = default;
 
-    std::error_code status;             ///< the first reply that failed to decode
-    std::list<blob::attr> replies;      ///< one table per data reply, in order of arrival
+    std::error_code status;        ///< the first reply that failed to decode
+    std::list<blob::attr> replies; ///< one table per data reply, in order of arrival
     std::shared_ptr<ubus_request> request;
-    client::result_handler handler;     ///< may be empty
+    client::result_handler handler;                  ///< may be empty
     std::shared_ptr<utils::event_loop::timer> timer; ///< empty without a time limit
 };
 

@@ -27,7 +27,7 @@ struct incoming_call {
 /// arrays into a list, whose elements never move. Built on the loop thread, read-only afterwards.
 struct ubus_object_ctx {
     std::string name;
-    ubus_object object{};    ///< its address identifies the object on both sides
+    ubus_object object{}; ///< its address identifies the object on both sides
     ubus_object_type type{};
     std::vector<ubus_method> methods;
     std::list<std::vector<blobmsg_policy>> policies;

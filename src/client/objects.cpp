@@ -161,6 +161,9 @@ std::error_code client_impl::register_object(ubus_context* bus,
         if (records->object.id != 0) {
             retire(records);
         }
+        if (usable_bus() != bus) {
+            return error::msg::connection_failed; // lost meanwhile, whatever libubus makes of it
+        }
     }
     return status;
 }
@@ -177,9 +180,8 @@ utils::link client_impl::del_object(const std::string& name, bool stop_serving,
     const ticket entry = del_handlers_.add(handler);
     try {
         utils::link pending = del_handlers_.link_to(entry);
-        post_to_uloop([this, object, stop_serving, entry] {
-            del_object_sync(object, stop_serving, entry);
-        });
+        post_to_uloop(
+            [this, object, stop_serving, entry] { del_object_sync(object, stop_serving, entry); });
         return pending;
     } catch (...) {
         del_handlers_.take(entry);
@@ -209,6 +211,9 @@ void client_impl::del_object_sync(const std::shared_ptr<object_ctx>& object, boo
         if (status) {
             retire(records);
         }
+        if (status && usable_bus() != bus) {
+            status = error::msg::connection_failed; // lost meanwhile
+        }
     }
     post_from_uloop([this, status, object, entry] {
         objects_.take(&object->ubus_ctx->object);
@@ -219,8 +224,8 @@ void client_impl::del_object_sync(const std::shared_ptr<object_ctx>& object, boo
 }
 
 void client_impl::refuse_waiting_calls(ubus_context* bus, ubus_object_ctx& records) {
-    // Once the object is withdrawn the daemon passes on no answer for it, and a refusal that goes by
-    // way of the application's loop would come too late: the caller would wait for good.
+    // Once the object is withdrawn the daemon passes on no answer for it, and a refusal that goes
+    // by way of the application's loop would come too late: the caller would wait for good.
     for (const auto& waiting : records.calls) {
         const auto call = waiting.lock();
         if (call && !call->settled.exchange(true)) {
@@ -237,9 +242,8 @@ void client_impl::retire(const std::shared_ptr<ubus_object_ctx>& records) {
 
 int client_impl::method_callable(ubus_context* /*context*/, ubus_object* object,
                                  ubus_request_data* request, const char* method, blob_attr* msg) {
-    return guard_callback(
-        [=] { return get_instance({}).on_call(object, request, method, msg); },
-        answer_unknown_error);
+    return guard_callback([=] { return get_instance({}).on_call(object, request, method, msg); },
+                          answer_unknown_error);
 }
 
 int client_impl::on_call(ubus_object* object, ubus_request_data* request, const char* method,

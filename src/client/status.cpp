@@ -13,8 +13,8 @@ int client_impl::to_ubus_msg_status(const std::error_code& code) {
     if (code.category() != error::msg_category::get_inst()) {
         return unknown;
     }
-    const bool carried = code.value() > 0 &&
-                         code.value() <= static_cast<int>(error::msg::connection_failed);
+    const bool carried =
+        code.value() > 0 && code.value() <= static_cast<int>(error::msg::connection_failed);
     return carried ? code.value() : unknown;
 }
 

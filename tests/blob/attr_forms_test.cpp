@@ -7,6 +7,12 @@ namespace {
 
 using namespace tarn::blob;
 
+std::string enclosed(char open, const std::string& text, char close) {
+    std::string whole(1, open);
+    whole.append(text).append(1, close);
+    return whole;
+}
+
 /// The value written out, so that one comparison shows all of it.
 std::string text_of(const attr& value) {
     std::string text;
@@ -14,7 +20,7 @@ std::string text_of(const attr& value) {
         return std::to_string(value.get<int>());
     }
     if (value.type() == typeid(std::string)) {
-        return "'" + value.get<std::string>() + "'";
+        return enclosed('\'', value.get<std::string>(), '\'');
     }
     if (value.type() == typeid(bool)) {
         return value.get<bool>() ? "true" : "false";
@@ -26,13 +32,13 @@ std::string text_of(const attr& value) {
         for (const attr& element : value.get<list>()) {
             text += (text.empty() ? "" : ",") + text_of(element);
         }
-        return "[" + text + "]";
+        return enclosed('[', text, ']');
     }
     if (value.type() == typeid(table)) {
         for (const auto& [name, field] : value.get<table>()) {
             text += (text.empty() ? "" : ",") + name + ":" + text_of(field);
         }
-        return "{" + text + "}";
+        return enclosed('{', text, '}');
     }
     return value.has_value() ? value.type().name() : "empty";
 }
@@ -128,6 +134,15 @@ TEST(AttrForms, ListsOfListsAndTablesNameTheirElements) {
     EXPECT_EQ(text_of(mixed), "[1,[],{x:[{}]}]");
     attr whole = list{{1, 2}, {3}, {{"x", 1}}};
     EXPECT_EQ(text_of(whole), "[[1,2],[3],{x:1}]");
+    attr one = list{{1, 2}};
+    EXPECT_EQ(text_of(one), "[[1,2]]");
+    const list inner = {1, 2};
+    attr named = list{attr(inner)};
+    EXPECT_EQ(text_of(named), "[[1,2]]");
+    attr around{inner};
+    EXPECT_EQ(text_of(around), "[[1,2]]");
+    attr same = inner;
+    EXPECT_EQ(text_of(same), "[1,2]");
 }
 
 TEST(AttrForms, TheValueOfAPairFollowsTheSameRules) {

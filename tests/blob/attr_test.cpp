@@ -69,7 +69,15 @@ using integer_types =
                      stores<long, long_stored>, stores<unsigned long, long_stored>,
                      stores<long long, unsigned long long>,
                      stores<unsigned long long, unsigned long long>>;
-TYPED_TEST_SUITE(Integers, integer_types);
+
+/// What a type is called in the names of the tests: its mangled name, a letter.
+struct integer_name {
+    template <class T>
+    static std::string GetName(int) {
+        return typeid(typename T::given).name();
+    }
+};
+TYPED_TEST_SUITE(Integers, integer_types, integer_name);
 
 TYPED_TEST(Integers, AreStoredAsTheUnsignedTypeOfTheirWidth) {
     using T = typename TypeParam::given;
@@ -272,12 +280,12 @@ TEST(Attr, KeepsItsValueWhenAssignedToItself) {
 }
 
 TEST(Attr, MayBeAssignedAPartOfItself) {
-    attr a = list{list{7, "x"}};
+    attr a = list{{7, "x"}};
     a = a.get<list>().front();
     EXPECT_EQ(a.get<list>().front().get<int>(), 7);
     a = std::move(a.get<list>().back());
     EXPECT_EQ(a.get<std::string>(), "x");
-    attr b = list{list{7}};
+    attr b = list{{7}};
     b.set(b.get<list>().front().get<list>());
     EXPECT_EQ(b.get<list>().front().get<int>(), 7);
 }

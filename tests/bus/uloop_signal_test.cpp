@@ -145,7 +145,7 @@ TEST_F(UloopSignal, DoneLeavesSigpipeThatTheApplicationIgnores) {
     EXPECT_EQ(handler_of(SIGPIPE), SIG_IGN);
 }
 
-TEST_F(UloopSignal, DoneLeavesSigpipeIgnoredWithEverySignalMasked) {
+TEST_F(UloopSignal, DoneLeavesSigpipeIgnoredWithAMask) {
     ASSERT_EQ(uloop_init(), 0);
     struct sigaction ignore {};
     ignore.sa_handler = SIG_IGN;

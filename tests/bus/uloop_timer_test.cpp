@@ -1,6 +1,7 @@
 /// uloop's timers.
 #include <libubox/uloop.h>
 
+#include <ctime>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
@@ -15,6 +16,12 @@ using ubox_test::timer;
 using ubox_test::uloop_test;
 
 using UloopTimer = uloop_test;
+
+long long microseconds_now() {
+    timespec now{};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return now.tv_sec * 1000000LL + now.tv_nsec / 1000;
+}
 
 TEST_F(UloopTimer, FiresOnceAndIsNotPendingInItsHandler) {
     int fired = 0;
@@ -66,9 +73,7 @@ TEST_F(UloopTimer, NeverFiresTooEarly) {
     uloop_timeout_set(&end, 30);
     const timeval due = end.time;
     run();
-    timespec now{};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    EXPECT_GE(now.tv_sec * 1000000 + now.tv_nsec / 1000, due.tv_sec * 1000000 + due.tv_usec);
+    EXPECT_GE(microseconds_now(), due.tv_sec * 1000000LL + due.tv_usec);
 }
 
 TEST_F(UloopTimer, SetAgainIsMoved) {
@@ -117,6 +122,16 @@ TEST_F(UloopTimer, RemainingCountsDownAndIsMinusOneWhenNotPending) {
     EXPECT_LE(uloop_timeout_remaining(&one), 100000);
     uloop_timeout_cancel(&one);
     EXPECT_EQ(uloop_timeout_remaining(&one), -1);
+}
+
+TEST_F(UloopTimer, RemainingIsRoundedUpSoThatNobodyWaitsTooShort) {
+    timer one([](timer&) {});
+    for (int i = 0; i < 100; ++i) {
+        uloop_timeout_set(&one, 1000);
+        const int remaining = uloop_timeout_remaining(&one);
+        const long long due = one.time.tv_sec * 1000000LL + one.time.tv_usec;
+        EXPECT_GE(remaining * 1000LL, due - microseconds_now());
+    }
 }
 
 TEST_F(UloopTimer, LargestTimeIsAccepted) {

@@ -24,7 +24,9 @@ constexpr std::chrono::seconds limit{30};
 class outcome {
 public:
     client::completion_handler handler() {
-        return [codes = codes_](const std::error_code& code) { codes->push_back(code); };
+        return [codes = codes_](const std::error_code& code) {
+            codes->push_back(code);
+        };
     }
     std::size_t count() const { return codes_->size(); }
     bool reported() const { return !codes_->empty(); }
@@ -84,8 +86,8 @@ protected:
 
     /// Subscribes to state changes for the rest of the test.
     std::vector<client::state>& record_states() {
-        states_link_ = bus().notify_on_state_change(
-            [this](client::state s) { states_.push_back(s); });
+        states_link_ =
+            bus().notify_on_state_change([this](client::state s) { states_.push_back(s); });
         return states_;
     }
 
@@ -112,8 +114,7 @@ protected:
 
     /// Starts the service "demo", written on plain libubus, and waits until it is published.
     void start_service() {
-        service_ = std::make_unique<child_process>(
-            std::vector<std::string>{TARN_TEST_SERVICE});
+        service_ = std::make_unique<child_process>(std::vector<std::string>{TARN_TEST_SERVICE});
         service_->wait_for_line("demo_service: ready");
     }
 

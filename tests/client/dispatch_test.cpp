@@ -36,7 +36,9 @@ protected:
 
     std::vector<int> ran_;
     std::function<void()> record(int n) {
-        return [this, n] { ran_.push_back(n); };
+        return [this, n] {
+            ran_.push_back(n);
+        };
     }
 };
 

@@ -1,7 +1,7 @@
 /// How the process's single client is obtained, and what it refuses.
 #include "tarn/client.h"
 
-#include "support/expect_throw_msg.h"
+#include "support/expect_throw.h"
 #include "support/hand_loop.h"
 
 #include <gtest/gtest.h>
@@ -11,6 +11,8 @@
 
 namespace tarn::test {
 namespace {
+
+using tests::expect_throw_msg;
 
 constexpr auto no_loop = "tarn_impl::client: No event loop";
 constexpr auto missing_loop = "tarn_impl::client: Missing/expired event loop";
@@ -23,12 +25,12 @@ std::shared_ptr<hand_loop> keep(const std::shared_ptr<hand_loop>& loop) {
 }
 
 TEST(Instance, AFirstCallWithAnEmptyLoopThrowsNoEventLoop) {
-    EXPECT_THROW_MSG(client::get_instance({}), std::runtime_error, no_loop);
+    expect_throw_msg<std::runtime_error>([&] { client::get_instance({}); }, no_loop);
 }
 
 TEST(Instance, AFirstCallWithAnExpiredLoopThrowsNoEventLoop) {
     const std::weak_ptr<utils::event_loop> expired = std::make_shared<hand_loop>();
-    EXPECT_THROW_MSG(client::get_instance(expired), std::runtime_error, no_loop);
+    expect_throw_msg<std::runtime_error>([&] { client::get_instance(expired); }, no_loop);
 }
 
 /// Ends the reference that the client was given to it, while it makes the client's timer.
@@ -50,11 +52,11 @@ TEST(Instance, ALoopThatDiesWhileItMakesTheTimerIsReportedAsMissing) {
     std::weak_ptr<utils::event_loop> watched;
     const auto loop = std::make_shared<short_lived_loop>(watched);
     watched = loop;
-    EXPECT_THROW_MSG(client::get_instance(watched), std::runtime_error, missing_loop);
+    expect_throw_msg<std::runtime_error>([&] { client::get_instance(watched); }, missing_loop);
 }
 
 TEST(Instance, AFailedFirstCallLeavesTheNextOneToTryAgain) {
-    EXPECT_THROW_MSG(client::get_instance({}), std::runtime_error, no_loop);
+    expect_throw_msg<std::runtime_error>([&] { client::get_instance({}); }, no_loop);
     const auto loop = keep(std::make_shared<hand_loop>());
     EXPECT_EQ(client::get_instance(loop).get_state(), client::state::disconnected);
 }
@@ -71,7 +73,7 @@ TEST(Instance, LaterCallsWithTheSameOrNoLoopReturnTheSameClient) {
 TEST(Instance, AnotherLiveLoopIsRefused) {
     client& first = client::get_instance(keep(std::make_shared<hand_loop>()));
     const auto other = std::make_shared<hand_loop>();
-    EXPECT_THROW_MSG(client::get_instance(other), std::runtime_error, other_loop);
+    expect_throw_msg<std::runtime_error>([&] { client::get_instance(other); }, other_loop);
     EXPECT_EQ(&client::get_instance({}), &first);
 }
 

@@ -12,8 +12,8 @@
 namespace tarn::test {
 namespace {
 
-using std::chrono::seconds;
 using error::msg;
+using std::chrono::seconds;
 
 class Invoke : public client_on_bus_test {
 protected:
@@ -302,9 +302,8 @@ TEST_F(Invoke, ACallOnALostBusGetsConnectionFailedAtWhateverMomentItIsLost) {
         std::vector<std::error_code> codes;
         constexpr std::size_t calls = 40;
         for (std::size_t n = 0; n < calls; ++n) {
-            call("echo", {}, [&codes](const auto&, const std::error_code& code) {
-                codes.push_back(code);
-            });
+            call("echo", {},
+                 [&codes](const auto&, const std::error_code& code) { codes.push_back(code); });
             if (n == static_cast<std::size_t>(round) * 2) {
                 daemon_.kill9();
             }

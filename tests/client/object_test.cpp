@@ -105,10 +105,9 @@ TEST_F(Object, AMethodWithAPolicyGetsTheFieldsOfItsNamesAndTypesOnly) {
                                        {"missing", typeid(std::string)},
                                        {"name", typeid(std::string)}};
     ASSERT_FALSE(add("own", {{"take", {[&](const context& ctx) { seen = ctx->args; }, policy}}}));
-    EXPECT_FALSE(
-        call("own", "take",
-             {{"count", "no number"}, {"flag", true}, {"name", "lan"}, {"unasked", 1}})
-            .code());
+    EXPECT_FALSE(call("own", "take",
+                      {{"count", "no number"}, {"flag", true}, {"name", "lan"}, {"unasked", 1}})
+                     .code());
     ASSERT_EQ(seen.size(), 2U);
     EXPECT_TRUE(seen.find("flag")->second.get<bool>());
     EXPECT_EQ(seen.find("name")->second.get<std::string>(), "lan");

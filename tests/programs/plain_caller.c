@@ -15,11 +15,11 @@
 
 static struct blob_buf arguments;
 
-static void print_reply(struct ubus_request *request, int type, struct blob_attr *message) {
+static void print_reply(struct ubus_request* request, int type, struct blob_attr* message) {
     (void)request;
     (void)type;
     printf("reply %u\n", (unsigned int)blob_len(message));
-    struct blob_attr *field;
+    struct blob_attr* field;
     size_t remaining = blob_len(message);
     __blob_for_each_attr(field, blob_data(message), remaining) {
         if (blob_id(field) == BLOBMSG_TYPE_STRING && blobmsg_data_len(field) < 200)
@@ -32,8 +32,8 @@ static void print_reply(struct ubus_request *request, int type, struct blob_attr
     fflush(stdout);
 }
 
-static void add_field(char *text) {
-    char *separator = strpbrk(text, "=:");
+static void add_field(char* text) {
+    char* separator = strpbrk(text, "=:");
     if (separator == NULL) {
         fprintf(stderr, "plain_caller: '%s' is no field\n", text);
         exit(2);
@@ -46,12 +46,12 @@ static void add_field(char *text) {
         blobmsg_add_u32(&arguments, text, (uint32_t)strtol(separator + 1, NULL, 0));
 }
 
-int main(int argc, char **argv) {
+int main(int argc, char** argv) {
     if (argc < 4) {
         fprintf(stderr, "plain_caller PATH METHOD MILLISECONDS [NAME=TEXT | NAME:NUMBER]...\n");
         return 2;
     }
-    struct ubus_context *context = ubus_connect(NULL);
+    struct ubus_context* context = ubus_connect(NULL);
     if (context == NULL) {
         fprintf(stderr, "plain_caller: no bus\n");
         return 1;

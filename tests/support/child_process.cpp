@@ -65,8 +65,7 @@ void child_process::kill(int signo) const {
 int child_process::wait() {
     if (!ended_) {
         int status = 0;
-        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {
-        }
+        while (::waitpid(pid_, &status, 0) < 0 && errno == EINTR) {}
         ended_ = true;
         status_ = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
     }
@@ -79,7 +78,8 @@ bool child_process::read_more(std::chrono::steady_clock::time_point deadline) {
     pollfd readable{output_, POLLIN, 0};
     const int ready = left.count() > 0 ? ::poll(&readable, 1, static_cast<int>(left.count())) : 0;
     if (ready == 0) {
-        throw std::runtime_error("child process: nothing more within the limit; so far: " + unread_);
+        throw std::runtime_error("child process: nothing more within the limit; so far: " +
+                                 unread_);
     }
     std::array<char, 4096> chunk{};
     const ssize_t size = ::read(output_, chunk.data(), chunk.size());
@@ -111,8 +111,7 @@ std::string child_process::wait_for_line(const std::string& prefix, std::chrono:
 
 std::string child_process::read_rest(std::chrono::seconds limit) {
     const auto deadline = std::chrono::steady_clock::now() + limit;
-    while (read_more(deadline)) {
-    }
+    while (read_more(deadline)) {}
     return std::exchange(unread_, {});
 }
 

@@ -130,7 +130,9 @@ inline constexpr bool is_long = std::is_same_v<T, long> || std::is_same_v<T, uns
 ///  - `{v, ...}` with two or more elements, at least one of them an `attr`, is a list.
 /// The value in a pair follows the same rules. A list whose elements are themselves braced has no
 /// form of its own, since `{"x", "y"}` could be a pair as well as a list: write `blob::list{...}`
-/// and `blob::table{...}` for the elements. Everything else does not compile.
+/// and `blob::table{...}` for the elements. Everything else does not compile. (A list `x` as the
+/// only element of `blob::list{x}` is copied by some compilers and nested by others, since both are
+/// the same standard type: write `blob::list{attr(x)}`.)
 ///
 /// Copies are deep and independent. Copying, moving and destroying need a constant amount of stack
 /// and linear time however deep values are nested; moving and destroying never allocate.

@@ -83,6 +83,7 @@ private:
              const char* failure);
 
     const std::string prefix_;
+    const std::string no_name_;
     std::unique_ptr<::blob_buf, release> b_;
     /// The writer for each stored type; a list's or table's opens the nest and leaves the children
     /// to write_children().
