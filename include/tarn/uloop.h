@@ -5,9 +5,9 @@
 #include "tarn/export.h"
 #include "tarn/misc/unix_signal_actions.h"
 
-#include <deque>
 #include <exception>
 #include <functional>
+#include <list>
 #include <mutex>
 #include <string>
 
@@ -92,7 +92,8 @@ private:
     /// Guards everything here. No task runs and none is destroyed while it is held. Recursive,
     /// since notify() is part of post() and exit() and also stands alone.
     std::recursive_mutex lock_;
-    std::deque<std::function<void()>> queue_;
+    /// A list, since taking it whole must not allocate: nobody could report a failure there.
+    std::list<std::function<void()>> queue_;
 };
 
 } // namespace tarn

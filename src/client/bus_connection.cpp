@@ -25,11 +25,10 @@ void client_impl::connect_sync(const std::weak_ptr<void>& connection,
             bus_.reset();
         }
     }
-    if (bus_) {
-        report(state::connected, {});
-    } else {
-        report(state::disconnected, error::generic::unknown_error);
-    }
+    const state reached = bus_ ? state::connected : state::disconnected;
+    const std::error_code code =
+        bus_ ? std::error_code() : make_error_code(error::generic::unknown_error);
+    with_reserve([&] { report(reached, code); });
 }
 
 void client_impl::disconnect_sync(const std::weak_ptr<void>& tracker) {
@@ -62,10 +61,12 @@ void client_impl::on_connection_lost(ubus_context* context) {
     // freed by a task, which the loop runs when no libubus function is on the stack.
     uloop_fd_delete(&context->sock);
     lost_bus_ = std::move(bus_);
-    uloop::get_instance().post([this] { lost_bus_.reset(); });
+    with_reserve([this] { uloop::get_instance().post([this] { lost_bus_.reset(); }); });
     // Tied to this connection: when the application disconnects and connects again before it hears
     // of the loss, the loss must not end the new connection.
-    post_from_uloop(misc::tie_handler([this] { request_disconnect(); }, bus_token_));
+    with_reserve([this] {
+        post_from_uloop(misc::tie_handler([this] { request_disconnect(); }, bus_token_));
+    });
 }
 
 ubus_context* client_impl::usable_bus() const {

@@ -27,14 +27,16 @@
 #include "tarn/client.h"
 #include "tarn/misc.h"
 
+#include <array>
 #include <atomic>
 #include <cstddef>
-#include <deque>
 #include <functional>
 #include <future>
+#include <list>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <new>
 #include <string>
 #include <sys/types.h>
 #include <thread>
@@ -78,6 +80,7 @@ private:
     using state_signal = misc::signal<void, state>;
     using outcome_signal = misc::signal<void, const std::error_code&>;
     using ticket = pending_handlers::ticket;
+    using memory_reserve = std::array<char, 16384>;
 
     /// Automatic reconnection while it is on. Its link watches this object, so its one owner is
     /// the client, and it ends under state_lock_; the function is shared, to be called outside.
@@ -96,7 +99,11 @@ private:
     // dispatch.cpp: the traffic between the two sides
     void post(const std::function<void()>& task);
     void post_to_uloop(std::function<void()>&& task);
-    void post_from_uloop(std::function<void()>&& task);
+    template <class Task>
+    void post_from_uloop(Task task);
+    void queue_from_uloop(std::function<void()>&& task);
+    template <class Work>
+    void with_reserve(const Work& work);
     void schedule_task(std::function<void()>&& task);
     void process_task_queue();
     std::weak_ptr<void> get_tracker() const;
@@ -150,6 +157,8 @@ private:
                                     const std::shared_ptr<ubus_object_ctx>& records);
     void del_object_sync(const std::shared_ptr<object_ctx>& object, bool stop_serving,
                          const ticket& entry);
+    std::error_code unregister_object(const std::shared_ptr<ubus_object_ctx>& records,
+                                      bool stop_serving);
     static void refuse_waiting_calls(ubus_context* bus, ubus_object_ctx& records);
     int on_call(ubus_object* object, ubus_request_data* request, const char* method,
                 blob_attr* msg);
@@ -158,7 +167,6 @@ private:
                        const std::shared_ptr<ubus_object_ctx>& records);
     void refuse_call(const std::shared_ptr<incoming_call>& call,
                      const std::shared_ptr<ubus_object_ctx>& records);
-    void retire(const std::shared_ptr<ubus_object_ctx>& records);
     void send_sync(const std::weak_ptr<void>& connection,
                    const std::shared_ptr<ubus_request_data>& request,
                    const std::multimap<std::string, blob::attr>& data, const ticket& entry);
@@ -189,7 +197,8 @@ private:
     std::shared_ptr<utils::event_loop::timer> reconnect_timer_;
 
     std::mutex task_lock_; ///< guards task_queue_
-    std::deque<std::function<void()>> task_queue_;
+    /// A list, since taking it whole must not allocate: a drain that fails is not asked for again.
+    std::list<std::function<void()>> task_queue_;
 
     invoke_table invokes_;
     object_table objects_;
@@ -216,10 +225,41 @@ private:
     /// Records of objects that libubus may still know although (de)registering them failed.
     std::list<std::shared_ptr<ubus_object_ctx>> retired_objects_;
 
+    /// Given up when memory runs out on the loop thread, so that it can still report: there nobody
+    /// could catch the exception.
+    std::unique_ptr<memory_reserve> reserve_ = std::make_unique<memory_reserve>();
+
     std::promise<void> loop_ended_;
     std::thread loop_thread_;
     const pid_t owner_; ///< the process whose loop thread this is; a forked child has none
 };
+
+/// Does `work`, on the loop thread, and once more with the reserve given up when memory runs out.
+/// `work` must have done nothing when it fails. The reserve is taken anew when there is memory.
+template <class Work>
+void client_impl::with_reserve(const Work& work) {
+    if (!reserve_) {
+        reserve_.reset(new (std::nothrow) memory_reserve);
+    }
+    try {
+        work();
+    } catch (const std::bad_alloc&) {
+        if (!reserve_) {
+            throw;
+        }
+        reserve_.reset();
+        work();
+    }
+}
+
+/// Queues a result for the application's loop. The loop thread only.
+template <class Task>
+void client_impl::post_from_uloop(Task task) {
+    std::function<void()> queued;
+    // A task is moved from only when there is memory to hold it.
+    with_reserve([&] { queued = std::function<void()>(std::move(task)); });
+    queue_from_uloop(std::move(queued));
+}
 
 /// One incoming call being served; the connection it belongs to decides whether it can still be
 /// answered.

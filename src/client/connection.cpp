@@ -206,9 +206,11 @@ void client_impl::request_connection() {
     // says nothing, wherever it has got to.
     const auto result = misc::tie_handler(
         [this](state s, const std::error_code& code) { on_connect_result(s, code); }, tracker);
-    const auto report = [this, result, tracker](state s, const std::error_code& code) {
-        post_from_uloop(misc::tie_handler([result, s, code] { result(s, code); }, tracker));
-    };
+    // A std::function already here, so that the loop thread need not make one.
+    const std::function<void(state, const std::error_code&)> report =
+        [this, result, tracker](state s, const std::error_code& code) {
+            post_from_uloop(misc::tie_handler([result, s, code] { result(s, code); }, tracker));
+        };
     // The state moves before the request is on its way, since the result may overtake a caller that
     // is not on the application's loop; subscribers hear of it when the request cannot fail any
     // more.

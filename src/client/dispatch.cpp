@@ -42,18 +42,20 @@ void client_impl::post_to_uloop(std::function<void()>&& task) {
     uloop::get_instance().post(std::move(task));
 }
 
-void client_impl::post_from_uloop(std::function<void()>&& task) {
+void client_impl::queue_from_uloop(std::function<void()>&& task) {
     bool was_empty = false;
-    {
+    with_reserve([&] {
         const std::lock_guard<std::mutex> guard(task_lock_);
         was_empty = task_queue_.empty();
         task_queue_.push_back(std::move(task));
-    }
+    });
     if (was_empty) {
-        const std::lock_guard<std::mutex> guard(delivery_lock_);
-        if (!delivery_waits_) {
-            post([this] { process_task_queue(); });
-        }
+        with_reserve([this] {
+            const std::lock_guard<std::mutex> guard(delivery_lock_);
+            if (!delivery_waits_) {
+                post([this] { process_task_queue(); });
+            }
+        });
     }
 }
 
@@ -76,7 +78,7 @@ void client_impl::schedule_task(std::function<void()>&& task) {
 }
 
 void client_impl::process_task_queue() {
-    std::deque<std::function<void()>> batch;
+    std::list<std::function<void()>> batch;
     {
         const std::lock_guard<std::mutex> guard(task_lock_);
         batch.swap(task_queue_);

@@ -1,6 +1,7 @@
 /// The single instance: how it is made, how its private thread starts, and how both end.
 #include "client/client_impl.h"
 
+#include "tarn/error.h"
 #include "tarn/uloop.h"
 
 #include <chrono>
@@ -63,6 +64,9 @@ client_impl::client_impl(const std::weak_ptr<utils::event_loop>& loop)
     : prefix_("tarn_impl::client: ")
     , loop_(loop)
     , owner_(::getpid()) {
+    // Made first, so that they outlive the exit handler that stops the client.
+    error::msg_category::get_inst();
+    error::generic_category::get_inst();
     reconnect_timer_ = get_eloop()->create_timer();
     life_token_ = std::make_shared<char>('\0');
     if (loop.use_count() == 0) {
@@ -135,7 +139,7 @@ void client_impl::stop() noexcept {
             reconnection_.reset();
         }
     }
-    std::deque<std::function<void()>> tasks;
+    std::list<std::function<void()>> tasks;
     {
         const std::lock_guard<std::mutex> guard(task_lock_);
         tasks.swap(task_queue_);

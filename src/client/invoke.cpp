@@ -19,20 +19,6 @@ bool fits_message(const std::string& name) {
     return name.size() + message_overhead <= UBUS_MAX_MSGLEN;
 }
 
-/// One reply as the result handler receives it; a message that cannot be decoded counts as an
-/// empty reply and makes `status` parse_error.
-std::list<blob::attr> decode_reply(blob_attr* msg, std::error_code& status) {
-    std::multimap<std::string, blob::attr> table;
-    try {
-        table = blob::utils::to_table(msg);
-    } catch (const std::exception&) {
-        status = error::msg::parse_error;
-    }
-    std::list<blob::attr> reply(1);
-    reply.front().set<std::multimap<std::string, blob::attr>>(std::move(table));
-    return reply;
-}
-
 } // namespace
 
 utils::link client_impl::invoke(const std::string& path, const std::string& method,
@@ -145,13 +131,27 @@ std::error_code client_impl::start_request(const std::string& path, const std::s
 
 void client_impl::invoke_req_data_handler(ubus_request* request, int /*type*/, blob_attr* msg) {
     guard_callback([request, msg] {
-        std::error_code status;
-        std::list<blob::attr> reply = decode_reply(msg, status);
         client_impl& self = get_instance({});
         const auto entry = self.requests_.find(request);
         if (entry == self.requests_.end()) {
             return;
         }
+        // A reply that cannot be decoded counts as an empty one.
+        std::error_code status;
+        std::multimap<std::string, blob::attr> table;
+        try {
+            table = blob::utils::to_table(msg);
+        } catch (const std::bad_alloc&) {
+            status = error::msg::no_memory;
+        } catch (const std::exception&) {
+            status = error::msg::parse_error;
+        }
+        std::list<blob::attr> reply;
+        self.with_reserve([&] {
+            blob::attr value;
+            value.set<std::multimap<std::string, blob::attr>>(std::move(table));
+            reply.push_back(std::move(value));
+        });
         self.post_from_uloop(
             [&self, reply = std::move(reply), status, record = entry->second]() mutable {
                 self.invokes_.add_reply(record.get(), std::move(reply), status);

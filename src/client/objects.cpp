@@ -69,8 +69,8 @@ void build_records(ubus_object_ctx& records, ubus_handler_t handler) {
     records.object.n_methods = static_cast<int>(records.methods.size());
 }
 
-/// Lists the call with its object, and forgets those that have been settled every now and then.
-void remember_call(ubus_object_ctx& records, const std::shared_ptr<incoming_call>& call) {
+/// Forgets settled calls every now and then.
+void tidy_calls(ubus_object_ctx& records) {
     auto& calls = records.calls;
     if (calls.size() >= records.tidy_calls_at) {
         const auto settled = [](const std::weak_ptr<incoming_call>& listed) {
@@ -80,7 +80,24 @@ void remember_call(ubus_object_ctx& records, const std::shared_ptr<incoming_call
         calls.erase(std::remove_if(calls.begin(), calls.end(), settled), calls.end());
         records.tidy_calls_at = std::max<std::size_t>(64, 2 * calls.size());
     }
-    calls.push_back(call);
+}
+
+/// The record of a deferred call, listed with its object; null when memory has run out.
+std::shared_ptr<incoming_call> make_call(const ubus_request_data& request,
+                                         ubus_object_ctx& records) {
+    tidy_calls(records);
+    try {
+        auto call = std::make_shared<incoming_call>();
+        call->request = request;
+        // These belong to libubus and die with its callback.
+        call->request.acl = {};
+        call->request.fd = -1;
+        call->request.req_fd = -1;
+        records.calls.push_back(call);
+        return call;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 } // namespace
@@ -155,12 +172,19 @@ std::error_code client_impl::register_object(ubus_context* bus,
     }
     // Listed before it is registered: a call may arrive at once.
     const auto entry = ubus_objects_.emplace(&records->object, records).first;
-    const std::error_code status = to_msg_error(ubus_add_object(bus, &records->object));
+    std::error_code status;
+    try {
+        // Kept until the connection ends if it fails half-way: libubus may know the object by then.
+        retired_objects_.push_back(records);
+        status = to_msg_error(ubus_add_object(bus, &records->object));
+    } catch (const std::bad_alloc&) {
+        status = error::msg::no_memory;
+    }
+    if (!status || records->object.id == 0) {
+        retired_objects_.remove(records);
+    }
     if (status) {
         ubus_objects_.erase(entry);
-        if (records->object.id != 0) {
-            retire(records);
-        }
         if (usable_bus() != bus) {
             return error::msg::connection_failed; // lost meanwhile, whatever libubus makes of it
         }
@@ -191,29 +215,11 @@ utils::link client_impl::del_object(const std::string& name, bool stop_serving,
 
 void client_impl::del_object_sync(const std::shared_ptr<object_ctx>& object, bool stop_serving,
                                   const ticket& entry) {
-    const std::shared_ptr<ubus_object_ctx>& records = object->ubus_ctx;
-    ubus_context* const bus = usable_bus();
     std::error_code status;
-    if (bus == nullptr) {
-        status = error::msg::connection_failed;
-    }
-    if (ubus_objects_.erase(&records->object) == 0) {
-        if (!status) {
-            status = error::msg::not_found;
-        }
-    } else if (status) {
-        retire(records);
-    } else {
-        if (stop_serving) {
-            refuse_waiting_calls(bus, *records);
-        }
-        status = to_msg_error(ubus_remove_object(bus, &records->object));
-        if (status) {
-            retire(records);
-        }
-        if (status && usable_bus() != bus) {
-            status = error::msg::connection_failed; // lost meanwhile
-        }
+    try {
+        status = unregister_object(object->ubus_ctx, stop_serving);
+    } catch (const std::bad_alloc&) {
+        status = error::msg::no_memory;
     }
     post_from_uloop([this, status, object, entry] {
         objects_.take(&object->ubus_ctx->object);
@@ -221,6 +227,34 @@ void client_impl::del_object_sync(const std::shared_ptr<object_ctx>& object, boo
             handler(status);
         }
     });
+}
+
+std::error_code client_impl::unregister_object(const std::shared_ptr<ubus_object_ctx>& records,
+                                               bool stop_serving) {
+    const auto entry = ubus_objects_.find(&records->object);
+    const bool registered = entry != ubus_objects_.end();
+    ubus_context* const bus = usable_bus();
+    if (registered) {
+        // Kept until the connection ends unless libubus has let go of it: it may still look there.
+        retired_objects_.push_back(records);
+        ubus_objects_.erase(entry);
+    }
+    if (bus == nullptr) {
+        return error::msg::connection_failed;
+    }
+    if (!registered) {
+        return error::msg::not_found;
+    }
+    if (stop_serving) {
+        refuse_waiting_calls(bus, *records);
+    }
+    const std::error_code status = to_msg_error(ubus_remove_object(bus, &records->object));
+    if (!status) {
+        retired_objects_.remove(records);
+    } else if (usable_bus() != bus) {
+        return error::msg::connection_failed; // lost meanwhile, whatever libubus makes of it
+    }
+    return status;
 }
 
 void client_impl::refuse_waiting_calls(ubus_context* bus, ubus_object_ctx& records) {
@@ -233,11 +267,6 @@ void client_impl::refuse_waiting_calls(ubus_context* bus, ubus_object_ctx& recor
         }
     }
     records.calls.clear();
-}
-
-void client_impl::retire(const std::shared_ptr<ubus_object_ctx>& records) {
-    // libubus may go on handing it calls until the connection ends; on_call() refuses them.
-    retired_objects_.push_back(records);
 }
 
 int client_impl::method_callable(ubus_context* /*context*/, ubus_object* object,
@@ -264,13 +293,10 @@ int client_impl::on_call(ubus_object* object, ubus_request_data* request, const 
     } catch (const std::exception&) {
         return to_ubus_msg_status(error::msg::parse_error);
     }
-    const auto call = std::make_shared<incoming_call>();
-    call->request = *request;
-    // These belong to libubus and die with this callback.
-    call->request.acl = {};
-    call->request.fd = -1;
-    call->request.req_fd = -1;
-    remember_call(*records, call);
+    const auto call = make_call(*request, *records);
+    if (!call) {
+        return answer_unknown_error;
+    }
     post_from_uloop([this, name = found->first, call, args = std::move(args), records]() mutable {
         dispatch_call(name, call, args, records);
     });

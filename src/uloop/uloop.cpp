@@ -125,7 +125,7 @@ void uloop::exit() {
 }
 
 void uloop::process(bool drain_wakeup) {
-    std::deque<std::function<void()>> batch;
+    std::list<std::function<void()>> batch;
     {
         const std::lock_guard<std::recursive_mutex> guard(lock_);
         if (exiting_) {
@@ -170,7 +170,7 @@ void uloop::run() {
         throw;
     }
 
-    std::deque<std::function<void()>> dropped; // destroyed outside the lock
+    std::list<std::function<void()>> dropped; // destroyed outside the lock
     std::exception_ptr failure;
     bool asked_to_exit = false;
     {
@@ -235,7 +235,7 @@ void uloop::run_libubox() {
 }
 
 void uloop::drop_tasks() noexcept {
-    std::deque<std::function<void()>> dropped; // destroyed outside the lock
+    std::list<std::function<void()>> dropped; // destroyed outside the lock
     const std::lock_guard<std::recursive_mutex> guard(lock_);
     dropped.swap(queue_);
 }

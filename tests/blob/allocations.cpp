@@ -51,7 +51,7 @@ void operator delete[](void* memory, std::size_t) noexcept {
     release(memory);
 }
 
-namespace tarn::tests {
+namespace tarn::test {
 
 std::size_t allocations() {
     return count;
@@ -73,4 +73,4 @@ bool failing_allocation::happened() const {
     return count >= fail_at;
 }
 
-} // namespace tarn::tests
+} // namespace tarn::test

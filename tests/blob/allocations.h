@@ -4,7 +4,7 @@
 
 #include <cstddef>
 
-namespace tarn::tests {
+namespace tarn::test {
 
 /// How many times operator new was called on this thread.
 std::size_t allocations();
@@ -24,4 +24,4 @@ public:
     bool happened() const;
 };
 
-} // namespace tarn::tests
+} // namespace tarn::test

@@ -30,13 +30,13 @@ std::string text_of(const attr& value) {
     }
     if (value.type() == typeid(list)) {
         for (const attr& element : value.get<list>()) {
-            text += (text.empty() ? "" : ",") + text_of(element);
+            text.append(text.empty() ? "" : ",").append(text_of(element));
         }
         return enclosed('[', text, ']');
     }
     if (value.type() == typeid(table)) {
         for (const auto& [name, field] : value.get<table>()) {
-            text += (text.empty() ? "" : ",") + name + ":" + text_of(field);
+            text.append(text.empty() ? "" : ",").append(name).append(":").append(text_of(field));
         }
         return enclosed('{', text, '}');
     }

@@ -11,7 +11,7 @@
 namespace {
 
 using namespace tarn::blob;
-using tarn::tests::expect_throw_msg;
+using tarn::test::expect_throw_msg;
 
 enum plain { one };
 

@@ -10,7 +10,7 @@
 namespace {
 
 using namespace tarn::blob;
-using namespace tarn::tests;
+using namespace tarn::test;
 
 static_assert(!std::is_copy_constructible_v<buf> && !std::is_move_constructible_v<buf>);
 static_assert(!std::is_copy_assignable_v<buf> && !std::is_move_assignable_v<buf>);

@@ -12,7 +12,7 @@
 namespace {
 
 using namespace tarn::blob;
-using namespace tarn::tests;
+using namespace tarn::test;
 
 constexpr std::size_t small_stack = 128 * 1024;
 constexpr std::size_t deepest = 131071; // 8 bytes a level, and the message's own 4

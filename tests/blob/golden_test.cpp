@@ -11,7 +11,7 @@
 namespace {
 
 using namespace tarn::blob;
-using namespace tarn::tests;
+using namespace tarn::test;
 
 attr value_of(const json& described);
 

@@ -11,7 +11,7 @@
 namespace {
 
 using namespace tarn::blob;
-using namespace tarn::tests;
+using namespace tarn::test;
 
 /// Reads the message in every way; true when the plain way succeeds.
 bool read_all(const std::string& bytes) {

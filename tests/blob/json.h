@@ -9,7 +9,7 @@
 #include <utility>
 #include <vector>
 
-namespace tarn::tests {
+namespace tarn::test {
 
 /// A JSON value. Numbers and the words true, false and null are kept as their text; of escapes in
 /// strings only the plain ones and \u below 0x800 are known, which is what the data uses.
@@ -121,4 +121,4 @@ inline std::vector<json> json_lines(const std::string& file) {
     return lines;
 }
 
-} // namespace tarn::tests
+} // namespace tarn::test

@@ -10,7 +10,7 @@
 namespace {
 
 using namespace tarn::blob;
-using namespace tarn::tests;
+using namespace tarn::test;
 
 /// Long enough to be on the heap.
 const std::string long_text(100, 'x');

@@ -8,7 +8,7 @@
 #include <memory>
 #include <string>
 
-namespace tarn::tests {
+namespace tarn::test {
 
 inline std::string from_hex(const std::string& hex) {
     std::string bytes;
@@ -69,4 +69,4 @@ inline std::string whole(const std::string& fields) {
     return bytes + fields;
 }
 
-} // namespace tarn::tests
+} // namespace tarn::test

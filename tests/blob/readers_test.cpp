@@ -13,7 +13,7 @@
 namespace {
 
 using namespace tarn::blob;
-using namespace tarn::tests;
+using namespace tarn::test;
 
 const std::string in_attr = "tarn::blob::utils::to_attr: ";
 const std::string in_table = "tarn::blob::utils::to_table: ";

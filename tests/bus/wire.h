@@ -119,6 +119,7 @@ public:
     listening& operator=(const listening&) = delete;
 
     const std::string& path() const { return path_; }
+    int fd() const { return fd_; }
     peer accept() const;
 
 private:

@@ -12,7 +12,6 @@
 namespace tarn::test {
 namespace {
 
-using tests::expect_throw_msg;
 
 constexpr auto no_loop = "tarn_impl::client: No event loop";
 constexpr auto missing_loop = "tarn_impl::client: Missing/expired event loop";

@@ -13,7 +13,7 @@
 namespace {
 
 using tarn::misc::create_link;
-using tarn::tests::expect_throw_msg;
+using tarn::test::expect_throw_msg;
 using tarn::utils::link;
 
 TEST(CreateLink, IsActiveWhileTheOwnerLivesAndReleasesThroughTheReleaser) {

@@ -13,7 +13,7 @@
 #include <sys/types.h>
 #include <utility>
 
-namespace tarn::tests {
+namespace tarn::test {
 
 namespace {
 
@@ -61,7 +61,7 @@ intercept::action count_calls(int& counter) {
     };
 }
 
-} // namespace tarn::tests
+} // namespace tarn::test
 
 extern "C" {
 
@@ -73,31 +73,31 @@ int __real_uloop_init(void);
 int __real_uloop_fd_add(uloop_fd* descriptor, unsigned int flags);
 
 int __wrap_socketpair(int domain, int type, int protocol, int* descriptors) {
-    return tarn::tests::fails(tarn::tests::call::socketpair)
+    return tarn::test::fails(tarn::test::call::socketpair)
                ? -1
                : __real_socketpair(domain, type, protocol, descriptors);
 }
 
 ssize_t __wrap_read(int descriptor, void* data, size_t size) {
-    return tarn::tests::fails(tarn::tests::call::read) ? -1 : __real_read(descriptor, data, size);
+    return tarn::test::fails(tarn::test::call::read) ? -1 : __real_read(descriptor, data, size);
 }
 
 ssize_t __wrap_write(int descriptor, const void* data, size_t size) {
-    return tarn::tests::fails(tarn::tests::call::write) ? -1 : __real_write(descriptor, data, size);
+    return tarn::test::fails(tarn::test::call::write) ? -1 : __real_write(descriptor, data, size);
 }
 
 int __wrap_sigaction(int signo, const struct sigaction* action, struct sigaction* old) {
-    const auto kind = action != nullptr ? tarn::tests::call::sigaction_install
-                                        : tarn::tests::call::sigaction_read;
-    return tarn::tests::fails(kind) ? -1 : __real_sigaction(signo, action, old);
+    const auto kind = action != nullptr ? tarn::test::call::sigaction_install
+                                        : tarn::test::call::sigaction_read;
+    return tarn::test::fails(kind) ? -1 : __real_sigaction(signo, action, old);
 }
 
 int __wrap_uloop_init(void) {
-    return tarn::tests::fails(tarn::tests::call::uloop_init) ? -1 : __real_uloop_init();
+    return tarn::test::fails(tarn::test::call::uloop_init) ? -1 : __real_uloop_init();
 }
 
 int __wrap_uloop_fd_add(uloop_fd* descriptor, unsigned int flags) {
-    return tarn::tests::fails(tarn::tests::call::uloop_fd_add)
+    return tarn::test::fails(tarn::test::call::uloop_fd_add)
                ? -1
                : __real_uloop_fd_add(descriptor, flags);
 }

@@ -5,7 +5,7 @@
 
 #include <functional>
 
-namespace tarn::tests {
+namespace tarn::test {
 
 enum class call {
     socketpair,
@@ -40,4 +40,4 @@ intercept::action fail_calls(int error, int times = 1, int skip = 0);
 /// Lets every call through and counts it.
 intercept::action count_calls(int& counter);
 
-} // namespace tarn::tests
+} // namespace tarn::test

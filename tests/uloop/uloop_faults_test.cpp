@@ -19,11 +19,11 @@
 namespace {
 
 using tarn::uloop;
-using tarn::tests::call;
-using tarn::tests::count_calls;
-using tarn::tests::expect_throw_msg;
-using tarn::tests::fail_calls;
-using tarn::tests::intercept;
+using tarn::test::call;
+using tarn::test::count_calls;
+using tarn::test::expect_throw_msg;
+using tarn::test::fail_calls;
+using tarn::test::intercept;
 
 /// The process's open descriptors.
 std::set<int> open_descriptors() {

@@ -16,7 +16,7 @@
 namespace {
 
 using tarn::uloop;
-using tarn::tests::expect_throw_msg;
+using tarn::test::expect_throw_msg;
 
 using names = std::vector<std::string>;
 

@@ -14,11 +14,11 @@
 namespace {
 
 using tarn::misc::unix_signal_actions;
-using tarn::tests::call;
-using tarn::tests::count_calls;
-using tarn::tests::expect_throw_msg;
-using tarn::tests::fail_calls;
-using tarn::tests::intercept;
+using tarn::test::call;
+using tarn::test::count_calls;
+using tarn::test::expect_throw_msg;
+using tarn::test::fail_calls;
+using tarn::test::intercept;
 
 void first_handler(int) {}
 void second_handler(int) {}

@@ -11,7 +11,7 @@
 namespace {
 
 using tarn::misc::aggregate_adapter;
-using tarn::tests::expect_throw_msg;
+using tarn::test::expect_throw_msg;
 using tarn::utils::link;
 using tarn::utils::scoped_link;
 
