@@ -141,7 +141,8 @@ public:
     ///   msg::not_found             no such object, or not one this process may see;
     ///   msg::timeout               `timeout` passed first; replies so far are discarded;
     ///   msg::connection_failed     not connected, or the connection ended before the answer;
-    ///   msg::no_memory             memory ran out on the private thread;
+    ///   msg::no_memory             memory ran out on the private thread, or 65,536 calls of this
+    ///                              object are pending, which is all that the bus can tell apart;
     ///   generic::aborted           cancel() ended it.
     /// `timeout` counts whole seconds from now; zero means no limit, and then a callee that dies
     /// without answering leaves the call pending for good. A negative one expires at once.

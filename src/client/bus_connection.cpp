@@ -36,7 +36,7 @@ void client_impl::disconnect_sync(const std::weak_ptr<void>& tracker) {
     // The records are handed on, not just their addresses: while the report is under way no newer
     // request or object can come to lie at the same place. Nothing is aborted or removed through
     // libubus, whose connection is gone.
-    post_from_uloop([this, tracker, dropped = std::exchange(requests_, {}),
+    post_from_uloop([this, tracker, dropped = requests_.take_all(),
                      withdrawn = std::exchange(ubus_objects_, {})] {
         on_disconnected(tracker, dropped, withdrawn);
     });

@@ -24,6 +24,7 @@
 #include "client/invoke_ctx.h"
 #include "client/object_ctx.h"
 #include "client/pending_handlers.h"
+#include "client/request_table.h"
 #include "tarn/client.h"
 #include "tarn/misc.h"
 
@@ -116,8 +117,7 @@ private:
     void request_connection();
     void request_disconnect();
     void on_connect_result(state reported, const std::error_code& code);
-    void on_disconnected(const std::weak_ptr<void>& tracker,
-                         const std::map<ubus_request*, std::shared_ptr<ubus_request>>& dropped,
+    void on_disconnected(const std::weak_ptr<void>& tracker, const request_table::entries& dropped,
                          const std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>>& withdrawn);
     void on_state_change(state s);
     void announce(state s);
@@ -219,7 +219,7 @@ private:
     bus_context_ptr lost_bus_;
     std::weak_ptr<void> bus_token_; ///< the connection token that bus_ belongs to
     /// The requests that libubus works on.
-    std::map<ubus_request*, std::shared_ptr<ubus_request>> requests_;
+    request_table requests_;
     /// The objects registered with libubus.
     std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>> ubus_objects_;
     /// Records of objects that libubus may still know although (de)registering them failed.

@@ -276,8 +276,7 @@ void client_impl::on_connect_result(state reported, const std::error_code& code)
 }
 
 void client_impl::on_disconnected(
-    const std::weak_ptr<void>& tracker,
-    const std::map<ubus_request*, std::shared_ptr<ubus_request>>& dropped,
+    const std::weak_ptr<void>& tracker, const request_table::entries& dropped,
     const std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>>& withdrawn) {
     if (!tracker.expired()) {
         const state current = get_state();

@@ -149,7 +149,7 @@ void client_impl::stop() noexcept {
     for (auto* handlers : {&add_handlers_, &del_handlers_, &send_handlers_}) {
         while (handlers->take_oldest()) {}
     }
-    requests_.clear();
+    requests_.take_all();
     ubus_objects_.clear();
     retired_objects_.clear();
 }

@@ -114,11 +114,13 @@ std::error_code client_impl::start_request(const std::string& path, const std::s
         return error::msg::parse_error;
     }
     // The entry comes first: once libubus works on the request nothing may fail any more.
-    const auto entry = requests_.emplace(request.get(), request).first;
+    if (!requests_.insert(*bus, id, request)) {
+        return error::msg::no_memory;
+    }
     const std::error_code started = to_msg_error(
         ubus_invoke_async_fd(bus, id, method.c_str(), buffer.native()->head, request.get(), -1));
     if (started) {
-        requests_.erase(entry);
+        requests_.erase(request.get());
         return usable_bus() == bus ? started : error::msg::connection_failed;
     }
     // Only now: starting the request has initialised the record.
@@ -132,8 +134,8 @@ std::error_code client_impl::start_request(const std::string& path, const std::s
 void client_impl::invoke_req_data_handler(ubus_request* request, int /*type*/, blob_attr* msg) {
     guard_callback([request, msg] {
         client_impl& self = get_instance({});
-        const auto entry = self.requests_.find(request);
-        if (entry == self.requests_.end()) {
+        const auto record = self.requests_.find(request);
+        if (!record) {
             return;
         }
         // A reply that cannot be decoded counts as an empty one.
@@ -152,18 +154,17 @@ void client_impl::invoke_req_data_handler(ubus_request* request, int /*type*/, b
             value.set<std::multimap<std::string, blob::attr>>(std::move(table));
             reply.push_back(std::move(value));
         });
-        self.post_from_uloop(
-            [&self, reply = std::move(reply), status, record = entry->second]() mutable {
-                self.invokes_.add_reply(record.get(), std::move(reply), status);
-            });
+        self.post_from_uloop([&self, reply = std::move(reply), status, record]() mutable {
+            self.invokes_.add_reply(record.get(), std::move(reply), status);
+        });
     });
 }
 
 void client_impl::invoke_req_done_handler(ubus_request* request, int status) {
     guard_callback([request, status] {
         client_impl& self = get_instance({});
-        const auto entry = self.requests_.find(request);
-        if (entry == self.requests_.end()) {
+        const auto record = self.requests_.find(request);
+        if (!record) {
             return;
         }
         const std::error_code completion = to_msg_error(status);
@@ -174,8 +175,7 @@ void client_impl::invoke_req_done_handler(ubus_request* request, int status) {
             request->priv = nullptr;
             return;
         }
-        const std::shared_ptr<ubus_request> record = entry->second;
-        self.requests_.erase(entry);
+        self.requests_.erase(request);
         self.post_from_uloop([&self, completion, record] {
             const auto ended = self.invokes_.take(record.get());
             if (ended && ended->handler) {
@@ -210,7 +210,7 @@ void client_impl::cancel_invoke(const std::shared_ptr<ubus_request>& request,
 void client_impl::abort_sync(const std::shared_ptr<ubus_request>& request) {
     // A record that is not listed any more has completed, or its connection has ended: libubus must
     // not see it again, since its list links may point into freed memory.
-    if (requests_.erase(request.get()) == 0 || request->priv == nullptr || !bus_) {
+    if (!requests_.erase(request.get()) || request->priv == nullptr || !bus_) {
         return;
     }
     ubus_abort_request(bus_.get(), request.get());

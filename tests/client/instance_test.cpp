@@ -6,12 +6,16 @@
 
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <string>
 #include <thread>
+#include <unistd.h>
 #include <vector>
 
 namespace tarn::test {
 namespace {
-
 
 constexpr auto no_loop = "tarn_impl::client: No event loop";
 constexpr auto missing_loop = "tarn_impl::client: Missing/expired event loop";
@@ -87,6 +91,42 @@ TEST(Instance, AnEmptyStateSubscriberGivesAnInactiveLink) {
     auto link = bus.notify_on_state_change({});
     EXPECT_FALSE(link.active());
     EXPECT_NO_THROW(link.release());
+}
+
+/// The signals that a thread of this process has blocked, as the kernel tells them.
+unsigned long long blocked_signals(const std::filesystem::path& thread) {
+    std::ifstream status(thread / "status");
+    const std::string key = "SigBlk:";
+    for (std::string line; std::getline(status, line);) {
+        if (line.compare(0, key.size(), key) == 0) {
+            return std::stoull(line.substr(key.size()), nullptr, 16);
+        }
+    }
+    return 0;
+}
+
+TEST(Instance, TheLoopThreadBlocksEverySignalButTheFaultsOfItsOwnCode) {
+    client::get_instance(keep(std::make_shared<hand_loop>()));
+    int loop_threads = 0;
+    for (const auto& thread : std::filesystem::directory_iterator("/proc/self/task")) {
+        if (thread.path().filename() == std::to_string(::getpid())) {
+            EXPECT_EQ(blocked_signals(thread.path()), 0U) << "the caller's mask is as it was";
+            continue;
+        }
+        const unsigned long long blocked = blocked_signals(thread.path());
+        if (blocked == 0) {
+            continue; // a sanitizer's own thread
+        }
+        ++loop_threads;
+        for (int signo = 1; signo < 32; ++signo) {
+            const bool fault = signo == SIGSEGV || signo == SIGBUS || signo == SIGFPE ||
+                               signo == SIGILL || signo == SIGTRAP || signo == SIGABRT;
+            const bool cannot_be_blocked = signo == SIGKILL || signo == SIGSTOP;
+            const bool is_blocked = ((blocked >> (static_cast<unsigned>(signo) - 1)) & 1U) != 0;
+            EXPECT_EQ(is_blocked, !fault && !cannot_be_blocked) << "signal " << signo;
+        }
+    }
+    EXPECT_EQ(loop_threads, 1);
 }
 
 TEST(Instance, ManyThreadsGetTheSameClientAtOnce) {

@@ -361,6 +361,59 @@ TEST_F(Object, AMethodHandlerMayInvokeAndAnswerFromTheResult) {
     EXPECT_EQ(relayed.reply().find("n")->second.get<int>(), 5);
 }
 
+/// Uses the whole client from another thread, and waits for it: hangs if a lock is held here.
+void use_the_client_elsewhere() {
+    std::thread([] {
+        client& bus = client::get_instance({});
+        bus.get_state();
+        bus.invoke(
+               "own", "echo", {}, [](const auto&, const auto&) {}, seconds(60))
+            .release();
+        bus.add_object("other", {}, [](const std::error_code&) {}).release();
+        bus.del_object("other", true, [](const std::error_code&) {}).release();
+        bus.notify_on_state_change([](client::state) {}).release();
+    }).join();
+}
+
+TEST_F(Object, NothingIsLockedWhileAHandlerRunsOrIsDestroyed) {
+    struct on_destruction {
+        ~on_destruction() { use_the_client_elsewhere(); }
+    };
+    std::size_t handlers = 0;
+    const auto used = [&handlers](const auto&...) {
+        use_the_client_elsewhere();
+        ++handlers;
+    };
+    const auto doomed = [](const auto& handler) {
+        return [handler, kept = std::make_shared<on_destruction>()](const auto&... arguments) {
+            handler(arguments...);
+        };
+    };
+    utils::scoped_link states = bus().notify_on_state_change(doomed(used));
+    outcome added;
+    bus().add_object("own",
+                     {{"echo",
+                       {[&](const context& ctx) {
+                            used();
+                            ctx->send({}, doomed(used));
+                        },
+                        {}}}},
+                     doomed(used));
+    bus().invoke("own", "echo", {}, doomed(used), seconds(60));
+    run_until([&] { return handlers == 4; }); // added, served, sent, answered
+    bus().invoke("own", "echo", {}, doomed(used), seconds(60)).release();
+    bus().invoke("nobody", "echo", {}, doomed(used), seconds(60));
+    run_until([&] { return handlers >= 5; });
+    bus().connect(doomed(used)).release();
+    bus().add_object("own", {}, doomed(used)); // reported as a duplicate
+    bus().del_object("own", true, doomed(used)).release();
+    bus().invoke("own", "echo", {}, doomed(used), seconds(60));
+    const auto before = handlers;
+    bus().cancel();
+    EXPECT_GT(handlers, before);
+    states.release();
+}
+
 TEST_F(Object, ManyThreadsMayAddAndDeleteAtOnce) {
     constexpr int threads = 4;
     constexpr int rounds = 50;
