@@ -1,6 +1,6 @@
-# Install rules: the libraries, the public headers, a CMake package (find_package(tarn)) and
-# pkg-config files. Nothing installed names the folder it was built or installed in, so the tree can
-# be moved.
+# Install rules: the libraries, the command-line client, the public headers, a CMake package
+# (find_package(tarn)) and pkg-config files. Nothing installed names the folder it was built or
+# installed in, so the tree can be moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -10,6 +10,12 @@ set(_tarn_pkgconfigdir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 install(TARGETS tarn tarn_loops tarn_loops_conformance EXPORT tarn-targets
         LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
         ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
+if(TARN_EXAMPLES)
+    # Finds its library from where it stands.
+    file(RELATIVE_PATH _tarn_libdir "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
+    set_target_properties(tarn_cli PROPERTIES INSTALL_RPATH "$ORIGIN/${_tarn_libdir}")
+    install(TARGETS tarn_cli RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+endif()
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/"
                   "${PROJECT_SOURCE_DIR}/loops/include/"
                   "${PROJECT_SOURCE_DIR}/loops/conformance/"

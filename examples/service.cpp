@@ -16,11 +16,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <condition_variable>
 #include <csignal>
+#include <deque>
+#include <functional>
 #include <iostream>
 #include <memory>
+#include <mutex>
 #include <thread>
-#include <vector>
 
 namespace {
 
@@ -43,26 +46,46 @@ void serve_time(const call& incoming) {
     // Dropped here, which completes the call with success.
 }
 
-/// The worker threads, joined at the end.
-class workers {
+/// A worker thread: runs what it is given, one after the other, all of it before it ends.
+class worker {
 public:
-    ~workers() {
-        for (auto& thread : threads_) {
-            thread.join();
-        }
+    ~worker() {
+        run({}); // the end
+        thread_.join();
     }
-    void run(std::function<void()> work) { threads_.emplace_back(std::move(work)); }
+
+    void run(std::function<void()> work) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        waiting_.push_back(std::move(work));
+        given_.notify_one();
+    }
 
 private:
-    std::vector<std::thread> threads_;
+    std::function<void()> next() {
+        std::unique_lock<std::mutex> guard(lock_);
+        given_.wait(guard, [this] { return !waiting_.empty(); });
+        auto work = std::move(waiting_.front());
+        waiting_.pop_front();
+        return work;
+    }
+
+    std::mutex lock_;
+    std::condition_variable given_;
+    std::deque<std::function<void()>> waiting_;
+    // Last: it uses the others.
+    std::thread thread_{[this] {
+        while (const auto work = next()) {
+            work();
+        }
+    }};
 };
 
-void serve_sum(workers& pool, const call& incoming) {
+void serve_sum(worker& calculator, const call& incoming) {
     const auto* numbers = field<tarn::blob::list>(incoming->args, "numbers");
     if (numbers == nullptr) {
         return incoming->respond(msg::invalid_argument);
     }
-    pool.run([incoming, numbers = *numbers] {
+    calculator.run([incoming, numbers = *numbers] {
         long long sum = 0;
         for (const attr& number : numbers) {
             if (number.type() != typeid(unsigned int)) {
@@ -121,10 +144,10 @@ int main() {
 
     tarn::client& bus = tarn::client::get_instance(the_loop());
     {
-        workers pool;
+        worker calculator;
         const tarn::client::method_map methods{
             {"time", {serve_time, {}}},
-            {"sum", {[&pool](const call& incoming) { serve_sum(pool, incoming); }, {}}},
+            {"sum", {[&calculator](const call& incoming) { serve_sum(calculator, incoming); }, {}}},
             {"count", {serve_count, {}}},
             {"greet", {serve_greet, {{"name", typeid(std::string)}, {"loud", typeid(bool)}}}},
         };
@@ -140,7 +163,7 @@ int main() {
         const tarn::utils::scoped_link reconnection = bus.auto_connect(
             [](long long attempt) { return std::chrono::seconds(std::min(attempt, 30LL)); });
         the_loop()->run();
-        bus.cancel(); // no handler refers to the pool any more
+        bus.cancel(); // no handler refers to the worker any more
     }
     end_waiter.join();
 }

@@ -1,23 +1,30 @@
-/// JSON to message values and back, for the command-line client.
+/// JSON text to message values and back, for the command-line client.
 #pragma once
 
 #include <tarn/blob.h>
-
-#include <nlohmann/json.hpp>
 
 #include <string>
 
 namespace tools {
 
 /// The message that a JSON text describes: an object, or nothing at all for an empty message.
-/// Integers become 32 bits wide when they fit (signed), else 64; numbers with a point become
-/// doubles, true and false flags. Throws std::invalid_argument with a text for the user when it is
-/// no JSON, no object, or holds a null, which a message cannot.
+/// Integers become 32 bits wide when they fit (signed), else 64; numbers with a point or an
+/// exponent become doubles, true and false flags. A name given twice is two fields.
+///
+/// Throws std::invalid_argument, with a text for the user, when it is no JSON or no object, or
+/// holds what a message cannot: null, a number beyond 64 bits or the range of a double, a NUL
+/// character, at which the bus would cut the text off.
 tarn::blob::table to_table(const std::string& text);
 
-/// A message as JSON, fields in the message's order of names, repeated names kept. Integers are
-/// printed signed; a byte of 0 or 1 as false or true, since the bus tells no flag from a byte; raw
-/// bytes as a string of hexadecimal digits.
-nlohmann::ordered_json to_json(const tarn::blob::table& fields);
+enum class layout {
+    single_line,
+    indented, ///< two columns a level; the deepest levels of an absurdly deep message share theirs
+};
+
+/// A message as JSON without a final newline, fields in the message's order of names, repeated
+/// names kept. Integers are printed signed; a byte of 0 or 1 as false or true, since the bus tells
+/// no flag from a byte; raw bytes as a string of hexadecimal digits; a double that is not finite,
+/// which JSON lacks, as null. Text on the bus need not be UTF-8: U+FFFD stands for what is not.
+std::string to_text(const tarn::blob::table& fields, layout form);
 
 } // namespace tools

@@ -5,10 +5,12 @@
 #include <tarn/tarn.h>
 
 #include <charconv>
+#include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <memory>
 #include <optional>
+#include <stdexcept>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,12 +32,14 @@ constexpr const char* help =
       Calls METHOD of the object PATH with the fields of the JSON object, and prints every reply
       as JSON, indented, or one a line with -s. Gives up after SECONDS (default 30, 0 never).
   tarn wait PATH [-t SECONDS]
-      Waits until an object PATH is on the bus, the bus itself included. Default without a limit.
+      Waits until an object PATH is on the bus, and for the bus itself. Gives up after SECONDS
+      (default 0, never).
   tarn --version
   tarn --help
 
 Integers go out 32 bits wide when they fit (signed), else 64; numbers with a point as doubles.
 In replies, a byte of 0 or 1 is printed as false or true, raw bytes as hexadecimal digits.
+What follows a -- is no option.
 
 Exit status: 0 success, 2 wrong usage or JSON, 3 no bus, 4 nobody there or no answer in time,
 10 + N when the call ended with ubus status N (14 no such object, 13 no such method, ...),
@@ -51,6 +55,7 @@ struct options {
     std::vector<std::string> words; ///< what is no option, in order
     std::optional<seconds> limit;
     bool single_line = false;
+    bool help = false;
 };
 
 seconds parse_seconds(std::string_view text) {
@@ -64,8 +69,15 @@ seconds parse_seconds(std::string_view text) {
 
 options parse(const std::vector<std::string>& arguments) {
     options parsed;
+    bool options_over = false;
     for (auto argument = arguments.begin(); argument != arguments.end(); ++argument) {
-        if (*argument == "-s") {
+        if (options_over) {
+            parsed.words.push_back(*argument);
+        } else if (*argument == "--") {
+            options_over = true;
+        } else if (*argument == "-h" || *argument == "--help") {
+            parsed.help = true;
+        } else if (*argument == "-s") {
             parsed.single_line = true;
         } else if (*argument == "-t") {
             if (++argument == arguments.end()) {
@@ -106,9 +118,22 @@ int report(const std::error_code& status) {
     return exit_status_for(status);
 }
 
+/// Ends the loop with a report once `limit` has passed; zero is no limit.
+std::shared_ptr<tarn::utils::event_loop::timer> end_after(seconds limit, int& exit_status) {
+    auto timer = the_loop()->create_timer();
+    timer->set_handler([&exit_status] {
+        exit_status = report(msg::timeout);
+        the_loop()->stop();
+    });
+    if (limit != seconds::zero()) {
+        timer->set_timeout(limit);
+    }
+    return timer;
+}
+
 int call(const options& given) {
     if (given.words.size() < 2 || given.words.size() > 3) {
-        throw usage_error("call takes PATH METHOD [JSON]");
+        throw usage_error("call takes PATH METHOD [JSON] [-t SECONDS] [-s]");
     }
     tarn::blob::table args;
     try {
@@ -117,28 +142,30 @@ int call(const options& given) {
         throw usage_error(error.what());
     }
     tarn::client& bus = tarn::client::get_instance(the_loop());
+    const auto form = given.single_line ? tools::layout::single_line : tools::layout::indented;
     int exit_status = 1;
 
     const auto on_result = [&](const std::list<tarn::blob::attr>& replies,
                                const std::error_code& status) {
         for (const auto& reply : replies) {
-            const auto json = tools::to_json(reply.get<tarn::blob::table>());
-            // Text on the bus need not be valid UTF-8: what is not is printed as U+FFFD.
-            std::cout << json.dump(given.single_line ? -1 : 2, ' ', false,
-                                   nlohmann::ordered_json::error_handler_t::replace)
-                      << '\n';
+            std::cout << tools::to_text(reply.get<tarn::blob::table>(), form) << '\n';
         }
         exit_status = report(status);
         the_loop()->stop();
     };
+    const seconds limit = given.limit.value_or(seconds(30));
+    const auto patience = end_after(limit, exit_status);
     bus.connect([&](const std::error_code& no_bus) {
+        patience->stop();
+        if (no_bus == make_error_code(tarn::error::generic::aborted)) {
+            return; // the limit has passed, which is reported already
+        }
         if (no_bus) {
             std::cerr << "tarn: cannot connect to the bus\n";
             exit_status = exit_no_bus;
             return the_loop()->stop();
         }
-        bus.invoke(given.words[0], given.words[1], args, on_result,
-                   given.limit.value_or(seconds(30)));
+        bus.invoke(given.words[0], given.words[1], args, on_result, limit);
     });
     the_loop()->run();
     bus.cancel();
@@ -192,19 +219,12 @@ private:
 };
 
 int wait(const options& given) {
-    if (given.words.size() != 1) {
-        throw usage_error("wait takes PATH");
+    if (given.words.size() != 1 || given.single_line) {
+        throw usage_error("wait takes PATH [-t SECONDS]");
     }
     tarn::client& bus = tarn::client::get_instance(the_loop());
     int exit_status = 0;
-    const auto limit = the_loop()->create_timer();
-    limit->set_handler([&exit_status] {
-        exit_status = report(msg::timeout);
-        the_loop()->stop();
-    });
-    if (given.limit && *given.limit != seconds::zero()) {
-        limit->set_timeout(*given.limit);
-    }
+    const auto patience = end_after(given.limit.value_or(seconds(0)), exit_status);
     watch object(bus, given.words[0]);
     object.start();
     the_loop()->run();
@@ -223,6 +243,10 @@ int run(const std::vector<std::string>& arguments) {
         return 0;
     }
     const options given = parse({arguments.begin() + (arguments.empty() ? 0 : 1), arguments.end()});
+    if (given.help) {
+        std::cout << help;
+        return 0;
+    }
     if (command == "call") {
         return call(given);
     }
@@ -236,7 +260,15 @@ int run(const std::vector<std::string>& arguments) {
 
 int main(int argc, char** argv) {
     try {
-        return run({argv + 1, argv + argc});
+        const int exit_status = run({argv + 1, argv + argc});
+        if (!std::cout.flush()) {
+            throw std::runtime_error("cannot write the output");
+        }
+        if (exit_status == exit_timeout) {
+            // Perhaps the bus itself does not answer; the client's orderly end would wait for it.
+            std::_Exit(exit_status);
+        }
+        return exit_status;
     } catch (const usage_error& error) {
         std::cerr << "tarn: " << error.what() << "\nTry 'tarn --help'.\n";
         return exit_usage;

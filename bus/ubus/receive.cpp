@@ -37,7 +37,7 @@ bool reserve(ubus_input& input, std::size_t wanted) {
     const std::size_t used = input.end - input.begin;
     if (used == 0 && input.capacity > kept_size && wanted <= input_size) {
         std::free(std::exchange(input.bytes, nullptr));
-        input.capacity = 0;
+        input.capacity = input.begin = input.end = 0;
     }
     if (input.begin > 0 && (used == 0 || input.begin + wanted > input.capacity)) {
         std::memmove(input.bytes, input.bytes + input.begin, used);

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 #include <poll.h>
+#include <sys/socket.h>
 #include <sys/uio.h>
 
 namespace bus {
@@ -102,6 +103,10 @@ bool outgoing::send(ubus_context& ctx, std::uint8_t type, std::uint16_t seq,
         return true;
     }
     ctx.sock.eof = true;
+    // The daemon may have read the half of it, and may keep its end open: nothing that is written
+    // from here on would be understood, so the loop has to report the end. What has been received
+    // already can still be read.
+    ::shutdown(ctx.sock.fd, SHUT_RDWR);
     return false;
 }
 

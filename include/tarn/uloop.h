@@ -10,6 +10,7 @@
 #include <list>
 #include <mutex>
 #include <string>
+#include <sys/types.h>
 
 namespace tarn {
 
@@ -89,6 +90,7 @@ private:
     int wakeup_[2]; ///< write end, read end; open while running_
     bool running_ = false;
     bool exiting_ = false;
+    pid_t owner_; ///< the process that ran the loop last, or made the instance
     /// Guards everything here. No task runs and none is destroyed while it is held. Recursive,
     /// since notify() is part of post() and exit() and also stands alone.
     std::recursive_mutex lock_;

@@ -6,6 +6,7 @@
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -82,12 +83,18 @@ loop_core::loop_core()
           checked(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK), "tarn::loops::epoll_loop: eventfd"))
     , timerfd_(checked(::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK),
                        "tarn::loops::epoll_loop: timerfd_create"))
+    , owner_(::getpid())
     , programmed_(never) {
     watch(epoll_, eventfd_);
     watch(epoll_, timerfd_);
 }
 
 void loop_core::close() noexcept {
+    if (::getpid() != owner_) {
+        // A forked child, which may have got the lock as another thread held it. What the child has
+        // of the loop goes with the child, or with the last of the timers.
+        return;
+    }
     task_list dropped;
     const std::lock_guard<std::mutex> lock(mutex_);
     closed_ = true;
@@ -143,6 +150,7 @@ void loop_core::remove_timer(timer_entry& entry) noexcept {
     const std::lock_guard<std::mutex> lock(mutex_);
     heap_.erase(entry);
     --timers_;
+    heap_.give_back(timers_);
 }
 
 void loop_core::set_handler(timer_entry& entry, std::function<void()> action) {

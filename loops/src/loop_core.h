@@ -12,6 +12,7 @@
 #include <list>
 #include <memory>
 #include <mutex>
+#include <sys/types.h>
 
 namespace tarn::loops::detail {
 
@@ -64,6 +65,7 @@ private:
     unique_fd epoll_;
     unique_fd eventfd_;
     unique_fd timerfd_;
+    const pid_t owner_; // the process that made the loop
     std::atomic<bool> running_{false};
     // Written under the lock; read without it between two handlers.
     std::atomic<bool> stop_{false};

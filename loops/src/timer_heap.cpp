@@ -2,12 +2,29 @@
 #include "timer_heap.h"
 
 #include <algorithm>
+#include <new>
 
 namespace tarn::loops::detail {
 
 void timer_heap::reserve(std::size_t count) {
     if (count > entries_.capacity()) {
         entries_.reserve(std::max(count, entries_.capacity() * 2));
+    }
+}
+
+void timer_heap::give_back(std::size_t count) noexcept {
+    // Moved at most once for every halving, so removing timers stays cheap; small heaps are left.
+    constexpr std::size_t small = 128;
+    if (entries_.capacity() <= small || entries_.capacity() / 4 < count) {
+        return;
+    }
+    try {
+        std::vector<timer_entry*> fewer;
+        fewer.reserve(std::max(small, 2 * count));
+        fewer.assign(entries_.begin(), entries_.end());
+        entries_.swap(fewer);
+    } catch (const std::bad_alloc&) {
+        // The room that is there serves as well.
     }
 }
 

@@ -37,6 +37,13 @@ public:
     /// Makes room for `count` entries in all, so that push() cannot fail up to there.
     void reserve(std::size_t count);
 
+    /// How many entries fit without asking for memory.
+    std::size_t room() const noexcept { return entries_.capacity(); }
+
+    /// Gives memory back when there is room for many more than `count` entries, which must be no
+    /// fewer than the heap holds.
+    void give_back(std::size_t count) noexcept;
+
     /// Adds an idle entry, which must stay where it is until it is erased.
     void push(timer_entry& entry);
 

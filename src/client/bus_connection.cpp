@@ -4,8 +4,9 @@
 #include "client/callback_gate.h"
 #include "tarn/error.h"
 #include "tarn/uloop.h"
-#include "uloop/libubox_signals.h"
+#include "uloop/default_signals.h"
 
+#include <sys/socket.h>
 #include <utility>
 
 namespace tarn {
@@ -13,11 +14,10 @@ namespace tarn {
 void client_impl::connect_sync(const std::weak_ptr<void>& connection,
                                const std::function<void(state, const std::error_code&)>& report) {
     release_bus();
-    // Connecting initialises libubox's loop once more, which takes over the signals that the
-    // application has left at their defaults.
-    const misc::libubox_signals signals;
-    bus_.reset(ubus_connect(nullptr));
-    signals.put_back();
+    {
+        const misc::default_signals kept; // connecting initialises libubox's loop once more
+        bus_.reset(ubus_connect(nullptr));
+    }
     if (bus_) {
         bus_token_ = connection;
         bus_->connection_lost = &client_impl::connection_lost_handler;
@@ -70,7 +70,13 @@ void client_impl::on_connection_lost(ubus_context* context) {
 }
 
 ubus_context* client_impl::usable_bus() const {
-    return bus_ && !bus_->sock.eof ? bus_.get() : nullptr;
+    if (bus_ && bus_->sock.eof) {
+        // libubus marks the connection when a write fails, and leaves it at that. If the daemon
+        // keeps its end open nobody would ever report the loss.
+        ::shutdown(bus_->sock.fd, SHUT_RDWR);
+        return nullptr;
+    }
+    return bus_.get();
 }
 
 } // namespace tarn

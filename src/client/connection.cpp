@@ -344,8 +344,8 @@ void client_impl::arm_reconnection() {
     long long attempt = 0;
     {
         const std::lock_guard<std::mutex> guard(state_lock_);
-        if (!reconnection_) {
-            return;
+        if (!reconnection_ || !reconnect_timer_) {
+            return; // switched off, or the client has been stopped
         }
         if (attempts_ < std::numeric_limits<long long>::max()) {
             ++attempts_;
@@ -401,13 +401,12 @@ void client_impl::cancel() {
     on_req_done(disconnect_done_, state::disconnected, {});
     on_req_done(connect_done_, state::disconnected, error::generic::aborted);
     {
+        auto life = std::make_shared<char>('\0');
+        // Both at once: a client that is stopped meanwhile must not come to life again.
         const std::lock_guard<std::mutex> delivery_guard(delivery_lock_);
         if (stopped_) {
             return;
         }
-    }
-    {
-        auto life = std::make_shared<char>('\0');
         const std::lock_guard<std::mutex> guard(state_lock_);
         life_token_ = std::move(life);
     }

@@ -98,14 +98,15 @@ void client_impl::stop() noexcept {
         // been copied while held.
         return;
     }
+    // In this order: a cancel() on another thread makes no new life token once it sees the flag.
+    {
+        const std::lock_guard<std::mutex> guard(delivery_lock_);
+        stopped_ = true;
+    }
     {
         std::shared_ptr<void> life;
         const std::lock_guard<std::mutex> guard(state_lock_);
         life.swap(life_token_);
-    }
-    {
-        const std::lock_guard<std::mutex> guard(delivery_lock_);
-        stopped_ = true;
     }
     auto ended = loop_ended_.get_future();
     uloop::get_instance().post([this] {

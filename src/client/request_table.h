@@ -6,8 +6,8 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <set>
 #include <unordered_map>
-#include <unordered_set>
 
 namespace tarn {
 
@@ -43,7 +43,8 @@ public:
 
 private:
     entries requests_;
-    std::unordered_set<std::uint64_t> numbers_;              ///< those in use
+    /// Those in use. Ordered, since a hash table would keep its room after a burst of calls.
+    std::set<std::uint64_t> numbers_;
     std::unordered_map<std::uint32_t, std::size_t> pending_; ///< requests per object
 };
 

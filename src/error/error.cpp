@@ -13,8 +13,10 @@ constexpr const char* unlisted = "Unknonw error condition";
     case number:                                                                                   \
         return message;
 
+// Neither instance is ever destroyed: threads that outlive the exit handlers still look at codes.
+
 msg_category& msg_category::get_inst() {
-    static msg_category instance;
+    static msg_category& instance = *new msg_category;
     return instance;
 }
 
@@ -33,7 +35,7 @@ std::string msg_category::message(int code) const {
 }
 
 generic_category& generic_category::get_inst() {
-    static generic_category instance;
+    static generic_category& instance = *new generic_category;
     return instance;
 }
 

@@ -2,11 +2,11 @@
 #include "tarn/uloop.h"
 
 #include "bus.h"
-#include "uloop/libubox_signals.h"
 #include "uloop/system_failure.h"
 
 #include <csignal>
 #include <sys/socket.h>
+#include <unistd.h>
 #include <utility>
 
 namespace tarn {
@@ -86,7 +86,8 @@ uloop& uloop::get_instance() {
 
 // The wake-up pair is set by run(), for as long as it is valid.
 uloop::uloop()
-    : prefix_("uloop: ") {}
+    : prefix_("uloop: ")
+    , owner_(::getpid()) {}
 
 void uloop::post(const std::function<void()>& task) {
     post(std::function<void()>(task));
@@ -199,6 +200,7 @@ void uloop::open_wakeup() {
         throw system_failure(prefix_ + "Can't create socketpair for post ", "");
     }
     running_ = true;
+    owner_ = ::getpid();
 }
 
 void uloop::close_wakeup() noexcept {
@@ -212,12 +214,10 @@ void uloop::close_wakeup() noexcept {
 void uloop::run_libubox() {
     misc::unix_signal_actions signals;
     signals.set(SIGINT, SIGTERM, SIGCHLD, SIGPIPE);
-    const misc::libubox_signals libubox_signals;
     const libubox_loop loop;
     if (!loop.ready()) {
         throw std::runtime_error(prefix_ + "Can't init uloop");
     }
-    libubox_signals.learn();
     signals.restore();
     const watched_descriptor wakeup(wakeup_[1], on_wakeup);
     if (!wakeup.watched()) {
@@ -235,6 +235,10 @@ void uloop::run_libubox() {
 }
 
 void uloop::drop_tasks() noexcept {
+    if (::getpid() != owner_) {
+        // A forked child: the tasks are the parent's, and the lock may have been copied while held.
+        return;
+    }
     std::list<std::function<void()>> dropped; // destroyed outside the lock
     const std::lock_guard<std::recursive_mutex> guard(lock_);
     dropped.swap(queue_);

@@ -8,6 +8,8 @@
 #include <csignal>
 #include <optional>
 #include <sys/wait.h>
+#include <thread>
+#include <unistd.h>
 
 namespace tarn::test {
 namespace {
@@ -477,6 +479,46 @@ TEST_F(Connection, AHandlerInstalledRightAfterConnectStaysInstalled) {
         bus().disconnect({});
         run_until_state(state::disconnected);
     }
+}
+
+/// Waits until the disposition of a signal is, or is not, the default.
+void wait_for_default(int signo, bool wanted) {
+    const auto deadline = std::chrono::steady_clock::now() + limit;
+    struct sigaction current {};
+    do {
+        ASSERT_LT(std::chrono::steady_clock::now(), deadline);
+        std::this_thread::yield();
+        ::sigaction(signo, nullptr, &current);
+    } while ((current.sa_handler == SIG_DFL) != wanted);
+}
+
+TEST_F(Connection, SignalsWorkAsEverWhileAConnectWaitsForADaemonThatDoesNotAnswer) {
+    std::signal(SIGINT, SIG_DFL);
+    bus();
+    daemon_.pause();
+    bus().connect({});
+    // The default is not in place, or libubox would have taken it over.
+    wait_for_default(SIGINT, false);
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        ::raise(SIGINT);
+        ::_exit(0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGINT) << status;
+
+    const auto own = [](int) {
+        interrupts = interrupts + 1;
+    };
+    std::signal(SIGTERM, own);
+    daemon_.resume();
+    run_until_state(state::connected);
+    wait_for_default(SIGINT, true);
+    struct sigaction current {};
+    ::sigaction(SIGTERM, nullptr, &current);
+    EXPECT_EQ(current.sa_handler, static_cast<void (*)(int)>(own));
 }
 
 TEST_F(Connection, TheApplicationsChildrenStayItsOwnToWaitFor) {

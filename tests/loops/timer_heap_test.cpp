@@ -82,4 +82,28 @@ TEST(TimerHeap, AgreesWithASortedSetUnderRandomArmingAndDisarming) {
     }
 }
 
+TEST(TimerHeap, GivesBackRoomAndStaysAsItIs) {
+    std::vector<timer_entry> entries(1000);
+    timer_heap heap;
+    heap.reserve(entries.size());
+    for (std::size_t number = 0; number < entries.size(); ++number) {
+        entries[number].deadline = std::chrono::nanoseconds(number);
+        heap.push(entries[number]);
+    }
+    for (std::size_t number = 0; number + 3 < entries.size(); ++number) {
+        heap.erase(entries[number]);
+    }
+    EXPECT_GE(heap.room(), 1000U);
+    heap.give_back(3);
+    EXPECT_LT(heap.room(), 200U);
+    // Push cannot fail up to the number that was given.
+    EXPECT_GE(heap.room(), 3U);
+    for (std::size_t number = entries.size() - 3; number < entries.size(); ++number) {
+        ASSERT_FALSE(heap.empty());
+        EXPECT_EQ(&heap.top(), &entries[number]);
+        heap.erase(heap.top());
+    }
+    EXPECT_TRUE(heap.empty());
+}
+
 } // namespace

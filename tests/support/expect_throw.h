@@ -6,7 +6,7 @@
 #include <string>
 #include <typeinfo>
 
-namespace tarn::tests {
+namespace tarn::test {
 
 /// `body` throws an Exception (that type exactly) whose what() is `text`.
 template <class Exception, class Body>
@@ -21,4 +21,4 @@ void expect_throw_msg(Body&& body, const std::string& text) {
     ADD_FAILURE() << "nothing was thrown, expected: " << text;
 }
 
-} // namespace tarn::tests
+} // namespace tarn::test

@@ -258,6 +258,8 @@ TEST_F(UloopDeathTest, TasksStillQueuedAtTheEndOfTheProcessAreDestroyed) {
             std::fflush(stderr);
         }
     };
+    // Started anew rather than forked: in a forked child the tasks would be the parent's.
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
     EXPECT_EXIT(
         {
             auto capture = std::make_shared<says_so>();

@@ -1,0 +1,169 @@
+/// Values nested as deep as a bus message of 1 MiB allows: through the client with 128 KiB of stack
+/// on every thread, and the time that they take.
+#include "tarn/client.h"
+
+#include "client/client_fixture.h"
+#include "support/small_stack.h"
+
+#include "tarn/uloop.h"
+
+#include <libubox/blob.h>
+
+#include <algorithm>
+#include <array>
+#include <ctime>
+#include <future>
+#include <limits>
+
+namespace tarn::test {
+namespace {
+
+/// 8 bytes a level; the rest of the 1 MiB is for the attributes around the arguments.
+constexpr std::size_t deepest = 131000;
+
+/// Arrays and tables in turn, `depth` of them, one in the other.
+blob::attr nested(std::size_t depth) {
+    blob::attr value = blob::list();
+    for (std::size_t level = 1; level < depth; ++level) {
+        if (level % 2 != 0) {
+            blob::table around;
+            around.emplace("t", std::move(value));
+            value = std::move(around);
+        } else {
+            blob::list around;
+            around.push_back(std::move(value));
+            value = std::move(around);
+        }
+    }
+    return value;
+}
+
+std::size_t depth_of(const blob::attr& value) {
+    std::size_t depth = 0;
+    for (const blob::attr* at = &value; at != nullptr;) {
+        ++depth;
+        if (at->type() == typeid(blob::list)) {
+            const auto& elements = at->get<blob::list>();
+            at = elements.empty() ? nullptr : &elements.front();
+        } else {
+            const auto& fields = at->get<blob::table>();
+            at = fields.empty() ? nullptr : &fields.begin()->second;
+        }
+    }
+    return depth;
+}
+
+class DepthThroughTheClient : public client_on_bus_test {
+protected:
+    /// Everything but the main thread, which only waits, has the small stack.
+    void SetUp() override {
+        make_small_stacks_the_default();
+        on_small_stack([] { connect_here(); });
+    }
+
+    static void connect_here() {
+        outcome connected;
+        bus().connect(connected.handler());
+        run_until([&] { return connected.reported(); });
+        ASSERT_FALSE(connected.code()) << connected.code().message();
+
+        std::promise<std::size_t> found;
+        uloop::get_instance().post([&found] { found.set_value(stack_size()); });
+        // A sanitizer adds a little for itself.
+        EXPECT_LT(found.get_future().get(), 2 * small_stack) << "the library's own thread";
+    }
+
+    /// Calls echo and looks at what comes back.
+    static void call(const std::string& object) {
+        call_outcome echo;
+        {
+            const blob::table args{{"v", nested(deepest)}};
+            bus().invoke(object, "echo", args, echo.handler(), std::chrono::seconds(0));
+        }
+        run_until([&] { return echo.reported(); });
+        ASSERT_FALSE(echo.code()) << echo.code().message();
+        ASSERT_EQ(echo.replies().size(), 1U);
+        ASSERT_EQ(echo.reply().size(), 1U);
+        EXPECT_EQ(depth_of(echo.reply().begin()->second), deepest);
+    }
+};
+
+TEST_F(DepthThroughTheClient, ACallAndItsReplyNeedNoStack) {
+    start_service();
+    on_small_stack([] { call("demo"); });
+}
+
+TEST_F(DepthThroughTheClient, ServingACallNeedsNoStack) {
+    on_small_stack([] {
+        std::size_t arrived = 0;
+        outcome sent;
+        outcome added;
+        const auto echo = [&](const std::shared_ptr<client::exchange_ctx>& ctx) {
+            arrived = depth_of(ctx->args.begin()->second);
+            ctx->send(std::move(ctx->args), sent.handler());
+            ctx->respond({});
+        };
+        bus().add_object("mirror", {{"echo", {echo, {}}}}, added.handler());
+        run_until([&] { return added.reported(); });
+        ASSERT_FALSE(added.code()) << added.code().message();
+        call("mirror");
+        EXPECT_EQ(arrived, deepest);
+        run_until([&] { return sent.reported(); });
+        EXPECT_FALSE(sent.code()) << sent.code().message();
+        bus().cancel();
+    });
+}
+
+double cpu_seconds() {
+    timespec now{};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<double>(now.tv_sec) + 1e-9 * static_cast<double>(now.tv_nsec);
+}
+
+/// Seconds spent on encoding, reading, copying and destroying a value of this depth.
+using times = std::array<double, 4>;
+
+times live_through(std::size_t depth) {
+    blob::table fields{{"v", nested(depth)}};
+    std::array<double, 5> marks{};
+    marks[0] = cpu_seconds();
+    const blob::buf encoded(fields);
+    marks[1] = cpu_seconds();
+    blob::table read = blob::utils::to_table(encoded.native()->head);
+    marks[2] = cpu_seconds();
+    blob::table copy = read;
+    marks[3] = cpu_seconds();
+    copy.clear();
+    marks[4] = cpu_seconds();
+    times spent{};
+    for (std::size_t i = 0; i < spent.size(); ++i) {
+        spent[i] = marks[i + 1] - marks[i];
+    }
+    return spent;
+}
+
+TEST(DepthTime, TwiceTheDepthTakesLessThanThreeTimesTheTime) {
+    times once{};
+    times twice{};
+    once.fill(std::numeric_limits<double>::infinity());
+    twice = once;
+    // The best of several rounds, in turn: what else the machine does only adds.
+    for (int round = 0; round < 3; ++round) {
+        const times shallow = live_through(deepest / 2);
+        const times deep = live_through(deepest);
+        for (std::size_t i = 0; i < once.size(); ++i) {
+            once[i] = std::min(once[i], shallow[i]);
+            twice[i] = std::min(twice[i], deep[i]);
+        }
+    }
+    const char* const names[] = {"encoding", "reading", "copying", "destroying"};
+    for (std::size_t i = 0; i < once.size(); ++i) {
+        const double ratio = twice[i] / once[i];
+        std::printf("%s %zu levels: %.1f ms, ratio %.2f\n", names[i], deepest, 1e3 * twice[i],
+                    ratio);
+        EXPECT_LT(ratio, 3) << names[i];
+    }
+}
+
+} // namespace
+} // namespace tarn::test

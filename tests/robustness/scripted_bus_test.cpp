@@ -1,0 +1,102 @@
+/// A bus that closes the connection: at every kind of message, and inside every answer.
+#include "robustness/misbehaving_bus.h"
+
+namespace tarn::test {
+namespace {
+
+using afterwards = scripted_bus::afterwards;
+using answer = scripted_bus::answer;
+
+scripted_bus::reaction close_after(std::size_t bytes) {
+    return [bytes](const wire::bytes& healthy, const wire::received&) {
+        const auto end = healthy.begin() + static_cast<std::ptrdiff_t>(bytes);
+        return answer{wire::bytes(healthy.begin(), end), afterwards::hang_up};
+    };
+}
+
+using scripted_bus_test = misbehaving_bus_test;
+
+TEST_F(scripted_bus_test, BehavesUnlessToldOtherwise) {
+    const auto healthy = [](const wire::bytes& raw, const wire::received&) {
+        return answer{raw};
+    };
+    for (int round = 0; round < rounds(3) && !HasFatalFailure(); ++round) {
+        play(wire::lookup, healthy, outcomes::all_succeed());
+        EXPECT_EQ(bus().get_state(), client::state::connected);
+        ASSERT_EQ(operations_->call().replies().size(), 1U);
+        operations_->expect(outcomes::all_succeed());
+        disconnect();
+        expect_recovery();
+    }
+    expect_recovery_on_daemon();
+}
+
+class closing_bus_test : public misbehaving_bus_test, public ::testing::WithParamInterface<moment> {
+protected:
+    /// Closes after `bytes` of the answer, in a round with everything under way.
+    void close_in_round(std::size_t bytes, overtaken how) {
+        outcomes expected = broken_at(GetParam().type);
+        if (how == overtaken::by_reconnection) {
+            // disconnect() may or may not have overtaken it.
+            expected.first_send.reset();
+        }
+        ASSERT_NO_FATAL_FAILURE(play(GetParam().type, close_after(bytes), expected, how));
+        if (how == overtaken::by_reconnection) {
+            ASSERT_NO_FATAL_FAILURE(disconnect());
+            expected.first_send = operations_->first_send_code();
+            EXPECT_FALSE(expected.first_send.value_or(code()));
+        } else {
+            ASSERT_NO_FATAL_FAILURE(expect_loss());
+        }
+        ASSERT_NO_FATAL_FAILURE(expect_recovery());
+        operations_->expect(expected);
+    }
+
+    /// The length of the answer that the bus would give.
+    std::size_t answer_length() {
+        std::size_t length = 0;
+        const auto measure = [&](const wire::bytes& raw, const wire::received&) {
+            length = raw.size();
+            return answer{raw};
+        };
+        play(GetParam().type, measure, outcomes::all_succeed());
+        disconnect();
+        return length;
+    }
+};
+
+TEST_P(closing_bus_test, EndsWhatIsUnderWay) {
+    for (int round = 0; round < rounds(5) && !HasFatalFailure(); ++round) {
+        close_in_round(0, overtaken::by_nothing);
+    }
+    expect_recovery_on_daemon();
+}
+
+TEST_P(closing_bus_test, EndsWhatIsUnderWayWithAReconnection) {
+    for (int round = 0; round < rounds(5) && !HasFatalFailure(); ++round) {
+        close_in_round(0, overtaken::by_reconnection);
+    }
+    expect_recovery_on_daemon();
+}
+
+TEST_P(closing_bus_test, EndsWhatIsUnderWayAtEveryByteOfTheAnswer) {
+    const std::size_t length = answer_length();
+    for (int round = 0; round < rounds(1); ++round) {
+        for (std::size_t cut = 0; cut < length && !HasFatalFailure(); ++cut) {
+            SCOPED_TRACE(cut);
+            close_in_round(cut, overtaken::by_nothing);
+        }
+    }
+    expect_recovery_on_daemon();
+}
+
+INSTANTIATE_TEST_SUITE_P(On, closing_bus_test,
+                         ::testing::Values(moment{"Reply", wire::data},
+                                           moment{"Lookup", wire::lookup},
+                                           moment{"Invoke", wire::invoke},
+                                           moment{"AddObject", wire::add_object},
+                                           moment{"RemoveObject", wire::remove_object}),
+                         moment_name);
+
+} // namespace
+} // namespace tarn::test

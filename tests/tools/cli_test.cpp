@@ -1,0 +1,213 @@
+/// The command-line client as a user meets it: output, error text and exit status.
+#include "support/bus_daemon.h"
+#include "support/child_process.h"
+
+#include <csignal>
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <memory>
+
+namespace tarn::test {
+namespace {
+
+using ::testing::HasSubstr;
+using ::testing::StartsWith;
+
+struct ended {
+    std::string output; ///< both streams
+    int status = -1;
+};
+
+std::vector<std::string> command_line(const std::vector<std::string>& words) {
+    std::vector<std::string> line{"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1", TARN_TEST_TOOL};
+    line.insert(line.end(), words.begin(), words.end());
+    return line;
+}
+
+ended tool(const std::vector<std::string>& words) {
+    child_process child(command_line(words));
+    ended result;
+    result.output = child.read_rest();
+    result.status = child.wait();
+    return result;
+}
+
+void expect_usage_error(const std::vector<std::string>& words, const std::string& text) {
+    const auto result = tool(words);
+    EXPECT_EQ(result.output, "tarn: " + text + "\nTry 'tarn --help'.\n");
+    EXPECT_EQ(result.status, 2);
+}
+
+class Cli : public ::testing::Test {
+protected:
+    void start_service() {
+        service_ = std::make_unique<child_process>(std::vector<std::string>{TARN_TEST_SERVICE});
+        service_->wait_for_line("demo_service: ready");
+    }
+
+    bus_daemon daemon_;
+    std::unique_ptr<child_process> service_;
+};
+
+class CliWithService : public Cli {
+protected:
+    void SetUp() override { start_service(); }
+};
+
+TEST_F(CliWithService, PrintsAReplyIndented) {
+    const auto echoed = tool({"call", "demo", "echo", R"({"msg": "hi", "list": [1, true]})"});
+    EXPECT_EQ(echoed.output, "{\n  \"list\": [\n    1,\n    true\n  ],\n  \"msg\": \"hi\"\n}\n");
+    EXPECT_EQ(echoed.status, 0);
+}
+
+TEST_F(CliWithService, PrintsEveryReplyOnALineOfItsOwnWithS) {
+    const auto twice = tool({"call", "-s", "demo", "twice"});
+    EXPECT_EQ(twice.output, "{\"i\":1}\n{\"i\":2}\n");
+    EXPECT_EQ(twice.status, 0);
+}
+
+TEST_F(CliWithService, EveryKindOfValueSurvivesTheWayThereAndBack) {
+    const std::string text =
+        R"({"a":1,"a":-2,"b":5000000000,"c":1.5,"d":[{"e":[]},false],"f":"x"})";
+    EXPECT_EQ(tool({"call", "demo", "echo", text, "-s"}).output, text + "\n");
+}
+
+TEST_F(CliWithService, ACallWithoutDataPrintsNothing) {
+    const auto quit = tool({"call", "demo", "quit"});
+    EXPECT_EQ(quit.output, "");
+    EXPECT_EQ(quit.status, 0);
+}
+
+TEST_F(CliWithService, ARefusalIsTenAndItsStatus) {
+    const auto denied = tool({"call", "demo", "deny"});
+    EXPECT_EQ(denied.output, "tarn: Permission denied\n");
+    EXPECT_EQ(denied.status, 16);
+}
+
+TEST_F(CliWithService, AnUnknownMethodIs13) {
+    const auto unknown = tool({"call", "demo", "other"});
+    EXPECT_EQ(unknown.output, "tarn: Method not found\n");
+    EXPECT_EQ(unknown.status, 13);
+}
+
+TEST_F(CliWithService, AnAnswerThatDoesNotComeInTimeIs4) {
+    const auto late = tool({"call", "demo", "late", R"({"ms": 600000})", "-t", "1"});
+    EXPECT_EQ(late.output, "tarn: Request timed out\n");
+    EXPECT_EQ(late.status, 4);
+}
+
+TEST_F(CliWithService, ALimitOfZeroIsNoneAndAHugeOneIsTaken) {
+    EXPECT_EQ(tool({"call", "demo", "late", R"({"ms": 1})", "-t", "0"}).status, 0);
+    EXPECT_EQ(tool({"call", "demo", "late", R"({"ms": 1})", "-t", "9223372036854775807"}).status,
+              0);
+}
+
+TEST_F(CliWithService, OutputThatCannotBeWrittenIsAFailure) {
+    child_process child(
+        {"/bin/sh", "-c", "exec \"$0\" call demo twice >/dev/full 2>/dev/null", TARN_TEST_TOOL});
+    EXPECT_EQ(child.wait(), 1);
+}
+
+TEST_F(CliWithService, WaitingForWhatIsThereEndsAtOnce) {
+    const auto waited = tool({"wait", "demo"});
+    EXPECT_EQ(waited.output, "");
+    EXPECT_EQ(waited.status, 0);
+}
+
+TEST_F(Cli, AnUnknownObjectIs14) {
+    const auto unknown = tool({"call", "nobody", "echo"});
+    EXPECT_EQ(unknown.output, "tarn: Not found\n");
+    EXPECT_EQ(unknown.status, 14);
+}
+
+TEST_F(Cli, NoBusIs3) {
+    daemon_.stop();
+    const auto none = tool({"call", "demo", "echo"});
+    EXPECT_EQ(none.output, "tarn: cannot connect to the bus\n");
+    EXPECT_EQ(none.status, 3);
+}
+
+TEST_F(Cli, ABusThatDoesNotAnswerIsGivenUpToo) {
+    daemon_.pause();
+    const auto stuck = tool({"call", "demo", "echo", "-t", "1"});
+    daemon_.resume();
+    EXPECT_EQ(stuck.output, "tarn: Request timed out\n");
+    EXPECT_EQ(stuck.status, 4);
+}
+
+TEST_F(Cli, WaitingInVainIs4) {
+    const auto waited = tool({"wait", "nobody", "-t", "1"});
+    EXPECT_EQ(waited.output, "tarn: Request timed out\n");
+    EXPECT_EQ(waited.status, 4);
+}
+
+TEST_F(Cli, WaitingEndsWhenTheObjectComes) {
+    child_process waiter(command_line({"wait", "demo"}));
+    start_service();
+    EXPECT_EQ(waiter.read_rest(), "");
+    EXPECT_EQ(waiter.wait(), 0);
+}
+
+TEST_F(Cli, WaitingWaitsForTheBusAsWell) {
+    daemon_.stop();
+    child_process waiter(command_line({"wait", "demo"}));
+    daemon_.start();
+    start_service();
+    EXPECT_EQ(waiter.read_rest(), "");
+    EXPECT_EQ(waiter.wait(), 0);
+}
+
+TEST(CliUsage, HelpIsPrintedWhereverItIsAskedFor) {
+    for (const auto& words : std::vector<std::vector<std::string>>{
+             {"--help"}, {"-h"}, {"call", "--help"}, {"wait", "x", "-h"}}) {
+        const auto help = tool(words);
+        EXPECT_THAT(help.output, StartsWith("tarn: calls objects on the ubus message bus.\n"));
+        EXPECT_THAT(help.output, HasSubstr("Exit status:"));
+        EXPECT_EQ(help.status, 0);
+    }
+}
+
+TEST(CliUsage, VersionIsThatOfTheLibrary) {
+    const auto version = tool({"--version"});
+    EXPECT_EQ(version.output, "tarn " TARN_TEST_VERSION "\n");
+    EXPECT_EQ(version.status, 0);
+}
+
+TEST(CliUsage, CommandsThatAreNoneAreWrongUsage) {
+    expect_usage_error({}, "no command");
+    expect_usage_error({"list"}, "unknown command 'list'");
+}
+
+TEST(CliUsage, TooFewOrTooManyWordsAreWrongUsage) {
+    const std::string call = "call takes PATH METHOD [JSON] [-t SECONDS] [-s]";
+    expect_usage_error({"call", "demo"}, call);
+    expect_usage_error({"call", "demo", "echo", "{}", "more"}, call);
+    expect_usage_error({"wait"}, "wait takes PATH [-t SECONDS]");
+    expect_usage_error({"wait", "demo", "more"}, "wait takes PATH [-t SECONDS]");
+    expect_usage_error({"wait", "demo", "-s"}, "wait takes PATH [-t SECONDS]");
+}
+
+TEST(CliUsage, LimitsThatAreNoNumberOfSecondsAreWrongUsage) {
+    expect_usage_error({"call", "demo", "echo", "-t"}, "-t needs a number of seconds");
+    for (const std::string limit : {"", "x", "1x", "1.5", "-1", "99999999999999999999"}) {
+        expect_usage_error({"call", "demo", "echo", "-t", limit},
+                           "'" + limit + "' is no number of seconds");
+    }
+}
+
+TEST(CliUsage, UnknownOptionsAreWrongUsageExceptBehindTheirEnd) {
+    expect_usage_error({"call", "demo", "echo", "-x"}, "unknown option '-x'");
+    expect_usage_error({"call", "--", "demo", "echo", "-x"},
+                       "parse error at line 1, column 2: syntax error while parsing value - "
+                       "invalid number; expected digit after '-'; last read: '-x'");
+}
+
+TEST(CliUsage, JsonThatNoMessageCanHoldIsWrongUsage) {
+    expect_usage_error({"call", "demo", "echo", "[1]"}, "the arguments must be a JSON object");
+    expect_usage_error({"call", "demo", "echo", R"({"a": null})"}, "a message cannot hold null");
+    expect_usage_error({"call", "demo", "echo", R"({"a": 99999999999999999999})"},
+                       "the integer 99999999999999999999 has more than 64 bits");
+}
+
+} // namespace
+} // namespace tarn::test

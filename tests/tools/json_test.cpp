@@ -1,0 +1,179 @@
+/// JSON text to message values and back.
+#include "json.h"
+
+#include <gtest/gtest.h>
+
+#include <limits>
+#include <stdexcept>
+
+namespace {
+
+using namespace tarn::blob;
+using tools::layout;
+using tools::to_table;
+
+/// The value of the only field, "v".
+attr value_of(const std::string& text) {
+    const table fields = to_table("{\"v\": " + text + "}");
+    EXPECT_EQ(fields.size(), 1U);
+    return fields.find("v")->second;
+}
+
+template <class T>
+void expect_value(const std::string& text, const std::type_info& type, T value) {
+    const attr read = value_of(text);
+    ASSERT_EQ(read.type(), std::type_index(type)) << text;
+    EXPECT_EQ(read.get<T>(), value) << text;
+}
+
+std::string refusal_of(const std::string& text) {
+    try {
+        to_table(text);
+    } catch (const std::invalid_argument& refused) {
+        return refused.what();
+    }
+    return "not refused";
+}
+
+std::string line(const table& fields) {
+    return tools::to_text(fields, layout::single_line);
+}
+
+TEST(JsonReader, IntegersThatFitGoOutAs32BitsSigned) {
+    expect_value("0", typeid(unsigned int), 0);
+    expect_value("-1", typeid(unsigned int), -1);
+    expect_value("2147483647", typeid(unsigned int), 2147483647);
+    expect_value("-2147483648", typeid(unsigned int), std::numeric_limits<int>::min());
+}
+
+TEST(JsonReader, LargerIntegersGoOutAs64Bits) {
+    expect_value("2147483648", typeid(unsigned long long), 2147483648LL);
+    expect_value("-2147483649", typeid(unsigned long long), -2147483649LL);
+    expect_value("-9223372036854775808", typeid(unsigned long long),
+                 std::numeric_limits<long long>::min());
+    expect_value("18446744073709551615", typeid(unsigned long long),
+                 std::numeric_limits<unsigned long long>::max());
+}
+
+TEST(JsonReader, AnIntegerBeyond64BitsIsRefused) {
+    EXPECT_EQ(refusal_of(R"({"v": 18446744073709551616})"),
+              "the integer 18446744073709551616 has more than 64 bits");
+    EXPECT_EQ(refusal_of(R"({"v": [-9223372036854775809]})"),
+              "the integer -9223372036854775809 has more than 64 bits");
+}
+
+TEST(JsonReader, NumbersWithAPointOrAnExponentGoOutAsDoubles) {
+    expect_value("1.0", typeid(double), 1.0);
+    expect_value("-0.5", typeid(double), -0.5);
+    expect_value("1e3", typeid(double), 1000.0);
+    expect_value("123456789012345678901.0", typeid(double), 123456789012345678901.0);
+}
+
+TEST(JsonReader, ANumberBeyondTheRangeOfADoubleIsRefused) {
+    EXPECT_NE(refusal_of(R"({"v": 1e999})").find("1e999"), std::string::npos);
+}
+
+TEST(JsonReader, TrueAndFalseGoOutAsFlags) {
+    expect_value("true", typeid(bool), true);
+    expect_value("false", typeid(bool), false);
+}
+
+TEST(JsonReader, TextsAreKept) {
+    expect_value<std::string>(R"("a \"b\" \u00e4\n")", typeid(std::string), "a \"b\" \xc3\xa4\n");
+    expect_value<std::string>(R"("")", typeid(std::string), "");
+}
+
+TEST(JsonReader, ANulCharacterIsRefusedSinceTheBusWouldCutTheText) {
+    EXPECT_EQ(refusal_of(R"({"v": "a\u0000b"})"), "a text cannot hold a NUL character");
+    EXPECT_EQ(refusal_of(R"({"v\u0000": 1})"), "a text cannot hold a NUL character");
+}
+
+TEST(JsonReader, ObjectsAndArraysNest) {
+    const table fields = to_table(R"({"o": {"l": [1, "x", {"deep": [[]]}], "e": {}}, "n": 1})");
+    EXPECT_EQ(line(fields), R"({"n":1,"o":{"e":{},"l":[1,"x",{"deep":[[]]}]}})");
+}
+
+TEST(JsonReader, ANameGivenTwiceIsTwoFieldsInTheirOrder) {
+    EXPECT_EQ(line(to_table(R"({"a": 1, "b": {"c": 1, "c": 2}, "a": "x"})")),
+              R"({"a":1,"a":"x","b":{"c":1,"c":2}})");
+}
+
+TEST(JsonReader, NothingAtAllIsAnEmptyMessage) {
+    EXPECT_TRUE(to_table("").empty());
+    EXPECT_TRUE(to_table("{}").empty());
+}
+
+TEST(JsonReader, NullIsRefusedAtAnyDepth) {
+    EXPECT_EQ(refusal_of(R"({"v": null})"), "a message cannot hold null");
+    EXPECT_EQ(refusal_of(R"({"v": [{"w": null}]})"), "a message cannot hold null");
+}
+
+TEST(JsonReader, WhatIsNoObjectIsRefused) {
+    for (const char* text : {"1", "-1", "1.5", "true", "\"text\"", "[]", "[{\"a\": 1}]"}) {
+        EXPECT_EQ(refusal_of(text), "the arguments must be a JSON object") << text;
+    }
+    EXPECT_EQ(refusal_of("null"), "a message cannot hold null");
+}
+
+TEST(JsonReader, WhatIsNoJsonIsRefusedWithItsPlace) {
+    for (const char* text : {"{", "{\"a\": }", "{\"a\": 1,}", "{'a': 1}", "{} x", " ", "]"}) {
+        EXPECT_EQ(refusal_of(text).rfind("parse error at line 1, column ", 0), 0U)
+            << text << ": " << refusal_of(text);
+    }
+}
+
+TEST(JsonReader, TextThatIsNoUtf8IsRefused) {
+    EXPECT_EQ(refusal_of("{\"a\": \"\xff\"}").rfind("parse error", 0), 0U);
+}
+
+TEST(Json, AbsurdlyDeepJsonIsReadAndWritten) {
+    constexpr std::size_t depth = 200000;
+    const std::string text = "{\"v\":" + std::string(depth, '[') + std::string(depth, ']') + "}";
+    const table fields = to_table(text);
+    EXPECT_EQ(line(fields), text);
+    EXPECT_LT(tools::to_text(fields, layout::indented).size(), 100 * 2 * depth);
+}
+
+TEST(JsonWriter, IntegersOfEveryWidthArePrintedSigned) {
+    EXPECT_EQ(line({{"a", short(-2)}, {"b", -3}, {"c", -4LL}, {"d", 4294967295U}}),
+              R"({"a":-2,"b":-3,"c":-4,"d":-1})");
+}
+
+TEST(JsonWriter, AByteOf0Or1IsAFlagAndAnotherANumber) {
+    using byte = unsigned char;
+    EXPECT_EQ(line({{"a", byte(0)}, {"b", byte(1)}, {"c", byte(2)}, {"d", byte(255)}}),
+              R"({"a":false,"b":true,"c":2,"d":255})");
+    EXPECT_EQ(line({{"a", true}, {"b", false}}), R"({"a":true,"b":false})");
+}
+
+TEST(JsonWriter, DoublesKeepTheirPointAndTheirValue) {
+    EXPECT_EQ(line({{"a", 1.0}, {"b", 0.1}}), R"({"a":1.0,"b":0.1})");
+}
+
+TEST(JsonWriter, ADoubleThatIsNotFiniteIsNull) {
+    EXPECT_EQ(line({{"a", std::numeric_limits<double>::infinity()}}), R"({"a":null})");
+}
+
+TEST(JsonWriter, RawBytesAreHex) {
+    EXPECT_EQ(line({{"a", bytes{0x00, 0x7f, 0xff}}, {"b", bytes{}}}), R"({"a":"007fff","b":""})");
+}
+
+TEST(JsonWriter, TextThatIsNoUtf8IsReplacedInValuesAndNames) {
+    EXPECT_EQ(line({{"\xfe", "a\xff"}}), "{\"\xef\xbf\xbd\":\"a\xef\xbf\xbd\"}");
+}
+
+TEST(JsonWriter, RepeatedNamesAreKept) {
+    const table fields{{"a", 1}, {"a", 2}};
+    EXPECT_EQ(line(fields), R"({"a":1,"a":2})");
+    EXPECT_EQ(line({{"t", fields}}), R"({"t":{"a":1,"a":2}})");
+}
+
+TEST(JsonWriter, IndentsByTwoAndKeepsEmptyContainersShort) {
+    EXPECT_EQ(tools::to_text({{"a", {1, 2}}, {"b", table{}}, {"c", list{}}, {"d", {{"e", "f"}}}},
+                             layout::indented),
+              "{\n  \"a\": [\n    1,\n    2\n  ],\n  \"b\": {},\n  \"c\": [],\n"
+              "  \"d\": {\n    \"e\": \"f\"\n  }\n}");
+    EXPECT_EQ(tools::to_text({}, layout::indented), "{}");
+}
+
+} // namespace
