@@ -34,7 +34,7 @@ std::function<void*()> own_empty_table() {
 /// nothing.
 template <class S>
 std::function<void*()> fill(std::function<void*()> closure, S&& value) noexcept {
-    *static_cast<S*>(closure()) = std::move(value);
+    *static_cast<S*>(closure()) = std::forward<S>(value);
     return closure;
 }
 

@@ -70,8 +70,7 @@ box* box_chain::pop() noexcept {
     return entry;
 }
 
-container_closure::container_closure(const container_closure& other)
-    : box_(nullptr) {
+container_closure::container_closure(const container_closure& other) {
     // Complete from here on, so that a failure below destroys what has been copied so far.
     container_closure copy(other.box_->make_empty());
     box_chain unfilled;

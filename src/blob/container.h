@@ -73,7 +73,7 @@ public:
 private:
     static void destroy(box* root) noexcept;
 
-    box* box_;
+    box* box_ = nullptr;
 };
 
 /// Reaches into attr for the boxes.

@@ -87,8 +87,8 @@ ssize_t __wrap_write(int descriptor, const void* data, size_t size) {
 }
 
 int __wrap_sigaction(int signo, const struct sigaction* action, struct sigaction* old) {
-    const auto kind = action != nullptr ? tarn::test::call::sigaction_install
-                                        : tarn::test::call::sigaction_read;
+    const auto kind =
+        action != nullptr ? tarn::test::call::sigaction_install : tarn::test::call::sigaction_read;
     return tarn::test::fails(kind) ? -1 : __real_sigaction(signo, action, old);
 }
 

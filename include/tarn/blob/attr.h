@@ -216,7 +216,7 @@ public:
                              std::is_const_v<std::remove_reference_t<T>>) {
             store(S(value));
         } else {
-            store(std::move(value));
+            store(std::forward<T>(value));
         }
     }
     /// The same for an lvalue with T given: `set<int>(i)`.
