@@ -165,8 +165,10 @@ public:
     ///                              typeid(unsigned int)); or the description exceeds the bus
     ///                              limit;
     ///   msg::connection_failed     not connected, or the connection ended first;
+    ///   msg::no_response           the daemon said success but gave the object no id;
     ///   msg::no_memory             memory ran out on the private thread;
     ///   generic::aborted           cancel() ended it;
+    ///   any other msg              the status with which the daemon refused;
     /// after which the object is forgotten. An object lives as long as the connection: add it
     /// again from a state subscriber on every state::connected. The link is active while the
     /// report is pending; releasing it suppresses the report, not the registration.
@@ -180,7 +182,8 @@ public:
     ///                              never registered with the bus;
     ///   msg::connection_failed     not connected; the object is forgotten all the same;
     ///   msg::no_memory             memory ran out on the private thread;
-    ///   generic::aborted           cancel() ended it.
+    ///   generic::aborted           cancel() ended it;
+    ///   any other msg              the status with which the daemon refused.
     /// The name may be published anew at once. Link as for add_object(). Any thread.
     virtual utils::link del_object(const std::string& name, bool stop_serving,
                                    const completion_handler& handler) = 0;

@@ -1,6 +1,7 @@
 /// Published objects: registration, withdrawal, and the way of an incoming call to its handler.
 #include "client/client_impl.h"
 
+#include "blob/policy.h"
 #include "client/callback_gate.h"
 #include "tarn/error.h"
 #include "tarn/uloop.h"
@@ -47,12 +48,7 @@ void build_records(ubus_object_ctx& records, ubus_handler_t handler) {
         method.name = name.c_str();
         method.handler = handler;
         if (!policy.empty()) {
-            auto& fields = records.policies.emplace_back();
-            fields.reserve(policy.size());
-            for (const auto& field : policy) {
-                const int type = blob::utils::to_blobmsg_type(field.second);
-                fields.push_back({field.first.c_str(), static_cast<enum blobmsg_type>(type)});
-            }
+            auto& fields = records.policies.emplace_back(blob::detail::policy_records(policy));
             method.policy = fields.data();
             method.n_policy = static_cast<int>(fields.size());
         }
