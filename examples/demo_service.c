@@ -15,13 +15,24 @@
 #include <stdio.h>
 #include <stdlib.h>
 
+/* A call that is answered later; all of them are listed, so that the end can free them. */
 struct late_call {
     struct uloop_timeout timer;
+    struct late_call* next;
     struct ubus_context* context;
     struct ubus_request_data request;
 };
 
 static struct blob_buf reply;
+static struct late_call* late_calls;
+
+static void forget(struct late_call* call) {
+    struct late_call** link = &late_calls;
+    while (*link != call)
+        link = &(*link)->next;
+    *link = call->next;
+    free(call);
+}
 
 static int echo(struct ubus_context* context, struct ubus_object* object,
                 struct ubus_request_data* request, const char* method, struct blob_attr* message) {
@@ -60,7 +71,7 @@ static void answer_late(struct uloop_timeout* timer) {
     blobmsg_add_string(&reply, "done", "late");
     ubus_send_reply(call->context, &call->request, reply.head);
     ubus_complete_deferred_request(call->context, &call->request, UBUS_STATUS_OK);
-    free(call);
+    forget(call);
 }
 
 static const struct blobmsg_policy late_policy[] = {{"ms", BLOBMSG_TYPE_INT32}};
@@ -77,6 +88,8 @@ static int late(struct ubus_context* context, struct ubus_object* object,
         return UBUS_STATUS_UNKNOWN_ERROR;
     call->timer.cb = answer_late;
     call->context = context;
+    call->next = late_calls;
+    late_calls = call;
     ubus_defer_request(context, request, &call->request);
     uloop_timeout_set(&call->timer, delay != NULL ? (int)blobmsg_get_u32(delay) : 100);
     return UBUS_STATUS_OK;
@@ -140,6 +153,8 @@ int main(void) {
     uloop_run();
     ubus_free(context);
     uloop_done();
+    while (late_calls != NULL)
+        forget(late_calls);
     blob_buf_free(&reply);
     return 0;
 }

@@ -38,6 +38,13 @@ void* operator new(std::size_t size) {
 void* operator new[](std::size_t size) {
     return allocate(size);
 }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    try {
+        return allocate(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 void operator delete(void* memory) noexcept {
     release(memory);
 }
@@ -45,6 +52,9 @@ void operator delete[](void* memory) noexcept {
     release(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
+    release(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
     release(memory);
 }
 void operator delete[](void* memory, std::size_t) noexcept {

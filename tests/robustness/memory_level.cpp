@@ -37,6 +37,13 @@ void* operator new(std::size_t size) {
 void* operator new[](std::size_t size) {
     return allocate(size);
 }
+void* operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    try {
+        return allocate(size);
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
 void operator delete(void* memory) noexcept {
     release(memory);
 }
@@ -44,6 +51,9 @@ void operator delete[](void* memory) noexcept {
     release(memory);
 }
 void operator delete(void* memory, std::size_t) noexcept {
+    release(memory);
+}
+void operator delete(void* memory, const std::nothrow_t&) noexcept {
     release(memory);
 }
 void operator delete[](void* memory, std::size_t) noexcept {
@@ -57,7 +67,14 @@ memory_level current_memory() {
 }
 
 long malloc_bytes() {
-#if defined(__GLIBC__) && !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#if defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define TARN_OWN_MALLOC
+#endif
+#elif defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define TARN_OWN_MALLOC
+#endif
+#if defined(__GLIBC__) && !defined(TARN_OWN_MALLOC)
     const struct mallinfo2 info = ::mallinfo2();
     return static_cast<long>(info.uordblks + info.hblkhd);
 #else
