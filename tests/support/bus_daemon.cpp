@@ -28,6 +28,7 @@ constexpr std::size_t hello_size = 12;
     throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
+#ifndef TARN_TEST_SYSTEM_BUS
 std::string make_folder() {
     const char* base = std::getenv("TMPDIR");
     std::string name =
@@ -37,6 +38,7 @@ std::string make_folder() {
     }
     return name;
 }
+#endif
 
 } // namespace
 
