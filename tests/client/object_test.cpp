@@ -367,7 +367,7 @@ void use_the_client_elsewhere() {
         client& bus = client::get_instance({});
         bus.get_state();
         bus.invoke(
-               "own", "echo", {}, [](const auto&, const auto&) {}, seconds(60))
+               "nobody", "echo", {}, [](const auto&, const auto&) {}, seconds(60))
             .release();
         bus.add_object("other", {}, [](const std::error_code&) {}).release();
         bus.del_object("other", true, [](const std::error_code&) {}).release();
@@ -400,7 +400,7 @@ TEST_F(Object, NothingIsLockedWhileAHandlerRunsOrIsDestroyed) {
                         {}}}},
                      doomed(used));
     bus().invoke("own", "echo", {}, doomed(used), seconds(60));
-    run_until([&] { return handlers == 4; }); // added, served, sent, answered
+    run_until([&] { return handlers >= 4; }); // added, served, sent, answered
     bus().invoke("own", "echo", {}, doomed(used), seconds(60)).release();
     bus().invoke("nobody", "echo", {}, doomed(used), seconds(60));
     run_until([&] { return handlers >= 5; });
