@@ -19,7 +19,7 @@
 #include <vector>
 
 #include "support/child_process.h"
-#include "wire.h"
+#include "support/wire.h"
 
 namespace {
 

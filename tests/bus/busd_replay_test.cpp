@@ -4,7 +4,7 @@
 #include <gtest/gtest.h>
 #include <poll.h>
 
-#include "wire.h"
+#include "support/wire.h"
 
 namespace {
 

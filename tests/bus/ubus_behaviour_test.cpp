@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "support/bus_daemon.h"
-#include "wire.h"
+#include "support/wire.h"
 
 namespace {
 

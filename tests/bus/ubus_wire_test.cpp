@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 #include <thread>
 
-#include "wire.h"
+#include "support/wire.h"
 
 namespace {
 

@@ -1,7 +1,7 @@
 /// What the tests with a misbehaving bus share.
 #include "robustness/misbehaving_bus.h"
 
-#include <cstdlib>
+#include "support/bus_address.h"
 
 namespace tarn::test {
 namespace {
@@ -158,7 +158,7 @@ void misbehaving_bus_test::expect_recovery() {
 }
 
 void misbehaving_bus_test::expect_recovery_on_daemon() {
-    ::setenv("UBUS_SOCKET", daemon_.socket_path().c_str(), 1);
+    lead_clients_to(daemon_.socket_path());
     outcome connected;
     bus().connect(connected.handler());
     run_until([&] { return connected.reported(); });

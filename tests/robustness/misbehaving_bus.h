@@ -102,7 +102,8 @@ protected:
     void disconnect();
     void use_bus(const char* path, const char* method, const std::error_code& expected);
 
-    // First, since it sets UBUS_SOCKET too, and its process is forked before there are threads.
+    // First, since it leads clients to itself too, and its process is forked before there are
+    // threads.
     bus_daemon daemon_;
     scripted_bus scripted_;
     std::shared_ptr<client::exchange_ctx> context_;

@@ -1,10 +1,11 @@
 /// A bus daemon for one test.
-#include "bus_daemon.h"
+#include "support/bus_daemon.h"
+
+#include "support/bus_address.h"
 
 #include <cerrno>
 #include <chrono>
 #include <csignal>
-#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <poll.h>
@@ -28,28 +29,10 @@ constexpr std::size_t hello_size = 12;
     throw std::runtime_error(what + ": " + std::strerror(errno));
 }
 
-#ifndef TARN_TEST_SYSTEM_BUS
-std::string make_folder() {
-    const char* base = std::getenv("TMPDIR");
-    std::string name =
-        std::string(base != nullptr && *base != '\0' ? base : "/tmp") + "/tarn-test-XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr) {
-        fail("mkdtemp " + name);
-    }
-    return name;
-}
-#endif
-
 } // namespace
 
 bus_daemon::bus_daemon(launch when) {
-#ifdef TARN_TEST_SYSTEM_BUS
-    socket_ = TARN_TEST_SOCKET;
-#else
-    folder_ = make_folder();
-    socket_ = folder_ + "/ubus.sock";
-    ::setenv("UBUS_SOCKET", socket_.c_str(), 1);
-#endif
+    lead_clients_to(socket_);
     if (when == launch::now) {
         start();
     }
@@ -57,10 +40,6 @@ bus_daemon::bus_daemon(launch when) {
 
 bus_daemon::~bus_daemon() {
     end(SIGKILL);
-    if (!folder_.empty()) {
-        ::unlink(socket_.c_str());
-        ::rmdir(folder_.c_str());
-    }
 }
 
 void bus_daemon::start() {

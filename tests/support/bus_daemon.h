@@ -2,6 +2,8 @@
 /// test.
 #pragma once
 
+#include "support/temporary_folder.h"
+
 #include <string>
 #include <sys/types.h>
 
@@ -10,10 +12,8 @@ namespace tarn::test {
 /// Starts the daemon, waits until it serves, and ends it in the destructor. No daemon outlives the
 /// test process, not even one that is killed.
 ///
-/// With the bundled bus the socket is private to the object and the constructor sets the
-/// environment variable UBUS_SOCKET to it, so that ubus_connect(NULL) finds it; construct it
-/// before other threads run. With an installed bus it is that bus's daemon on its compiled-in
-/// socket.
+/// Its socket is its own, and the constructor leads clients to it (see bus_address.h); construct it
+/// before other threads run.
 ///
 /// Failures to start throw std::runtime_error.
 class bus_daemon {
@@ -49,8 +49,8 @@ private:
     int end(int signal);
     bool greets() const;
 
-    std::string folder_;
-    std::string socket_;
+    const temporary_folder folder_;
+    const std::string socket_ = folder_.path() + "/ubus.sock";
     pid_t pid_ = -1;
     bool held_ = false;
 };

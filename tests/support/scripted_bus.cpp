@@ -1,8 +1,9 @@
 /// A bus for tests of the client that misbehaves on command.
-#include "scripted_bus.h"
+#include "support/scripted_bus.h"
+
+#include "support/bus_address.h"
 
 #include <cerrno>
-#include <cstdlib>
 #include <exception>
 #include <future>
 #include <memory>
@@ -55,7 +56,7 @@ scripted_bus::scripted_bus()
     if (wake_up_ < 0) {
         throw std::runtime_error("eventfd");
     }
-    ::setenv("UBUS_SOCKET", socket_path().c_str(), 1);
+    lead_clients_to(socket_path());
     thread_ = std::thread([this] { work(); });
 }
 

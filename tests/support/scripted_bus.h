@@ -1,7 +1,7 @@
 /// A bus for tests of the client that misbehaves on command.
 #pragma once
 
-#include "bus/wire.h"
+#include "support/wire.h"
 
 #include <chrono>
 #include <condition_variable>
@@ -22,7 +22,7 @@ namespace tarn::test {
 /// bus for one client, with one foreign object on it; a reaction makes it fail one moment's answer,
 /// once.
 ///
-/// The constructor sets the environment variable UBUS_SOCKET to its socket, like bus_daemon.
+/// The constructor leads clients to its socket, like bus_daemon.
 /// All functions are for the test's thread.
 class scripted_bus {
 public:

@@ -2,6 +2,8 @@
 /// the recorded exchanges. Independent of the code under test.
 #pragma once
 
+#include "support/temporary_folder.h"
+
 #include <cstdint>
 #include <map>
 #include <string>
@@ -123,8 +125,8 @@ public:
     peer accept() const;
 
 private:
-    std::string folder_;
-    std::string path_;
+    const tarn::test::temporary_folder folder_;
+    const std::string path_ = folder_.path() + "/bus.sock";
     int fd_ = -1;
 };
 

@@ -1,9 +1,8 @@
 /// Raw messages of the bus for its tests.
-#include "wire.h"
+#include "support/wire.h"
 
 #include <array>
 #include <cerrno>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <grp.h>
@@ -208,14 +207,11 @@ bool peer::readable() const {
 }
 
 listening::listening() {
-    std::string name = "/tmp/tarn-wire-XXXXXX";
-    if (::mkdtemp(name.data()) == nullptr) {
-        throw std::runtime_error("mkdtemp");
-    }
-    folder_ = name;
-    path_ = folder_ + "/bus.sock";
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
+    if (path_.size() >= sizeof address.sun_path) {
+        throw std::runtime_error("too long for a socket: " + path_);
+    }
     std::memcpy(address.sun_path, path_.c_str(), path_.size());
     fd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (::bind(fd_, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0 ||
@@ -226,8 +222,6 @@ listening::listening() {
 
 listening::~listening() {
     ::close(fd_);
-    ::unlink(path_.c_str());
-    ::rmdir(folder_.c_str());
 }
 
 peer listening::accept() const {
