@@ -89,7 +89,7 @@ int ubus_connect_ctx(ubus_context* ctx, const char* path) {
     uloop_init();
 
     ctx->sock.fd = bus::open_socket(path != nullptr ? path : bus::default_path());
-    if (ctx->sock.fd < 0 || !bus::receive_hello(*ctx)) {
+    if (ctx->sock.fd < 0 || !bus::receive_hello(*ctx) || !bus::reserve_send_buffer()) {
         ubus_shutdown(ctx);
         return UBUS_STATUS_CONNECTION_FAILED;
     }

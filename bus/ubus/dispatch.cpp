@@ -24,10 +24,11 @@ pending_call* first_pending(ubus_context& ctx) {
     return record_of<pending_call>(ctx.pending.next, offsetof(pending_call, list));
 }
 
-void postpone(ubus_context& ctx, const incoming& call) {
+void postpone(ubus_context& ctx, const incoming& call, const attributes& given) {
     const std::size_t length = call.head().size - sizeof(ubus_msghdr);
     auto* kept = static_cast<pending_call*>(std::malloc(sizeof(pending_call) + length));
     if (kept == nullptr) {
+        refuse_invoke(ctx, call.head(), given, UBUS_STATUS_NO_MEMORY);
         return;
     }
     kept->head = call.head();
@@ -63,7 +64,7 @@ void handle(ubus_context& ctx, const incoming& message) {
         break;
     case UBUS_MSG_INVOKE:
         if (ctx.stack_depth > 0) {
-            postpone(ctx, message);
+            postpone(ctx, message, given);
         } else {
             run_pending(ctx);
             handle_invoke(ctx, message.head(), given);

@@ -36,6 +36,10 @@ void drop_pending(ubus_context& ctx);
 /// Runs the handler of one incoming call and answers it.
 void handle_invoke(ubus_context& ctx, const message_head& head, const attributes& given);
 
+/// Answers an incoming call without running its handler.
+void refuse_invoke(ubus_context& ctx, const message_head& head, const attributes& given,
+                   int status);
+
 /// Hands a DATA or STATUS message to the request that waits for it.
 void handle_answer(ubus_context& ctx, const message_head& head, blob_attr* message,
                    const attributes& given);

@@ -38,6 +38,10 @@ private:
     bool failed_;
 };
 
+/// Takes memory for the send buffer, enough for any status, so that none is lost for want of it.
+/// False if there is not even that.
+bool reserve_send_buffer();
+
 /// Gives the send buffer's memory back.
 void free_send_buffer();
 

@@ -45,6 +45,18 @@ int call_handler(ubus_context& ctx, ubus_request_data& call, const attributes& g
                            const_cast<blob_attr*>(given[UBUS_ATTR_DATA]));
 }
 
+ubus_request_data call_data(const message_head& head, const attributes& given) {
+    ubus_request_data call{};
+    call.object = get_u32(given[UBUS_ATTR_OBJID]);
+    call.peer = head.peer;
+    call.seq = head.seq;
+    return call;
+}
+
+bool wants_answer(const attributes& given) {
+    return given[UBUS_ATTR_NO_REPLY] == nullptr || blob_get_u8(given[UBUS_ATTR_NO_REPLY]) == 0;
+}
+
 // What the daemon says about an object that is being published or withdrawn.
 struct object_answer {
     std::uint32_t id;
@@ -77,20 +89,22 @@ void handle_invoke(ubus_context& ctx, const message_head& head, const attributes
     if (given[UBUS_ATTR_OBJID] == nullptr) {
         return;
     }
-    ubus_request_data call{};
-    call.object = get_u32(given[UBUS_ATTR_OBJID]);
-    call.peer = head.peer;
-    call.seq = head.seq;
+    ubus_request_data call = call_data(head, given);
     call.acl.user = get_text(given[UBUS_ATTR_USER]);
     call.acl.group = get_text(given[UBUS_ATTR_GROUP]);
     call.acl.object = nullptr;
     call.fd = -1;
     call.req_fd = -1;
-    const bool no_reply =
-        given[UBUS_ATTR_NO_REPLY] != nullptr && blob_get_u8(given[UBUS_ATTR_NO_REPLY]) != 0;
     const int status = call_handler(ctx, call, given);
-    if (!call.deferred && !no_reply) {
+    if (!call.deferred && wants_answer(given)) {
         send_status(ctx, call, status);
+    }
+}
+
+void refuse_invoke(ubus_context& ctx, const message_head& head, const attributes& given,
+                   int status) {
+    if (given[UBUS_ATTR_OBJID] != nullptr && wants_answer(given)) {
+        send_status(ctx, call_data(head, given), status);
     }
 }
 

@@ -110,6 +110,11 @@ bool outgoing::send(ubus_context& ctx, std::uint8_t type, std::uint16_t seq,
     return false;
 }
 
+bool reserve_send_buffer() {
+    // The smallest buffer that libubox makes holds any status.
+    return blob_buf_init(&send_buffer, 0) == 0;
+}
+
 void free_send_buffer() {
     blob_buf_free(&send_buffer);
 }

@@ -2,11 +2,11 @@
 /// work that this takes.
 #include "tarn/blob.h"
 
-#include "blob/allocations.h"
 #include "blob/message.h"
+#include "support/allocations.h"
+#include "support/small_stack.h"
 
 #include <gtest/gtest.h>
-#include <pthread.h>
 #include <stdexcept>
 
 namespace {
@@ -14,7 +14,6 @@ namespace {
 using namespace tarn::blob;
 using namespace tarn::test;
 
-constexpr std::size_t small_stack = 128 * 1024;
 constexpr std::size_t deepest = 131071; // 8 bytes a level, and the message's own 4
 
 /// A message of `depth` nested arrays or tables without names; with `alternating`, of both in turn.
@@ -31,22 +30,6 @@ std::string nested_message(std::size_t depth, unsigned type, bool alternating) {
             0x80000000u | id << 24 | static_cast<std::uint32_t>(8 * (depth - level)));
     }
     return bytes;
-}
-
-/// Runs `body` on a thread with the small stack.
-template <class Body>
-void on_small_stack(Body&& body) {
-    pthread_attr_t attributes;
-    ASSERT_EQ(pthread_attr_init(&attributes), 0);
-    ASSERT_EQ(pthread_attr_setstacksize(&attributes, small_stack), 0);
-    pthread_t thread;
-    const auto run = [](void* argument) -> void* {
-        (*static_cast<std::remove_reference_t<Body>*>(argument))();
-        return nullptr;
-    };
-    ASSERT_EQ(pthread_create(&thread, &attributes, run, &body), 0);
-    pthread_join(thread, nullptr);
-    pthread_attr_destroy(&attributes);
 }
 
 std::size_t depth_of(const attr& value) {
@@ -143,10 +126,10 @@ TEST(Depth, AllocationThatFailsAtTheBottomNeedsNoStack) {
     on_small_stack([] {
         const message received(nested_message(deepest, 1, false));
         const attr value = utils::to_table(received.get()).begin()->second;
-        const long before = live_blocks();
+        const long before = memory_held().blocks;
         failing_allocation fault(3 * (deepest - 10));
         EXPECT_THROW(attr{value}, std::bad_alloc);
-        EXPECT_EQ(live_blocks(), before);
+        EXPECT_EQ(memory_held().blocks, before);
     });
 }
 

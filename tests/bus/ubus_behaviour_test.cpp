@@ -17,6 +17,7 @@
 #include <unistd.h>
 #include <vector>
 
+#include "support/allocations.h"
 #include "support/bus_daemon.h"
 #include "support/wire.h"
 
@@ -303,6 +304,53 @@ TEST_F(UbusBehaviour, CallsThatComeInDuringASynchronousRequestWaitForTheLoop) {
     ubus_add_uloop(ctx.get());
     uloop_run();
     EXPECT_EQ(depths, (std::vector<int>{0, 0}));
+}
+
+TEST_F(UbusBehaviour, ACallThatThereIsNoMemoryToKeepIsRefused) {
+    scripted_bus bus([](wire::peer& client) {
+        client.send(added(client.receive(), object_id));
+        const auto lookup = client.receive();
+        client.send(call_of(1, "m"));
+        const auto refusal = client.receive();
+        EXPECT_EQ(refusal.type(), wire::status);
+        EXPECT_EQ(refusal.seq(), 1);
+        EXPECT_EQ(refusal.number(1), std::uint32_t{UBUS_STATUS_NO_MEMORY});
+        client.send(status(lookup, 4));
+    });
+    const context ctx(ubus_connect(bus.path()));
+    ASSERT_NE(ctx, nullptr);
+    published demo(answer_ok);
+    ASSERT_EQ(ubus_add_object(ctx.get(), &demo.object), 0);
+    std::uint32_t id = 0;
+    const tarn::test::failing_allocation failure(1);
+    EXPECT_EQ(ubus_lookup_id(ctx.get(), "demo", &id), UBUS_STATUS_NOT_FOUND);
+    EXPECT_TRUE(failure.happened());
+}
+
+/// Connects, publishes, looks up, and calls what is not there; whether all went as it should.
+bool use_the_bus(const buffer& arguments) {
+    const context ctx(ubus_connect(nullptr));
+    published demo(answer_ok);
+    std::uint32_t id = 0;
+    return ctx != nullptr && ubus_add_object(ctx.get(), &demo.object) == 0 &&
+           ubus_lookup_id(ctx.get(), "demo", &id) == 0 && id == demo.object.id &&
+           ubus_invoke(ctx.get(), id + 1, "m", arguments.buf.head, nullptr, nullptr, long_limit) ==
+               UBUS_STATUS_NOT_FOUND;
+}
+
+TEST_F(UbusBehaviour, EverySingleShortageOfMemoryShowsAsAnError) {
+    const tarn::test::bus_daemon daemon;
+    const buffer arguments;
+    for (std::size_t nth = 1;; ++nth) {
+        const tarn::test::failing_allocation failure(nth);
+        const bool went_well = use_the_bus(arguments);
+        const bool happened = failure.happened();
+        ASSERT_NE(went_well, happened) << "at allocation " << nth;
+        if (!happened) {
+            EXPECT_GT(nth, 4U);
+            return;
+        }
+    }
 }
 
 TEST_F(UbusBehaviour, AConnectionThatEndsInsideASynchronousRequestGivesConnectionFailed) {

@@ -100,7 +100,7 @@ TEST_F(Load, EveryCallToAMuteServiceTimesOutOnce) {
     call_in_vain(100, warm_up);
     loop_thread::disconnect();
     loop_thread::run([] {});
-    const memory_level before = current_memory();
+    const held_memory before = memory_held();
     {
         mute_counts counts;
         ASSERT_FALSE(loop_thread::connect());
@@ -117,11 +117,10 @@ TEST_F(Load, EveryCallToAMuteServiceTimesOutOnce) {
                   << timed_out << " ms, all given up after " << settled << " ms\n";
     }
     loop_thread::run([] {});
-    const memory_level after = current_memory();
+    const held_memory after = memory_held();
     std::cout << "memory: " << before.blocks << " blocks of " << before.bytes << " bytes before, "
               << after.blocks << " of " << after.bytes << " after\n";
-    EXPECT_LE(after.blocks - before.blocks, tolerated_blocks);
-    EXPECT_LE(after.bytes - before.bytes, tolerated_bytes);
+    EXPECT_TRUE(back_at_its_level(before, after));
 }
 
 } // namespace

@@ -1,8 +1,6 @@
 /// What the tests with a misbehaving bus share.
 #include "robustness/misbehaving_bus.h"
 
-#include "support/bus_address.h"
-
 namespace tarn::test {
 namespace {
 
@@ -158,7 +156,7 @@ void misbehaving_bus_test::expect_recovery() {
 }
 
 void misbehaving_bus_test::expect_recovery_on_daemon() {
-    lead_clients_to(daemon_.socket_path());
+    daemon_.lead_clients_here();
     outcome connected;
     bus().connect(connected.handler());
     run_until([&] { return connected.reported(); });

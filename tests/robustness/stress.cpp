@@ -394,10 +394,10 @@ void run_stress(const stress_options& options, stress_counts& counts) {
     warm_up.kills = 1;
     warm_up.cancels = 1;
     work.run(warm_up);
-    counts.before = current_memory();
+    counts.before = memory_held();
     counts.malloc_before = malloc_bytes();
     work.run(options);
-    counts.after = current_memory();
+    counts.after = memory_held();
     counts.malloc_after = malloc_bytes();
 }
 
@@ -408,8 +408,7 @@ bool invariants_hold(const stress_counts& counts) {
     };
     return sound(counts.calls, 0) && sound(counts.objects, 0) &&
            sound(counts.sends, counts.sends.started) && counts.limited_left == 0 &&
-           counts.after.bytes - counts.before.bytes <= tolerated_bytes &&
-           counts.after.blocks - counts.before.blocks <= tolerated_blocks;
+           back_at_its_level(counts.before, counts.after);
 }
 
 std::ostream& operator<<(std::ostream& out, const stress_counts& counts) {

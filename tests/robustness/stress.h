@@ -32,8 +32,8 @@ struct stress_counts {
     long limited_left = 0; ///< calls with a time limit that were pending long after it
     int kills = 0;
     int cancels = 0;
-    memory_level before;
-    memory_level after;
+    held_memory before;
+    held_memory after;
     long malloc_before = 0;
     long malloc_after = 0;
 };

@@ -1,8 +1,6 @@
 /// A bus daemon for one test.
 #include "support/bus_daemon.h"
 
-#include "support/bus_address.h"
-
 #include <cerrno>
 #include <chrono>
 #include <csignal>
@@ -32,7 +30,6 @@ constexpr std::size_t hello_size = 12;
 } // namespace
 
 bus_daemon::bus_daemon(launch when) {
-    lead_clients_to(socket_);
     if (when == launch::now) {
         start();
     }
@@ -64,7 +61,7 @@ void bus_daemon::start() {
         const int quiet = ::open("/dev/null", O_RDWR | O_CLOEXEC);
         ::dup2(quiet, STDIN_FILENO);
         ::dup2(quiet, STDOUT_FILENO);
-        ::execl(program.c_str(), program.c_str(), "-s", socket_.c_str(),
+        ::execl(program.c_str(), program.c_str(), "-s", socket_path().c_str(),
                 static_cast<char*>(nullptr));
         ::_exit(127);
     }
@@ -79,7 +76,7 @@ void bus_daemon::start() {
         }
         if (std::chrono::steady_clock::now() >= deadline) {
             end(SIGKILL);
-            throw std::runtime_error(program + " does not serve " + socket_);
+            throw std::runtime_error(program + " does not serve " + socket_path());
         }
         ::poll(nullptr, 0, retry_interval);
     }
@@ -118,10 +115,10 @@ void bus_daemon::resume() {
 int bus_daemon::connect() const {
     sockaddr_un address{};
     address.sun_family = AF_UNIX;
-    if (socket_.size() >= sizeof address.sun_path) {
+    if (socket_path().size() >= sizeof address.sun_path) {
         return -1;
     }
-    std::memcpy(address.sun_path, socket_.c_str(), socket_.size());
+    std::memcpy(address.sun_path, socket_path().c_str(), socket_path().size());
     const int fd = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
     if (fd >= 0 &&
         ::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0) {

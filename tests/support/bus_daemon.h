@@ -2,6 +2,7 @@
 /// test.
 #pragma once
 
+#include "support/bus_address.h"
 #include "support/temporary_folder.h"
 
 #include <string>
@@ -25,7 +26,9 @@ public:
     bus_daemon(const bus_daemon&) = delete;
     bus_daemon& operator=(const bus_daemon&) = delete;
 
-    const std::string& socket_path() const { return socket_; }
+    const std::string& socket_path() const { return address_.path(); }
+    /// Leads clients here again after they have been led elsewhere.
+    void lead_clients_here() const { address_.lead_clients_here(); }
     /// The process id; -1 while it is not running.
     pid_t pid() const { return pid_; }
 
@@ -50,7 +53,7 @@ private:
     bool greets() const;
 
     const temporary_folder folder_;
-    const std::string socket_ = folder_.path() + "/ubus.sock";
+    const bus_address address_{folder_.path() + "/ubus.sock"};
     pid_t pid_ = -1;
     bool held_ = false;
 };

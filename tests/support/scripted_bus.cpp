@@ -1,8 +1,6 @@
 /// A bus for tests of the client that misbehaves on command.
 #include "support/scripted_bus.h"
 
-#include "support/bus_address.h"
-
 #include <cerrno>
 #include <exception>
 #include <future>
@@ -56,7 +54,6 @@ scripted_bus::scripted_bus()
     if (wake_up_ < 0) {
         throw std::runtime_error("eventfd");
     }
-    lead_clients_to(socket_path());
     thread_ = std::thread([this] { work(); });
 }
 

@@ -1,6 +1,7 @@
 /// A bus for tests of the client that misbehaves on command.
 #pragma once
 
+#include "support/bus_address.h"
 #include "support/wire.h"
 
 #include <chrono>
@@ -57,7 +58,7 @@ public:
     scripted_bus(const scripted_bus&) = delete;
     scripted_bus& operator=(const scripted_bus&) = delete;
 
-    const std::string& socket_path() const { return socket_.path(); }
+    const std::string& socket_path() const { return address_.path(); }
 
     /// Replaces the answer to the next message of this type: a request's, or data or status from
     /// the client's answers to calls, which a healthy bus does not answer. `hello` means the
@@ -109,7 +110,8 @@ private:
     void transmit(const connection& client, const wire::bytes& raw) const;
     wire::bytes healthy_answer(const wire::received& request);
 
-    wire::listening socket_;
+    const wire::listening socket_;
+    const bus_address address_{socket_.path()};
     int wake_up_ = -1;
 
     std::mutex lock_; ///< guards the five below

@@ -1,36 +1,69 @@
-/// operator new and delete that count, and fail when a test asks for it.
-#include "blob/allocations.h"
+/// operator new and delete, and malloc()'s kin, that count, and fail when a test asks for it. The
+/// linker sends calls of the latter here (--wrap=NAME: NAME becomes __wrap_NAME, and the real one
+/// is __real_NAME).
+#include "support/allocations.h"
 
 #include <atomic>
 #include <cstdlib>
+#include <malloc.h>
 #include <new>
+
+extern "C" {
+void* __real_malloc(std::size_t size);
+void* __real_calloc(std::size_t count, std::size_t size);
+void* __real_realloc(void* memory, std::size_t size);
+}
 
 namespace {
 
 thread_local std::size_t count = 0;
 thread_local std::size_t fail_at = 0; // the count at which to fail; 0 for never
-std::atomic<long> alive{0};
+std::atomic<long> blocks{0};
+std::atomic<long> bytes{0};
+
+bool fails() {
+    return ++count == fail_at;
+}
+
+void account(void* memory, long sign) {
+    blocks.fetch_add(sign, std::memory_order_relaxed);
+    bytes.fetch_add(sign * static_cast<long>(::malloc_usable_size(memory)),
+                    std::memory_order_relaxed);
+}
 
 void* allocate(std::size_t size) {
-    if (++count == fail_at) {
+    void* const memory = fails() ? nullptr : __real_malloc(size != 0 ? size : 1);
+    if (memory == nullptr) {
         throw std::bad_alloc();
     }
-    void* const memory = std::malloc(size ? size : 1);
-    if (!memory) {
-        throw std::bad_alloc();
-    }
-    ++alive;
+    account(memory, 1);
     return memory;
 }
 
 void release(void* memory) noexcept {
-    if (memory) {
-        --alive;
+    if (memory != nullptr) {
+        account(memory, -1);
         std::free(memory);
     }
 }
 
 } // namespace
+
+extern "C" {
+
+void* __wrap_malloc(std::size_t size) {
+    return fails() ? nullptr : __real_malloc(size);
+}
+
+void* __wrap_calloc(std::size_t number, std::size_t size) {
+    return fails() ? nullptr : __real_calloc(number, size);
+}
+
+void* __wrap_realloc(void* memory, std::size_t size) {
+    return fails() ? nullptr : __real_realloc(memory, size);
+}
+
+} // extern "C"
 
 void* operator new(std::size_t size) {
     return allocate(size);
@@ -67,8 +100,8 @@ std::size_t allocations() {
     return count;
 }
 
-long live_blocks() {
-    return alive;
+held_memory memory_held() {
+    return {blocks.load(), bytes.load()};
 }
 
 failing_allocation::failing_allocation(std::size_t nth) {
