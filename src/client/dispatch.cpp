@@ -25,11 +25,11 @@ void client_impl::post(const std::function<void()>& task) {
     if (tracker.expired()) {
         return;
     }
-    const auto loop = loop_.lock();
-    if (!loop && tracker.expired()) {
-        return; // stopped since, and the loop destroyed after it: the process is ending
+    if (const auto loop = loop_.lock()) {
+        loop->post(misc::tie_handler(task, tracker));
+    } else if (!tracker.expired()) { // else stopped since, and the loop destroyed after it
+        get_eloop();                 // throws
     }
-    (loop ? loop : get_eloop())->post(misc::tie_handler(task, tracker));
 }
 
 void client_impl::post_to_uloop(std::function<void()>&& task) {

@@ -7,6 +7,7 @@
 ///   handler      a result handler calls exit()
 ///   subscriber   a state subscriber calls exit()
 ///   thread       a thread calls exit() while main() runs the loop and others call the client
+///   cancel       main() calls exit() while a thread calls cancel() over and over
 ///   fork         forks children that call exit() while the threads work, waits for them, and exits
 ///   stopped PID  stops the bus daemon PID, looks whether time limits and cancel() still work while
 ///                the private thread waits for it, prints "ending: exit" and calls exit()
@@ -222,6 +223,25 @@ void end_in_thread() {
     run_loop();
 }
 
+void end_during_cancel() {
+    // The loop runs no more, so that it dies on time, while a thread is inside the client.
+    std::thread running(run_loop);
+    begin();
+    wait_until_busy();
+    loop()->stop();
+    running.join();
+    std::promise<void> begun;
+    std::thread([&begun] {
+        bus().cancel();
+        begun.set_value();
+        for (;;) {
+            bus().cancel();
+        }
+    }).detach();
+    begun.get_future().wait();
+    std::exit(good);
+}
+
 void end_in_children() {
     std::thread(run_loop).detach();
     std::thread(disturb).detach();
@@ -327,6 +347,8 @@ int main(int argc, char** argv) {
         end_in_subscriber();
     } else if (way == "thread") {
         end_in_thread();
+    } else if (way == "cancel") {
+        end_during_cancel();
     } else if (way == "fork") {
         end_in_children();
     } else if (way == "stopped" && argc == 3) {

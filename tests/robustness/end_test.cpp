@@ -68,6 +68,10 @@ TEST_F(ProcessEnd, AnotherThreadExitsWhileOthersCallTheClient) {
     ends("thread");
 }
 
+TEST_F(ProcessEnd, MainExitsDuringCancel) {
+    ends("cancel");
+}
+
 TEST_F(ProcessEnd, ForkedChildrenExitWhileThreadsWork) {
     // What only a thread referred to that the child does not have looks lost to the leak checker.
     const char* const given = std::getenv("ASAN_OPTIONS");
