@@ -192,7 +192,9 @@ public:
     /// reconnection stops, pending calls and operations get generic::aborted, connect handlers
     /// generic::aborted, disconnect handlers success, and the state becomes `disconnected`.
     /// Published objects are no longer served. Everything already handed to the application's
-    /// loop falls silent. The client can be used again afterwards. It never waits for the bus.
+    /// loop falls silent. The client can be used again afterwards. It never waits for the bus. What
+    /// a handler throws, and std::bad_alloc, passes through; the client can be used again after
+    /// another cancel(), which does the rest.
     virtual void cancel() = 0;
 };
 

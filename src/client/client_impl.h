@@ -79,7 +79,6 @@ public:
 
 private:
     using state_signal = misc::signal<void, state>;
-    using outcome_signal = misc::signal<void, const std::error_code&>;
     using ticket = pending_handlers::ticket;
     using memory_reserve = std::array<char, 16384>;
 
@@ -122,9 +121,10 @@ private:
     void on_state_change(state s);
     void announce(state s);
     void arm_reconnection();
-    void on_req_done(outcome_signal& sig, state s, const std::error_code& code);
-    outcome_signal take_waiting(outcome_signal& sig);
-    utils::link subscribe(outcome_signal& sig, const completion_handler& handler);
+    void on_req_done(pending_handlers& waiting, state s, const std::error_code& code);
+    static void tell(pending_handlers& waiting, pending_handlers::number last,
+                     const std::error_code& code);
+    static utils::link subscribe(pending_handlers& waiting, const completion_handler& handler);
 
     // bus_connection.cpp: the loop thread's side of the connection
     void connect_sync(const std::weak_ptr<void>& connection,
@@ -184,8 +184,6 @@ private:
     /// handler nor the application's loop is ever called with it.
     mutable std::mutex state_lock_;
     state_signal state_changed_;
-    outcome_signal connect_done_;
-    outcome_signal disconnect_done_;
     std::shared_ptr<reconnection> reconnection_;
     long long attempts_ = 0; ///< consecutive automatic attempts; saturates
     /// Present while there is a connection, or an attempt at one, to tear down. What belongs to an
@@ -202,6 +200,8 @@ private:
 
     invoke_table invokes_;
     object_table objects_;
+    pending_handlers connect_handlers_;
+    pending_handlers disconnect_handlers_;
     pending_handlers add_handlers_;
     pending_handlers del_handlers_;
     pending_handlers send_handlers_;

@@ -13,30 +13,6 @@ namespace {
 
 using tarn::misc::aggregate_adapter;
 
-/// A one-shot subscription to the outcome of a connect or disconnect request. The handler's own
-/// link decides; the slot is only tidied away, unless the outcome is being told already, from
-/// copies that the link has disarmed as well.
-class outcome_subscription final : public utils::link::impl {
-public:
-    outcome_subscription(std::mutex& lock, const utils::link& handler, const utils::link& slot)
-        : lock_(lock)
-        , handler_(handler)
-        , slot_(slot) {}
-
-    void release() override {
-        handler_.release();
-        const std::lock_guard<std::mutex> guard(lock_);
-        slot_.release();
-    }
-
-    bool active() const override { return handler_.active(); }
-
-private:
-    std::mutex& lock_; ///< the client's, which is never destroyed
-    utils::link handler_;
-    utils::link slot_;
-};
-
 /// A subscription to state changes. Shares the handler with its slot, so that the application's
 /// captures are destroyed outside the lock.
 class state_subscription final : public utils::link::impl {
@@ -83,26 +59,25 @@ utils::link client_impl::notify_on_state_change(const state_handler& handler) {
         std::make_shared<state_subscription>(state_lock_, shared, slot));
 }
 
-utils::link client_impl::subscribe(outcome_signal& sig, const completion_handler& handler) {
-    if (!handler) {
-        return {};
+utils::link client_impl::subscribe(pending_handlers& waiting, const completion_handler& handler) {
+    const ticket entry = waiting.add(handler);
+    try {
+        return waiting.link_to(entry);
+    } catch (...) {
+        waiting.take(entry);
+        throw;
     }
-    const auto wrapped = misc::link_handler(handler, false);
-    const std::lock_guard<std::mutex> guard(state_lock_);
-    const utils::link slot = sig.connect(wrapped.first);
-    return aggregate_adapter<utils::link>(
-        std::make_shared<outcome_subscription>(state_lock_, wrapped.second, slot));
 }
 
 utils::link client_impl::connect(const completion_handler& handler) {
     disable_auto_connect();
     if (get_tracker().expired()) {
-        return subscribe(connect_done_, handler);
+        return subscribe(connect_handlers_, handler);
     }
     if (is_active()) {
         return report_later(handler, {});
     }
-    utils::link pending = subscribe(connect_done_, handler);
+    utils::link pending = subscribe(connect_handlers_, handler);
     try {
         connect_impl();
     } catch (...) {
@@ -115,13 +90,13 @@ utils::link client_impl::connect(const completion_handler& handler) {
 utils::link client_impl::disconnect(const completion_handler& handler) {
     disable_auto_connect();
     if (get_tracker().expired()) {
-        return subscribe(disconnect_done_, handler);
+        return subscribe(disconnect_handlers_, handler);
     }
     const state current = get_state();
     if (current == state::disconnected) {
         return report_later(handler, {});
     }
-    utils::link pending = subscribe(disconnect_done_, handler);
+    utils::link pending = subscribe(disconnect_handlers_, handler);
     try {
         if (current == state::connecting) {
             on_state_change(state::disconnecting);
@@ -258,21 +233,19 @@ void client_impl::request_disconnect() {
 
 void client_impl::on_connect_result(state reported, const std::error_code& code) {
     const state current = get_state();
-    // Handlers run below may ask for the next connection or disconnection; what they subscribe then
-    // waits for that one's outcome. So those who wait for this one are taken out beforehand.
-    const bool disconnect_waits = current == state::disconnecting;
-    const outcome_signal waiting = take_waiting(connect_done_);
-    const outcome_signal overtaken =
-        disconnect_waits ? outcome_signal() : take_waiting(disconnect_done_);
-    if (disconnect_waits) {
+    // Subscribers and handlers called below may ask for the next connection or disconnection; what
+    // they subscribe then waits for that one's outcome.
+    const auto waiting = connect_handlers_.newest();
+    const auto overtaken = disconnect_handlers_.newest();
+    if (current == state::disconnecting) {
         // The attempt's end is what the disconnection was waiting for.
-        waiting.call_impl<void>(code);
+        tell(connect_handlers_, waiting, code);
         request_disconnect();
         return;
     }
     on_state_change(current == state::connecting ? reported : current);
-    waiting.call_impl<void>(code);
-    overtaken.call_impl<void>(error::generic::aborted);
+    tell(connect_handlers_, waiting, code);
+    tell(disconnect_handlers_, overtaken, error::generic::aborted);
 }
 
 void client_impl::on_disconnected(
@@ -280,18 +253,19 @@ void client_impl::on_disconnected(
     const std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>>& withdrawn) {
     if (!tracker.expired()) {
         const state current = get_state();
+        const auto waiting = disconnect_handlers_.newest();
+        const auto overtaken = connect_handlers_.newest();
         const bool connect_waits = current == state::connecting;
-        const outcome_signal waiting = take_waiting(disconnect_done_);
-        const outcome_signal overtaken =
-            connect_waits ? outcome_signal() : take_waiting(connect_done_);
         if (connect_waits) {
             // Before the handlers, so that one that disconnects again finds an attempt to end.
             request_connection();
         } else {
             on_state_change(current == state::disconnecting ? state::disconnected : current);
         }
-        waiting.call_impl<void>(std::error_code());
-        overtaken.call_impl<void>(error::generic::aborted);
+        tell(disconnect_handlers_, waiting, {});
+        if (!connect_waits) {
+            tell(connect_handlers_, overtaken, error::generic::aborted);
+        }
     }
     for (const auto& entry : dropped) {
         const auto ended = invokes_.take(entry.first);
@@ -304,17 +278,16 @@ void client_impl::on_disconnected(
     }
 }
 
-client_impl::outcome_signal client_impl::take_waiting(outcome_signal& sig) {
-    outcome_signal taken;
-    const std::lock_guard<std::mutex> guard(state_lock_);
-    taken = sig;
-    sig = outcome_signal();
-    return taken;
+void client_impl::tell(pending_handlers& waiting, pending_handlers::number last,
+                       const std::error_code& code) {
+    while (const auto handler = waiting.take_oldest(last)) {
+        handler(code);
+    }
 }
 
-void client_impl::on_req_done(outcome_signal& sig, state s, const std::error_code& code) {
+void client_impl::on_req_done(pending_handlers& waiting, state s, const std::error_code& code) {
     on_state_change(s);
-    take_waiting(sig).call_impl<void>(code);
+    tell(waiting, waiting.newest(), code);
 }
 
 void client_impl::on_state_change(state s) {
@@ -398,8 +371,8 @@ void client_impl::cancel() {
         }
     }
     process_task_queue();
-    on_req_done(disconnect_done_, state::disconnected, {});
-    on_req_done(connect_done_, state::disconnected, error::generic::aborted);
+    on_req_done(disconnect_handlers_, state::disconnected, {});
+    on_req_done(connect_handlers_, state::disconnected, error::generic::aborted);
     {
         auto life = std::make_shared<char>('\0');
         // Both at once: a client that is stopped meanwhile must not come to life again.

@@ -123,16 +123,12 @@ void client_impl::stop() noexcept {
     // What the application left pending goes unheard; its captures are destroyed here, outside
     // every lock.
     state_signal changed;
-    outcome_signal connects;
-    outcome_signal disconnects;
     std::shared_ptr<void> connection;
     std::shared_ptr<utils::event_loop::timer> timer;
     std::shared_ptr<const backoff_function> backoff;
     {
         const std::lock_guard<std::mutex> guard(state_lock_);
         std::swap(changed, state_changed_);
-        std::swap(connects, connect_done_);
-        std::swap(disconnects, disconnect_done_);
         connection.swap(connection_token_);
         timer.swap(reconnect_timer_);
         if (reconnection_) {
@@ -147,7 +143,8 @@ void client_impl::stop() noexcept {
     }
     while (invokes_.take_any()) {}
     objects_.take_all();
-    for (auto* handlers : {&add_handlers_, &del_handlers_, &send_handlers_}) {
+    for (auto* handlers : {&connect_handlers_, &disconnect_handlers_, &add_handlers_,
+                           &del_handlers_, &send_handlers_}) {
         while (handlers->take_oldest()) {}
     }
     requests_.take_all();

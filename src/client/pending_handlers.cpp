@@ -12,7 +12,9 @@ pending_handlers::ticket pending_handlers::add(const handler& h) {
     auto shared = std::make_shared<handler>(h);
     const std::weak_ptr<handler> watched = shared;
     const std::lock_guard<std::mutex> guard(lock_);
-    return {watched, handlers_.insert(handlers_.end(), std::move(shared))};
+    const auto position = entries_.insert(entries_.end(), {std::move(shared), newest_ + 1});
+    ++newest_;
+    return {watched, position};
 }
 
 utils::link pending_handlers::link_to(const ticket& t) {
@@ -28,18 +30,23 @@ pending_handlers::handler pending_handlers::take(const ticket& t) {
     if (t.watched.expired()) {
         return nullptr;
     }
-    handler taken = std::move(**t.position);
-    handlers_.erase(t.position);
+    handler taken = std::move(*t.position->function);
+    entries_.erase(t.position);
     return taken;
 }
 
-pending_handlers::handler pending_handlers::take_oldest() {
+pending_handlers::number pending_handlers::newest() const {
     const std::lock_guard<std::mutex> guard(lock_);
-    if (handlers_.empty()) {
+    return newest_;
+}
+
+pending_handlers::handler pending_handlers::take_oldest(number last) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    if (entries_.empty() || entries_.front().no > last) {
         return nullptr;
     }
-    handler taken = std::move(*handlers_.front());
-    handlers_.pop_front();
+    handler taken = std::move(*entries_.front().function);
+    entries_.pop_front();
     return taken;
 }
 

@@ -1,9 +1,12 @@
-/// The completion handlers of operations in flight (add_object, del_object, send).
+/// The completion handlers of what is under way (connect, disconnect, add_object, del_object,
+/// send).
 #pragma once
 
 #include "tarn/client.h"
 #include "tarn/link.h"
 
+#include <cstdint>
+#include <limits>
 #include <list>
 #include <memory>
 #include <mutex>
@@ -18,11 +21,21 @@ namespace tarn {
 class pending_handlers {
 public:
     using handler = client::completion_handler;
+    /// The entries' numbers rise; none has this one.
+    using number = std::uint64_t;
+    static constexpr number any = std::numeric_limits<number>::max();
 
+private:
+    struct entry {
+        std::shared_ptr<handler> function;
+        number no;
+    };
+
+public:
     /// Names one entry, for as long as it exists. The ticket of an empty handler names none.
     struct ticket {
         std::weak_ptr<handler> watched;
-        std::list<std::shared_ptr<handler>>::iterator position;
+        std::list<entry>::iterator position;
     };
 
     pending_handlers() = default;
@@ -38,12 +51,17 @@ public:
     /// Ends the entry and hands out its handler; empty if the entry has ended.
     handler take(const ticket& t);
 
-    /// Ends the oldest entry and hands out its handler; empty when there is none left.
-    handler take_oldest();
+    /// The newest entry's number so far.
+    number newest() const;
+
+    /// Ends the oldest entry and hands out its handler; empty when there is none left, or none that
+    /// is not newer than `last`. Needs no memory.
+    handler take_oldest(number last = any);
 
 private:
-    std::mutex lock_; ///< guards handlers_; nothing else is locked while it is held
-    std::list<std::shared_ptr<handler>> handlers_;
+    mutable std::mutex lock_; ///< guards the two below; nothing else is locked while it is held
+    std::list<entry> entries_;
+    number newest_ = 0;
 };
 
 } // namespace tarn

@@ -5,6 +5,7 @@
 #include "support/allocations.h"
 
 #include <gtest/gtest.h>
+#include <iostream>
 #include <new>
 #include <stdexcept>
 
@@ -50,6 +51,7 @@ std::size_t fail_each_allocation(Operation&& operation, Check&& unchanged) {
             }
             if (!failed) {
                 EXPECT_FALSE(fault.happened());
+                std::cout << nth - 1 << " allocations failed in turn\n";
                 return nth - 1;
             }
         }

@@ -9,6 +9,7 @@
 #include <fcntl.h>
 #include <functional>
 #include <gtest/gtest.h>
+#include <iostream>
 #include <memory>
 #include <poll.h>
 #include <sys/socket.h>
@@ -347,6 +348,7 @@ TEST_F(UbusBehaviour, EverySingleShortageOfMemoryShowsAsAnError) {
         const bool happened = failure.happened();
         ASSERT_NE(went_well, happened) << "at allocation " << nth;
         if (!happened) {
+            std::cout << nth - 1 << " allocations failed in turn\n";
             EXPECT_GT(nth, 4U);
             return;
         }

@@ -20,9 +20,11 @@ namespace tarn::test {
 /// Generous: reached only when a test fails.
 constexpr std::chrono::seconds limit{30};
 
-/// Records every call of a completion handler. Handlers may outlive it.
+/// Records every call of a completion handler. Handlers may outlive it. The first few need no
+/// memory.
 class outcome {
 public:
+    outcome() { codes_->reserve(4); }
     client::completion_handler handler() {
         return [codes = codes_](const std::error_code& code) {
             codes->push_back(code);

@@ -7,6 +7,7 @@
 #include "tarn/uloop.h"
 
 #include <future>
+#include <iostream>
 #include <new>
 
 namespace tarn::test {
@@ -46,6 +47,11 @@ protected:
         return bus().invoke("own", "echo", args(), done.handler(), seconds(0));
     }
 
+    static std::size_t report(std::size_t failed) {
+        std::cout << failed << " allocations failed in turn\n";
+        return failed;
+    }
+
     /// Runs `work` on the loop thread and waits for it.
     template <class Work>
     static void on_loop_thread(Work work) {
@@ -72,7 +78,7 @@ protected:
                 failure.reset();
             });
             if (!happened || ::testing::Test::HasFailure()) {
-                return nth - 1;
+                return report(nth - 1);
             }
         }
     }
@@ -94,7 +100,7 @@ protected:
             }
             EXPECT_EQ(thrown, happened) << "at allocation " << nth;
             if (!happened || ::testing::Test::HasFailure()) {
-                return nth - 1;
+                return report(nth - 1);
             }
         }
     }
@@ -216,6 +222,83 @@ TEST_F(Memory, ConnectingAndDisconnectingAreReportedWhicheverAllocationOfTheLoop
                   connected.code() ? client::state::disconnected : client::state::connected);
     });
     EXPECT_GT(failed, 2U);
+}
+
+TEST_F(Memory, TellingTheOutcomeOfAConnectionNeedsNone) {
+    bus().disconnect({});
+    run_until_state(client::state::disconnected);
+    outcome connected;
+    bus().connect(connected.handler());
+    on_loop_thread([] {}); // connected by now
+    const auto before = allocations();
+    loop()->drain();
+    EXPECT_EQ(allocations(), before);
+    EXPECT_EQ(connected.count(), 1U);
+    EXPECT_FALSE(connected.code());
+}
+
+TEST_F(Memory, AnOutcomeHeldUpWhileSubscribersCannotBeToldIsToldByCancel) {
+    const utils::scoped_link subscriber = bus().notify_on_state_change([](client::state) {});
+    bus().disconnect({});
+    run_until_state(client::state::disconnected);
+    for (std::size_t nth = 1;; ++nth) {
+        outcome connected;
+        bus().connect(connected.handler());
+        on_loop_thread([] {}); // connected by now
+        bool happened = false;
+        {
+            const failing_allocation failure(nth);
+            try {
+                loop()->drain();
+            } catch (const std::bad_alloc&) {
+                happened = true;
+            }
+        }
+        EXPECT_EQ(bus().get_state(), client::state::connected);
+        EXPECT_EQ(connected.count(), happened ? 0U : 1U);
+        bus().cancel();
+        ASSERT_EQ(connected.count(), 1U) << "at allocation " << nth;
+        ASSERT_EQ(connected.code() == make_error_code(error::generic::aborted), happened);
+        ASSERT_EQ(bus().get_state(), client::state::disconnected);
+        if (!happened) {
+            EXPECT_GT(report(nth - 1), 1U);
+            return;
+        }
+    }
+}
+
+TEST_F(Memory, ACancelThatRunsOutOfMemoryMayBeRepeated) {
+    std::size_t failed = 0;
+    for (std::size_t nth = 1;; ++nth) {
+        call_outcome called;
+        outcome added;
+        bus().invoke("own", "keep", {}, called.handler(), seconds(60));
+        bus().add_object("other", methods(), added.handler());
+        bool happened = false;
+        {
+            const failing_allocation failure(nth);
+            try {
+                bus().cancel();
+            } catch (const std::bad_alloc&) {
+                happened = true;
+            }
+        }
+        bus().cancel();
+        ASSERT_EQ(called.count(), 1U) << "at allocation " << nth;
+        ASSERT_EQ(added.count(), 1U) << "at allocation " << nth;
+        ASSERT_EQ(bus().get_state(), client::state::disconnected);
+        kept_.reset();
+        connect();
+        outcome again;
+        bus().add_object("own", methods(), again.handler());
+        run_until([&] { return again.reported(); });
+        ASSERT_FALSE(again.code());
+        if (!happened) {
+            failed = nth - 1;
+            break;
+        }
+    }
+    EXPECT_GT(report(failed), 2U);
 }
 
 } // namespace
