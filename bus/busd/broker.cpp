@@ -27,6 +27,15 @@ std::uint32_t random_u32() {
     return value;
 }
 
+/// The size of what is said about an object to whoever looks it up.
+std::size_t description_size(std::size_t path_size, std::size_t signature_size) {
+    const auto attribute = [](std::size_t payload) {
+        return sizeof(blob_attr) + ((payload + 3) & ~std::size_t{3});
+    };
+    return sizeof(blob_attr) + attribute(path_size + 1) + 2 * attribute(sizeof(std::uint32_t)) +
+           attribute(signature_size);
+}
+
 // A signature goes on to every client that looks the object up: only named tables pass.
 bool valid_signature(const blob_attr* signature) {
     std::size_t left = blob_len(signature);
@@ -240,8 +249,13 @@ void broker::add_object(client& sender, const head& request, const attributes& g
         // Whoever looks a path up is told a type.
         status = UBUS_STATUS_INVALID_ARGUMENT;
     }
-    if (status == UBUS_STATUS_OK && text != nullptr && (path.empty() || paths_.count(path) != 0)) {
-        status = UBUS_STATUS_INVALID_ARGUMENT;
+    if (status == UBUS_STATUS_OK && text != nullptr) {
+        const std::size_t signature_size =
+            type != nullptr ? type->signature.size() : blob_len(signature);
+        if (path.empty() || paths_.count(path) != 0 ||
+            description_size(path.size(), signature_size) > UBUS_MAX_MSGLEN) {
+            status = UBUS_STATUS_INVALID_ARGUMENT;
+        }
     }
     if (status != UBUS_STATUS_OK) {
         reply_status(sender, request, status);

@@ -33,8 +33,9 @@ namespace tarn {
 /// meant for the thread of the application's loop (or any one thread before that loop runs). From
 /// other threads they are memory-safe, but two of them at once may overtake each other.
 ///
-/// Delivery. A handler is called at most once, on the application's loop, and never before the
-/// operation that took it has returned. There are two exceptions: cancel() completes what is
+/// Delivery. A handler is called at most once, on the application's loop, and never inside the
+/// operation that took it. (Where another thread calls the operation, the handler may run before it
+/// has returned there.) There are two exceptions: cancel() completes what is
 /// outstanding on its caller's thread, and state subscribers are called on the thread that changes
 /// the state: the loop's for what comes from the bus, the caller's for connect(), auto_connect(),
 /// disconnect() and cancel(). Results produced before the application's first request of the bus,

@@ -27,6 +27,7 @@
 #include "client/request_table.h"
 #include "tarn/client.h"
 #include "tarn/misc.h"
+#include "tarn/uloop.h"
 
 #include <array>
 #include <atomic>
@@ -41,6 +42,7 @@
 #include <string>
 #include <sys/types.h>
 #include <thread>
+#include <utility>
 
 namespace tarn {
 
@@ -99,25 +101,31 @@ private:
     // dispatch.cpp: the traffic between the two sides
     void post(const std::function<void()>& task);
     void post_to_uloop(std::function<void()>&& task);
+    void post_ready(uloop::ready_task task) noexcept;
     template <class Task>
     void post_from_uloop(Task task);
     void queue_from_uloop(std::function<void()>&& task);
     template <class Work>
     void with_reserve(const Work& work);
     void schedule_task(std::function<void()>&& task);
+    void request_drain();
+    void post_drain();
     void process_task_queue();
     std::weak_ptr<void> get_tracker() const;
     std::weak_ptr<void> connection_tracker() const;
-    utils::link report_later(const completion_handler& handler, const std::error_code& code);
+    template <class Handler, class... Args>
+    utils::link report_later(const Handler& handler, const Args&... args);
 
     // connection.cpp: the application's side of the connection
     void disable_auto_connect();
     void connect_impl();
+    void reconnect();
     void request_connection();
     void request_disconnect();
     void on_connect_result(state reported, const std::error_code& code);
     void on_disconnected(const std::weak_ptr<void>& tracker, const request_table::entries& dropped,
                          const std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>>& withdrawn);
+    void on_torn_down();
     void on_state_change(state s);
     void announce(state s);
     void arm_reconnection();
@@ -147,6 +155,7 @@ private:
                        const std::weak_ptr<invoke_ctx>& ctx);
     void cancel_invoke(const std::shared_ptr<ubus_request>& request,
                        const std::weak_ptr<invoke_ctx>& ctx);
+    void abort_later(const std::shared_ptr<ubus_request>& request) noexcept;
     void abort_sync(const std::shared_ptr<ubus_request>& request);
     static void invoke_req_data_handler(ubus_request* request, int type, blob_attr* msg);
     static void invoke_req_done_handler(ubus_request* request, int status);
@@ -155,7 +164,7 @@ private:
     void add_object_sync(const std::weak_ptr<object_ctx>& object, const ticket& entry);
     std::error_code register_object(ubus_context* bus,
                                     const std::shared_ptr<ubus_object_ctx>& records);
-    void del_object_sync(const std::shared_ptr<object_ctx>& object, bool stop_serving,
+    void del_object_sync(std::shared_ptr<object_ctx> object, bool stop_serving,
                          const ticket& entry);
     std::error_code unregister_object(const std::shared_ptr<ubus_object_ctx>& records,
                                       bool stop_serving);
@@ -165,14 +174,15 @@ private:
     void dispatch_call(const std::string& method, const std::shared_ptr<incoming_call>& call,
                        std::multimap<std::string, blob::attr>& args,
                        const std::shared_ptr<ubus_object_ctx>& records);
-    void refuse_call(const std::shared_ptr<incoming_call>& call,
-                     const std::shared_ptr<ubus_object_ctx>& records);
+    void complete_call(const std::shared_ptr<incoming_call>& call, const std::error_code& status,
+                       const std::weak_ptr<void>& connection,
+                       const std::shared_ptr<ubus_object_ctx>& refused_by = nullptr) noexcept;
+    void complete_sync(const call_completion& completion);
+    std::shared_ptr<incoming_call> make_call(const ubus_request_data& request,
+                                             ubus_object_ctx& records);
     void send_sync(const std::weak_ptr<void>& connection,
                    const std::shared_ptr<ubus_request_data>& request,
                    const std::multimap<std::string, blob::attr>& data, const ticket& entry);
-    void complete_sync(const std::weak_ptr<void>& connection,
-                       const std::shared_ptr<ubus_request_data>& request,
-                       const std::error_code& status);
     static int method_callable(ubus_context* context, ubus_object* object,
                                ubus_request_data* request, const char* method, blob_attr* msg);
 
@@ -189,14 +199,17 @@ private:
     /// Present while there is a connection, or an attempt at one, to tear down. What belongs to an
     /// earlier connection is tied to that one's token and falls silent with it.
     std::shared_ptr<void> connection_token_;
+    /// Ends that connection; made with it, so that no shortage of memory keeps a lost one alive.
+    uloop::ready_task teardown_;
     /// Every task handed to the application's loop is tied to it; null while cancel() runs and
     /// after the end.
     std::shared_ptr<void> life_token_;
     std::shared_ptr<utils::event_loop::timer> reconnect_timer_;
 
-    std::mutex task_lock_; ///< guards task_queue_
+    std::mutex task_lock_; ///< guards the two below; nothing else is locked while it is held
     /// A list, since taking it whole must not allocate: a drain that fails is not asked for again.
     std::list<std::function<void()>> task_queue_;
+    bool drain_requested_ = false; ///< the application's loop has been asked to empty the queue
 
     invoke_table invokes_;
     object_table objects_;
@@ -206,7 +219,7 @@ private:
     pending_handlers del_handlers_;
     pending_handlers send_handlers_;
 
-    /// Guards delivery_waits_ and stopped_. Never held together with task_lock_; the application's
+    /// Guards delivery_waits_ and stopped_. The application's
     /// event_loop::post is called with it held, so that clearing the flag and asking for the drain
     /// are one step.
     std::mutex delivery_lock_;
@@ -229,6 +242,7 @@ private:
     /// could catch the exception.
     std::unique_ptr<memory_reserve> reserve_ = std::make_unique<memory_reserve>();
 
+    uloop::ready_task last_task_; ///< ends the loop thread
     std::promise<void> loop_ended_;
     std::thread loop_thread_;
     const pid_t owner_; ///< the process whose loop thread this is; a forked child has none
@@ -252,6 +266,22 @@ void client_impl::with_reserve(const Work& work) {
     }
 }
 
+/// Has `handler` called with `args` on the application's loop, never inside this call.
+template <class Handler, class... Args>
+utils::link client_impl::report_later(const Handler& handler, const Args&... args) {
+    if (!handler) {
+        return {};
+    }
+    auto [report, pending] = misc::link_handler(handler, false);
+    try {
+        schedule_task([report = std::move(report), args...] { report(args...); });
+    } catch (...) {
+        pending.release(); // it may be in the queue already
+        throw;
+    }
+    return pending;
+}
+
 /// Queues a result for the application's loop. The loop thread only.
 template <class Task>
 void client_impl::post_from_uloop(Task task) {
@@ -265,7 +295,7 @@ void client_impl::post_from_uloop(Task task) {
 /// answered.
 class client_impl::exchange_ctx final : public client::exchange_ctx {
 public:
-    exchange_ctx(client_impl& owner, const std::shared_ptr<ubus_request_data>& request,
+    exchange_ctx(client_impl& owner, const std::shared_ptr<incoming_call>& call,
                  std::multimap<std::string, blob::attr>&& arguments);
     ~exchange_ctx() override;
 
@@ -279,7 +309,7 @@ private:
     const std::weak_ptr<void> tracker_;
     mutable std::mutex lock_;        ///< guards the two below, so that two answers cannot both win
     std::weak_ptr<void> connection_; ///< emptied when the call is completed
-    std::shared_ptr<ubus_request_data> request_; ///< emptied when the call is completed
+    std::shared_ptr<incoming_call> call_; ///< emptied when the call is completed
 };
 
 } // namespace tarn

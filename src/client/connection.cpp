@@ -4,7 +4,9 @@
 
 #include "tarn/error.h"
 
+#include <exception>
 #include <limits>
+#include <new>
 #include <utility>
 
 namespace tarn {
@@ -54,9 +56,14 @@ utils::link client_impl::notify_on_state_change(const state_handler& handler) {
     }
     const auto shared = std::make_shared<state_handler>(handler);
     const std::lock_guard<std::mutex> guard(state_lock_);
-    const utils::link slot = state_changed_.connect([shared](state s) { (*shared)(s); });
-    return aggregate_adapter<utils::link>(
-        std::make_shared<state_subscription>(state_lock_, shared, slot));
+    utils::link slot = state_changed_.connect([shared](state s) { (*shared)(s); });
+    try {
+        return aggregate_adapter<utils::link>(
+            std::make_shared<state_subscription>(state_lock_, shared, slot));
+    } catch (...) {
+        slot.release();
+        throw;
+    }
 }
 
 utils::link client_impl::subscribe(pending_handlers& waiting, const completion_handler& handler) {
@@ -75,7 +82,7 @@ utils::link client_impl::connect(const completion_handler& handler) {
         return subscribe(connect_handlers_, handler);
     }
     if (is_active()) {
-        return report_later(handler, {});
+        return report_later(handler, std::error_code());
     }
     utils::link pending = subscribe(connect_handlers_, handler);
     try {
@@ -94,7 +101,7 @@ utils::link client_impl::disconnect(const completion_handler& handler) {
     }
     const state current = get_state();
     if (current == state::disconnected) {
-        return report_later(handler, {});
+        return report_later(handler, std::error_code());
     }
     utils::link pending = subscribe(disconnect_handlers_, handler);
     try {
@@ -166,6 +173,14 @@ void client_impl::connect_impl() {
     }
 }
 
+void client_impl::reconnect() {
+    try {
+        connect_impl();
+    } catch (const std::bad_alloc&) {
+        arm_reconnection(); // one more attempt that has failed
+    }
+}
+
 void client_impl::request_connection() {
     auto tracker = get_tracker();
     if (tracker.expired()) {
@@ -173,9 +188,12 @@ void client_impl::request_connection() {
     }
     auto token = std::make_shared<char>('\0');
     const std::weak_ptr<void> connection = token;
+    uloop::ready_task teardown;
+    teardown.emplace_back([this, tracker] { disconnect_sync(tracker); });
     {
         const std::lock_guard<std::mutex> guard(state_lock_);
         connection_token_ = std::move(token);
+        teardown_.swap(teardown);
     }
     // Both the report and the task that carries it are tied: an attempt that cancel() has overtaken
     // says nothing, wherever it has got to.
@@ -196,6 +214,7 @@ void client_impl::request_connection() {
         state_ = before;
         const std::lock_guard<std::mutex> guard(state_lock_);
         connection_token_.reset();
+        teardown_.clear();
         throw;
     }
     if (before != state::connecting) {
@@ -205,11 +224,11 @@ void client_impl::request_connection() {
 
 void client_impl::request_disconnect() {
     std::shared_ptr<void> token;
-    std::weak_ptr<void> tracker;
+    uloop::ready_task teardown;
     {
         const std::lock_guard<std::mutex> guard(state_lock_);
         token.swap(connection_token_);
-        tracker = life_token_;
+        teardown.swap(teardown_);
     }
     if (!token) {
         return;
@@ -217,14 +236,7 @@ void client_impl::request_disconnect() {
     state before = get_state();
     while (before != state::disconnected &&
            !state_.compare_exchange_weak(before, state::disconnecting)) {}
-    try {
-        post_to_uloop([this, tracker] { disconnect_sync(tracker); });
-    } catch (...) {
-        state_ = before;
-        const std::lock_guard<std::mutex> guard(state_lock_);
-        connection_token_ = std::move(token);
-        throw;
-    }
+    post_ready(std::move(teardown));
     token.reset();
     if (before != state::disconnected && before != state::disconnecting) {
         announce(state::disconnecting);
@@ -239,7 +251,12 @@ void client_impl::on_connect_result(state reported, const std::error_code& code)
     const auto overtaken = disconnect_handlers_.newest();
     if (current == state::disconnecting) {
         // The attempt's end is what the disconnection was waiting for.
-        tell(connect_handlers_, waiting, code);
+        try {
+            tell(connect_handlers_, waiting, code);
+        } catch (...) {
+            request_disconnect();
+            throw;
+        }
         request_disconnect();
         return;
     }
@@ -251,30 +268,55 @@ void client_impl::on_connect_result(state reported, const std::error_code& code)
 void client_impl::on_disconnected(
     const std::weak_ptr<void>& tracker, const request_table::entries& dropped,
     const std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>>& withdrawn) {
+    // A handler that throws must not strand the others, whose operations nobody else would end.
+    std::exception_ptr thrown;
+    const auto guarded = [&thrown](const auto& step) {
+        try {
+            step();
+        } catch (...) {
+            thrown = thrown ? thrown : std::current_exception();
+        }
+    };
     if (!tracker.expired()) {
-        const state current = get_state();
-        const auto waiting = disconnect_handlers_.newest();
-        const auto overtaken = connect_handlers_.newest();
-        const bool connect_waits = current == state::connecting;
-        if (connect_waits) {
-            // Before the handlers, so that one that disconnects again finds an attempt to end.
-            request_connection();
-        } else {
-            on_state_change(current == state::disconnecting ? state::disconnected : current);
-        }
-        tell(disconnect_handlers_, waiting, {});
-        if (!connect_waits) {
-            tell(connect_handlers_, overtaken, error::generic::aborted);
-        }
+        guarded([this] { on_torn_down(); });
     }
     for (const auto& entry : dropped) {
-        const auto ended = invokes_.take(entry.first);
-        if (ended && ended->handler) {
-            ended->handler({}, error::msg::connection_failed);
-        }
+        guarded([&] {
+            const auto ended = invokes_.take(entry.first);
+            if (ended && ended->handler) {
+                ended->handler({}, error::msg::connection_failed);
+            }
+        });
     }
     for (const auto& entry : withdrawn) {
         objects_.take(entry.first);
+    }
+    if (thrown) {
+        std::rethrow_exception(thrown);
+    }
+}
+
+void client_impl::on_torn_down() {
+    const state current = get_state();
+    const auto waiting = disconnect_handlers_.newest();
+    const auto overtaken = connect_handlers_.newest();
+    bool reconnecting = current == state::connecting;
+    std::error_code no_connection = error::generic::aborted;
+    if (reconnecting) {
+        // Before the handlers, so that one that disconnects again finds an attempt to end.
+        try {
+            request_connection();
+        } catch (const std::bad_alloc&) {
+            reconnecting = false;
+            no_connection = error::generic::unknown_error;
+        }
+    }
+    if (!reconnecting) {
+        on_state_change(current == state::connected ? current : state::disconnected);
+    }
+    tell(disconnect_handlers_, waiting, {});
+    if (!reconnecting) {
+        tell(connect_handlers_, overtaken, no_connection);
     }
 }
 
@@ -346,6 +388,7 @@ void client_impl::arm_reconnection() {
 }
 
 void client_impl::cancel() {
+    auto next_life = std::make_shared<char>('\0');
     disable_auto_connect();
     {
         std::shared_ptr<void> life;
@@ -374,16 +417,20 @@ void client_impl::cancel() {
     on_req_done(disconnect_handlers_, state::disconnected, {});
     on_req_done(connect_handlers_, state::disconnected, error::generic::aborted);
     {
-        auto life = std::make_shared<char>('\0');
         // Both at once: a client that is stopped meanwhile must not come to life again.
         const std::lock_guard<std::mutex> delivery_guard(delivery_lock_);
         if (stopped_) {
             return;
         }
         const std::lock_guard<std::mutex> guard(state_lock_);
-        life_token_ = std::move(life);
+        life_token_ = std::move(next_life);
     }
-    post([this] { process_task_queue(); });
+    {
+        // One that was requested before is tied to the former life.
+        const std::lock_guard<std::mutex> guard(task_lock_);
+        drain_requested_ = true;
+    }
+    post_drain();
 }
 
 } // namespace tarn

@@ -46,38 +46,63 @@ void client_impl::post_to_uloop(std::function<void()>&& task) {
     uloop::get_instance().post(std::move(task));
 }
 
-void client_impl::queue_from_uloop(std::function<void()>&& task) {
-    bool was_empty = false;
-    with_reserve([&] {
-        const std::lock_guard<std::mutex> guard(task_lock_);
-        was_empty = task_queue_.empty();
-        task_queue_.push_back(std::move(task));
-    });
-    if (was_empty) {
-        with_reserve([this] {
-            const std::lock_guard<std::mutex> guard(delivery_lock_);
-            if (!delivery_waits_) {
-                post([this] { process_task_queue(); });
-            }
-        });
+void client_impl::post_ready(uloop::ready_task task) noexcept {
+    try {
+        const std::lock_guard<std::mutex> guard(delivery_lock_);
+        if (stopped_) {
+            return;
+        }
+        uloop::get_instance().post(std::move(task));
+        if (delivery_waits_) {
+            post([this] { process_task_queue(); });
+            delivery_waits_ = false;
+        }
+    } catch (...) {
+        // No memory to ask for a drain: the next request does. Or the loop thread has failed.
     }
 }
 
+void client_impl::queue_from_uloop(std::function<void()>&& task) {
+    with_reserve([&] {
+        const std::lock_guard<std::mutex> guard(task_lock_);
+        task_queue_.push_back(std::move(task));
+    });
+    with_reserve([this] {
+        const std::lock_guard<std::mutex> guard(delivery_lock_);
+        if (!delivery_waits_) {
+            request_drain();
+        }
+    });
+}
+
 void client_impl::schedule_task(std::function<void()>&& task) {
-    bool drain = false;
     {
         const std::lock_guard<std::mutex> guard(task_lock_);
-        drain = task_queue_.empty();
         task_queue_.push_back(std::move(task));
     }
-    if (!drain) {
-        // A queue that fills up while delivery waits has no drain on its way; the task must not
-        // wait with it for a request that may never come.
-        const std::lock_guard<std::mutex> guard(delivery_lock_);
-        drain = delivery_waits_;
+    // Also while delivery waits: the task must not wait with it for a request that may never come.
+    request_drain();
+}
+
+void client_impl::request_drain() {
+    {
+        const std::lock_guard<std::mutex> guard(task_lock_);
+        if (drain_requested_ || task_queue_.empty()) {
+            return;
+        }
+        drain_requested_ = true;
     }
-    if (drain) {
+    post_drain();
+}
+
+void client_impl::post_drain() {
+    // The flag is set already: a drain that runs at once, on another thread, takes it back.
+    try {
         post([this] { process_task_queue(); });
+    } catch (...) {
+        const std::lock_guard<std::mutex> guard(task_lock_);
+        drain_requested_ = false;
+        throw;
     }
 }
 
@@ -86,22 +111,13 @@ void client_impl::process_task_queue() {
     {
         const std::lock_guard<std::mutex> guard(task_lock_);
         batch.swap(task_queue_);
+        drain_requested_ = false;
     }
     while (!batch.empty()) {
         const auto task = std::move(batch.front());
         batch.pop_front();
         task();
     }
-}
-
-utils::link client_impl::report_later(const completion_handler& handler,
-                                      const std::error_code& code) {
-    if (!handler) {
-        return {};
-    }
-    auto wrapped = misc::link_handler(handler, false);
-    schedule_task([report = std::move(wrapped.first), code] { report(code); });
-    return wrapped.second;
 }
 
 } // namespace tarn

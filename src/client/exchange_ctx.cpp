@@ -22,13 +22,13 @@ std::size_t reply_size(const blob::buf& data) {
 } // namespace
 
 client_impl::exchange_ctx::exchange_ctx(client_impl& owner,
-                                        const std::shared_ptr<ubus_request_data>& request,
+                                        const std::shared_ptr<incoming_call>& call,
                                         std::multimap<std::string, blob::attr>&& arguments)
     : client::exchange_ctx(std::move(arguments))
     , client_(owner)
     , tracker_(owner.get_tracker())
     , connection_(owner.connection_tracker())
-    , request_(request) {}
+    , call_(call) {}
 
 client_impl::exchange_ctx::~exchange_ctx() {
     exchange_ctx::respond(error::msg::success);
@@ -50,7 +50,7 @@ utils::link client_impl::exchange_ctx::send(std::multimap<std::string, blob::att
         const std::lock_guard<std::mutex> guard(lock_);
         if (!connection_.expired() && client_.is_active()) {
             connection = connection_;
-            request = request_;
+            request = {call_, &call_->request};
         }
     }
     if (!request) {
@@ -70,25 +70,16 @@ utils::link client_impl::exchange_ctx::send(std::multimap<std::string, blob::att
 
 void client_impl::exchange_ctx::respond(const std::error_code& status) {
     std::weak_ptr<void> connection;
-    std::shared_ptr<ubus_request_data> request;
+    std::shared_ptr<incoming_call> call;
     {
         const std::lock_guard<std::mutex> guard(lock_);
         if (connection_.expired() || !client_.is_active()) {
             return;
         }
         connection.swap(connection_);
-        request.swap(request_);
+        call.swap(call_);
     }
-    try {
-        client_.post_to_uloop([&client = client_, connection, request, status] {
-            client.complete_sync(connection, request, status);
-        });
-    } catch (...) {
-        const std::lock_guard<std::mutex> guard(lock_);
-        connection_.swap(connection);
-        request_.swap(request);
-        throw;
-    }
+    client_.complete_call(call, status, connection);
 }
 
 void client_impl::send_sync(const std::weak_ptr<void>& connection,
@@ -122,12 +113,33 @@ void client_impl::send_sync(const std::weak_ptr<void>& connection,
     });
 }
 
-void client_impl::complete_sync(const std::weak_ptr<void>& connection,
-                                const std::shared_ptr<ubus_request_data>& request,
-                                const std::error_code& status) {
+void client_impl::complete_call(const std::shared_ptr<incoming_call>& call,
+                                const std::error_code& status,
+                                const std::weak_ptr<void>& connection,
+                                const std::shared_ptr<ubus_object_ctx>& refused_by) noexcept {
+    // Taken from the call, which the task is to keep alive: it must not keep itself.
+    const auto completion = std::move(call->completion);
+    completion->call = call;
+    completion->status = status;
+    completion->connection = connection;
+    completion->refused_by = refused_by;
+    post_ready(std::move(call->complete));
+}
+
+void client_impl::complete_sync(const call_completion& completion) {
     ubus_context* const bus = usable_bus();
-    if (bus != nullptr && !connection.expired()) {
-        ubus_complete_deferred_request(bus, request.get(), to_ubus_msg_status(status));
+    if (bus == nullptr) {
+        return;
+    }
+    // A refusal comes from somebody who has not settled the call: the loop thread may have done so
+    // meanwhile.
+    const bool heard = completion.refused_by
+                           ? ubus_objects_.count(&completion.refused_by->object) != 0 &&
+                                 !completion.call->settled.exchange(true)
+                           : !completion.connection.expired();
+    if (heard) {
+        ubus_complete_deferred_request(bus, &completion.call->request,
+                                       to_ubus_msg_status(completion.status));
     }
 }
 

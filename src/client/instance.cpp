@@ -72,7 +72,11 @@ client_impl::client_impl(const std::weak_ptr<utils::event_loop>& loop)
     if (loop.use_count() == 0) {
         throw std::runtime_error(prefix_ + "Missing/expired event loop");
     }
-    reconnect_timer_->set_handler([this] { connect_impl(); });
+    reconnect_timer_->set_handler([this] { reconnect(); });
+    last_task_.emplace_back([this] {
+        release_bus();
+        uloop::get_instance().exit();
+    });
     start_loop_thread();
 }
 
@@ -109,10 +113,7 @@ void client_impl::stop() noexcept {
         life.swap(life_token_);
     }
     auto ended = loop_ended_.get_future();
-    uloop::get_instance().post([this] {
-        release_bus();
-        uloop::get_instance().exit();
-    });
+    uloop::get_instance().post(std::move(last_task_));
     if (ended.wait_for(end_limit) != std::future_status::ready) {
         loop_thread_.detach();
         return;
@@ -130,6 +131,7 @@ void client_impl::stop() noexcept {
         const std::lock_guard<std::mutex> guard(state_lock_);
         std::swap(changed, state_changed_);
         connection.swap(connection_token_);
+        teardown_.clear();
         timer.swap(reconnect_timer_);
         if (reconnection_) {
             backoff.swap(reconnection_->backoff);

@@ -26,12 +26,8 @@ utils::link client_impl::invoke(const std::string& path, const std::string& meth
                                 const result_handler& handler,
                                 const std::chrono::seconds& timeout) {
     if (get_tracker().expired()) {
-        if (!handler) {
-            return {};
-        }
-        auto wrapped = misc::link_handler(handler, false);
-        schedule_task([report = std::move(wrapped.first)] { report({}, error::generic::aborted); });
-        return wrapped.second;
+        return report_later(handler, std::list<blob::attr>(),
+                            make_error_code(error::generic::aborted));
     }
 
     const auto request = std::make_shared<ubus_request>();
@@ -150,9 +146,11 @@ void client_impl::invoke_req_data_handler(ubus_request* request, int /*type*/, b
         }
         std::list<blob::attr> reply;
         self.with_reserve([&] {
-            blob::attr value;
-            value.set<std::multimap<std::string, blob::attr>>(std::move(table));
-            reply.push_back(std::move(value));
+            if (reply.empty()) {
+                reply.emplace_back();
+            }
+            // Takes the table only when there is memory to hold it.
+            reply.front().set<std::multimap<std::string, blob::attr>>(std::move(table));
         });
         self.post_from_uloop([&self, reply = std::move(reply), status, record]() mutable {
             self.invokes_.add_reply(record.get(), std::move(reply), status);
@@ -194,7 +192,7 @@ void client_impl::expire_invoke(const std::shared_ptr<ubus_request>& request,
     if (!ended) {
         return;
     }
-    post_to_uloop([this, record] { abort_sync(record); });
+    abort_later(record);
     if (ended->handler) {
         ended->handler({}, error::msg::timeout);
     }
@@ -203,7 +201,16 @@ void client_impl::expire_invoke(const std::shared_ptr<ubus_request>& request,
 void client_impl::cancel_invoke(const std::shared_ptr<ubus_request>& request,
                                 const std::weak_ptr<invoke_ctx>& ctx) {
     if (invokes_.take(request.get(), ctx)) {
+        abort_later(request);
+    }
+}
+
+void client_impl::abort_later(const std::shared_ptr<ubus_request>& request) noexcept {
+    try {
         post_to_uloop([this, request] { abort_sync(request); });
+    } catch (...) {
+        // No memory. The record stays with libubus until it is answered or the connection ends;
+        // nobody hears of either.
     }
 }
 

@@ -3,23 +3,42 @@
 
 #include "bus.h"
 #include "tarn/client.h"
+#include "tarn/uloop.h"
 
 #include <atomic>
 #include <cstddef>
+#include <functional>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <vector>
 
 namespace tarn {
+
+struct incoming_call;
+struct ubus_object_ctx;
+
+/// How a call ends. Filled in when that is known.
+struct call_completion {
+    std::shared_ptr<incoming_call> call;
+    std::error_code status;
+    std::weak_ptr<void> connection; ///< nobody hears of it any more when this has expired
+    /// Of a call that nobody has settled: the object that refuses it, while it is published.
+    std::shared_ptr<ubus_object_ctx> refused_by;
+};
 
 /// A call that has arrived for an object. Whoever settles it decides its answer: the application's
 /// loop by handing it to a method handler, or the loop thread by refusing it.
 struct incoming_call {
     ubus_request_data request; ///< libubus's record of the deferred request
     std::atomic<bool> settled{false};
+    /// The task that completes the call, and what it works on: made with the call, so that no
+    /// shortage of memory leaves the caller without an answer. For the application's side.
+    uloop::ready_task complete;
+    std::shared_ptr<call_completion> completion;
 };
 
 /// The libubus records of one object, kept together so that every pointer handed to libubus stays
@@ -31,7 +50,8 @@ struct ubus_object_ctx {
     ubus_object_type type{};
     std::vector<ubus_method> methods;
     std::list<std::vector<blobmsg_policy>> policies;
-    std::map<std::string, client::method_policy> method_policies;
+    /// Looked up by what libubus passes, without a copy of it.
+    std::map<std::string, client::method_policy, std::less<>> method_policies;
     /// Calls on their way to the application's loop, and some that have been settled. The loop
     /// thread only.
     std::vector<std::weak_ptr<incoming_call>> calls;

@@ -78,24 +78,6 @@ void tidy_calls(ubus_object_ctx& records) {
     }
 }
 
-/// The record of a deferred call, listed with its object; null when memory has run out.
-std::shared_ptr<incoming_call> make_call(const ubus_request_data& request,
-                                         ubus_object_ctx& records) {
-    tidy_calls(records);
-    try {
-        auto call = std::make_shared<incoming_call>();
-        call->request = request;
-        // These belong to libubus and die with its callback.
-        call->request.acl = {};
-        call->request.fd = -1;
-        call->request.req_fd = -1;
-        records.calls.push_back(call);
-        return call;
-    } catch (const std::bad_alloc&) {
-        return nullptr;
-    }
-}
-
 } // namespace
 
 utils::link client_impl::add_object(const std::string& name, const method_map& methods,
@@ -193,23 +175,29 @@ utils::link client_impl::del_object(const std::string& name, bool stop_serving,
     if (get_tracker().expired()) {
         return report_later(handler, error::generic::aborted);
     }
-    const auto object = objects_.begin_removal(name, stop_serving);
-    if (!object) {
-        return report_later(handler, error::msg::not_found);
-    }
+    // Everything that can fail comes before the removal begins.
     const ticket entry = del_handlers_.add(handler);
     try {
         utils::link pending = del_handlers_.link_to(entry);
-        post_to_uloop(
-            [this, object, stop_serving, entry] { del_object_sync(object, stop_serving, entry); });
-        return pending;
+        const auto target = std::make_shared<std::shared_ptr<object_ctx>>();
+        uloop::ready_task task;
+        task.emplace_back([this, target, stop_serving, entry] {
+            del_object_sync(std::move(*target), stop_serving, entry);
+        });
+        *target = objects_.begin_removal(name, stop_serving);
+        if (*target) {
+            post_ready(std::move(task));
+            return pending;
+        }
     } catch (...) {
         del_handlers_.take(entry);
         throw;
     }
+    del_handlers_.take(entry);
+    return report_later(handler, make_error_code(error::msg::not_found));
 }
 
-void client_impl::del_object_sync(const std::shared_ptr<object_ctx>& object, bool stop_serving,
+void client_impl::del_object_sync(std::shared_ptr<object_ctx> object, bool stop_serving,
                                   const ticket& entry) {
     std::error_code status;
     try {
@@ -217,7 +205,8 @@ void client_impl::del_object_sync(const std::shared_ptr<object_ctx>& object, boo
     } catch (const std::bad_alloc&) {
         status = error::msg::no_memory;
     }
-    post_from_uloop([this, status, object, entry] {
+    // Handed on, since the application's handlers die with it: on the application's loop.
+    post_from_uloop([this, status, object = std::move(object), entry] {
         objects_.take(&object->ubus_ctx->object);
         if (const auto handler = del_handlers_.take(entry)) {
             handler(status);
@@ -232,7 +221,7 @@ std::error_code client_impl::unregister_object(const std::shared_ptr<ubus_object
     ubus_context* const bus = usable_bus();
     if (registered) {
         // Kept until the connection ends unless libubus has let go of it: it may still look there.
-        retired_objects_.push_back(records);
+        with_reserve([&] { retired_objects_.push_back(records); });
         ubus_objects_.erase(entry);
     }
     if (bus == nullptr) {
@@ -283,22 +272,37 @@ int client_impl::on_call(ubus_object* object, ubus_request_data* request, const 
         return answer_method_not_found;
     }
     std::multimap<std::string, blob::attr> args;
+    std::shared_ptr<incoming_call> call;
     try {
         const method_policy& policy = found->second;
         args = policy.empty() ? blob::utils::to_table(msg) : blob::utils::to_table(msg, policy);
+        call = make_call(*request, *records);
     } catch (const std::exception&) {
-        return to_ubus_msg_status(error::msg::parse_error);
+        return to_ubus_msg_status(error::msg::parse_error); // or out of memory, which looks alike
     }
-    const auto call = make_call(*request, *records);
-    if (!call) {
-        return answer_unknown_error;
-    }
-    post_from_uloop([this, name = found->first, call, args = std::move(args), records]() mutable {
+    // The name is kept by the records.
+    post_from_uloop([this, &name = found->first, call, args = std::move(args), records]() mutable {
         dispatch_call(name, call, args, records);
     });
     // Last, so that a call that could not be handed on is answered with the error.
     request->deferred = true;
     return 0;
+}
+
+std::shared_ptr<incoming_call> client_impl::make_call(const ubus_request_data& request,
+                                                      ubus_object_ctx& records) {
+    tidy_calls(records);
+    auto call = std::make_shared<incoming_call>();
+    call->request = request;
+    // These belong to libubus and die with its callback.
+    call->request.acl = {};
+    call->request.fd = -1;
+    call->request.req_fd = -1;
+    call->completion = std::make_shared<call_completion>();
+    call->complete.emplace_back(
+        [this, completion = call->completion] { complete_sync(*completion); });
+    records.calls.push_back(call);
+    return call;
 }
 
 void client_impl::dispatch_call(const std::string& method,
@@ -307,27 +311,26 @@ void client_impl::dispatch_call(const std::string& method,
                                 const std::shared_ptr<ubus_object_ctx>& records) {
     const auto object = objects_.find_active(&records->object);
     if (!object) {
-        post_to_uloop([this, call, records] { refuse_call(call, records); });
+        complete_call(call, error::msg::not_found, {}, records);
         return;
     }
     if (call->settled.exchange(true)) {
         return;
     }
-    const std::shared_ptr<ubus_request_data> request(call, &call->request);
-    const auto ctx = std::make_shared<exchange_ctx>(*this, request, std::move(args));
-    const auto found = object->handlers.find(method);
-    if (found != object->handlers.end() && found->second) {
-        const method_handler handler = found->second;
-        handler(ctx);
+    std::shared_ptr<exchange_ctx> ctx;
+    method_handler handler;
+    try {
+        const auto found = object->handlers.find(method);
+        if (found != object->handlers.end()) {
+            handler = found->second;
+        }
+        ctx = std::make_shared<exchange_ctx>(*this, call, std::move(args));
+    } catch (const std::bad_alloc&) {
+        complete_call(call, error::msg::no_memory, connection_tracker());
+        return;
     }
-}
-
-void client_impl::refuse_call(const std::shared_ptr<incoming_call>& call,
-                              const std::shared_ptr<ubus_object_ctx>& records) {
-    ubus_context* const bus = usable_bus();
-    if (bus != nullptr && ubus_objects_.count(&records->object) != 0 &&
-        !call->settled.exchange(true)) {
-        ubus_complete_deferred_request(bus, &call->request, answer_not_found);
+    if (handler) {
+        handler(ctx);
     }
 }
 

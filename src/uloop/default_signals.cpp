@@ -25,10 +25,14 @@ void act_as_default(int signo) {
     ::raise(signo); // delivered when this returns
 }
 
-/// Installs `wanted` where `expected` is in place. What somebody else has put there goes back at
-/// once: exchanging and looking afterwards leaves no moment in which it could be missed.
+/// Installs `wanted` where `expected` is in place, and touches nothing else: a signal that comes at
+/// that moment is the application's. What the application installs between the look and the
+/// exchange goes back at once.
 void exchange(int signo, void (*expected)(int), const struct sigaction& wanted) {
     struct sigaction found {};
+    if (::sigaction(signo, nullptr, &found) != 0 || found.sa_handler != expected) {
+        return;
+    }
     ::sigaction(signo, &wanted, &found);
     if (found.sa_handler != expected) {
         ::sigaction(signo, &found, nullptr);

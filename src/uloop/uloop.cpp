@@ -103,6 +103,12 @@ void uloop::post(std::function<void()>&& task) {
     queue_.push_back(std::move(task));
 }
 
+void uloop::post(ready_task&& task) {
+    const std::lock_guard<std::recursive_mutex> guard(lock_);
+    notify();
+    queue_.splice(queue_.end(), task);
+}
+
 void uloop::notify() {
     const std::lock_guard<std::recursive_mutex> guard(lock_);
     if (!queue_.empty() || exiting_ || !running_) {

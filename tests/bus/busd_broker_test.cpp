@@ -218,6 +218,23 @@ TEST_F(BusdBroker, APathNeedsAType) {
     EXPECT_EQ(last_status(service), 2u);
 }
 
+TEST_F(BusdBroker, RefusesAnObjectThatCouldNotBeDescribed) {
+    // The path fills the description up to the limit, or one byte beyond it.
+    const wire::bytes type = wire::one_method("m");
+    const std::size_t others = 4 + 2 * 8 + type.size() + 4;
+    caller.reads = true;
+    for (const bool fits : {true, false}) {
+        const std::string path(limit - others - (fits ? 1 : 0), 'p');
+        ASSERT_TRUE(
+            send(service, wire::message(wire::add_object, 1, 0, wire::objpath(path) + type)));
+        EXPECT_EQ(last_status(service), fits ? 0U : 2U);
+        ASSERT_TRUE(send(caller, wire::message(wire::lookup, 2, 0, {})));
+        const auto answers = caller.take();
+        ASSERT_EQ(answers.size(), 2U) << "the first object, and the status";
+        EXPECT_LE(answers[0].raw.size(), limit + 8);
+    }
+}
+
 TEST_F(BusdBroker, OnlyTheOwnerRemovesAnObject) {
     const std::uint32_t id = publish("demo");
     ASSERT_TRUE(send(caller, wire::message(wire::remove_object, 1, 0, wire::objid(id))));

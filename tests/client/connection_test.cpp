@@ -5,7 +5,9 @@
 
 #include <gmock/gmock.h>
 
+#include <array>
 #include <csignal>
+#include <stdexcept>
 #include <sys/wait.h>
 #include <thread>
 #include <unistd.h>
@@ -423,6 +425,51 @@ TEST_F(Connection, AConnectAskedForDuringCancelIsAborted) {
     EXPECT_EQ(during.code(), make_error_code(error::generic::aborted));
     EXPECT_EQ(bus().get_state(), state::disconnected);
     utils::link(link).release();
+}
+
+TEST_F(Connection, AConnectThatAnAbortedConnectAsksForWaitsForTheNextOutcome) {
+    outcome again;
+    bus().connect([&](const std::error_code&) { bus().connect(again.handler()); });
+    bus().cancel();
+    EXPECT_EQ(again.count(), 0U);
+    connect();
+    EXPECT_EQ(again.count(), 1U);
+    EXPECT_FALSE(again.code());
+}
+
+TEST_F(Connection, AHandlerThatThrowsAtALossLeavesNoCallWithoutItsReport) {
+    connect();
+    std::vector<std::shared_ptr<client::exchange_ctx>> open;
+    bus().add_object("own", {{"hold", {[&](const auto& context) { open.push_back(context); }, {}}}},
+                     {});
+    std::array<call_outcome, 3> called;
+    for (auto& each : called) {
+        bus().invoke("own", "hold", {}, each.handler(), std::chrono::seconds(0));
+    }
+    bus().invoke(
+        "own", "hold", {},
+        [](const std::list<blob::attr>&, const std::error_code&) {
+            throw std::runtime_error("a result handler's");
+        },
+        std::chrono::seconds(0));
+    run_until([&] { return open.size() == called.size() + 1; });
+    bus().disconnect([](const std::error_code&) { throw std::runtime_error("a disconnect's"); });
+    EXPECT_THROW(run_until([&] { return called[2].reported(); }), std::runtime_error);
+    run_until_state(state::disconnected);
+    for (const auto& each : called) {
+        EXPECT_EQ(each.count(), 1U);
+        EXPECT_EQ(each.code(), make_error_code(error::msg::connection_failed));
+    }
+}
+
+TEST_F(Connection, AConnectHandlerThatThrowsDoesNotHoldUpADisconnect) {
+    bus().connect([](const std::error_code&) { throw std::runtime_error("a connect's"); });
+    outcome disconnected;
+    bus().disconnect(disconnected.handler());
+    EXPECT_THROW(run_until([&] { return disconnected.reported(); }), std::runtime_error);
+    run_until([&] { return disconnected.reported(); });
+    EXPECT_FALSE(disconnected.code());
+    EXPECT_EQ(bus().get_state(), state::disconnected);
 }
 
 /// Remembers the dispositions of the signals that libubox is interested in.

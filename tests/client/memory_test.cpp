@@ -19,7 +19,9 @@ using context = std::shared_ptr<client::exchange_ctx>;
 
 class Memory : public client_on_bus_test {
 protected:
-    void SetUp() override {
+    void SetUp() override { publish(); }
+
+    void publish() {
         connect();
         outcome added;
         bus().add_object("own", methods(), added.handler());
@@ -27,13 +29,32 @@ protected:
         ASSERT_FALSE(added.code());
     }
 
+    /// Runs what waits for the application's loop with the `nth` allocation failing. Whether it was
+    /// reached; what of it passed through the loop is caught.
+    static bool drain_with_failure(std::size_t nth) {
+        const failing_allocation failure(nth);
+        try {
+            loop()->drain();
+        } catch (const std::bad_alloc&) {
+            // What a subscriber's copy, or a handler, may do.
+        }
+        return failure.happened();
+    }
+
     void TearDown() override {
         kept_.reset();
         client_on_bus_test::TearDown();
     }
 
+    /// Too long for a std::string to hold in itself.
+    static constexpr const char* echo_method = "echo_what_was_given_to_me";
+
     client::method_map methods() {
-        return {{"echo", {[](const context& ctx) { ctx->send(ctx->args, {}); }, {}}},
+        return {{echo_method,
+                 {[this](const context& ctx) {
+                      ctx->send(ctx->args, [this](const std::error_code& code) { sent_ = code; });
+                  },
+                  {}}},
                 {"keep", {[this](const context& ctx) { kept_ = ctx; }, {}}}};
     }
 
@@ -44,7 +65,7 @@ protected:
     }
 
     static utils::link echo(call_outcome& done) {
-        return bus().invoke("own", "echo", args(), done.handler(), seconds(0));
+        return bus().invoke("own", echo_method, args(), done.handler(), seconds(0));
     }
 
     static std::size_t report(std::size_t failed) {
@@ -106,13 +127,14 @@ protected:
     }
 
     context kept_;
+    std::error_code sent_; ///< what became of the last echo's reply
 };
 
 TEST_F(Memory, InvokeThrowsAndHasNotBegun) {
     call_outcome done;
     const auto handler = done.handler();
     const auto failed =
-        fail_each_here([&] { bus().invoke("own", "echo", args(), handler, seconds(60)); });
+        fail_each_here([&] { bus().invoke("own", echo_method, args(), handler, seconds(60)); });
     EXPECT_GT(failed, 10U);
     run_until([&] { return done.reported(); });
     EXPECT_FALSE(done.code());
@@ -130,6 +152,33 @@ TEST_F(Memory, AddObjectThrowsAndHasNotBegun) {
     EXPECT_FALSE(added.code()) << "the name was not taken by one that threw";
     loop()->drain();
     EXPECT_EQ(added.count(), 1U);
+}
+
+TEST_F(Memory, DelObjectThrowsAndHasNotBegun) {
+    outcome removed;
+    const auto handler = removed.handler();
+    const auto failed = fail_each_here([&] { bus().del_object("own", true, handler); });
+    EXPECT_GT(failed, 5U);
+    run_until([&] { return removed.reported(); });
+    EXPECT_FALSE(removed.code()) << "it was still there for the one that did not throw";
+    loop()->drain();
+    EXPECT_EQ(removed.count(), 1U);
+}
+
+TEST_F(Memory, WhatIsReportedLaterThrowsAndIsNotReportedThen) {
+    outcome removed;
+    const auto handler = removed.handler();
+    const auto failed = fail_each_here([&] { bus().del_object("nothing", true, handler); });
+    EXPECT_GT(failed, 5U);
+    run_until([&] { return removed.reported(); });
+    EXPECT_EQ(removed.code(), msg::not_found);
+    loop()->drain();
+    EXPECT_EQ(removed.count(), 1U);
+    // And results still find their way.
+    call_outcome done;
+    echo(done);
+    run_until([&] { return done.reported(); });
+    EXPECT_FALSE(done.code());
 }
 
 TEST_F(Memory, SendThrowsAndHasNotBegun) {
@@ -160,8 +209,18 @@ TEST_F(Memory, ACallIsReportedWhicheverAllocationOfTheLoopThreadFails) {
                     done.code() == make_error_code(msg::connection_failed) ||
                     done.code() == make_error_code(msg::unknown_error))
             << done.code().message();
+        if (!done.code()) {
+            EXPECT_EQ(done.replies().size(), sent_ ? 0U : 1U);
+            for (const auto& reply : done.replies()) {
+                EXPECT_EQ(reply.get<blob::table>().size(), args().size()) << "not cut short";
+            }
+        }
         loop()->drain();
         EXPECT_EQ(done.count(), 1U);
+        if (done.code() == make_error_code(msg::connection_failed)) {
+            run_until_state(client::state::disconnected);
+            publish();
+        }
     });
     EXPECT_GT(failed, 10U);
 }
@@ -245,15 +304,7 @@ TEST_F(Memory, AnOutcomeHeldUpWhileSubscribersCannotBeToldIsToldByCancel) {
         outcome connected;
         bus().connect(connected.handler());
         on_loop_thread([] {}); // connected by now
-        bool happened = false;
-        {
-            const failing_allocation failure(nth);
-            try {
-                loop()->drain();
-            } catch (const std::bad_alloc&) {
-                happened = true;
-            }
-        }
+        const bool happened = drain_with_failure(nth);
         EXPECT_EQ(bus().get_state(), client::state::connected);
         EXPECT_EQ(connected.count(), happened ? 0U : 1U);
         bus().cancel();
@@ -262,6 +313,96 @@ TEST_F(Memory, AnOutcomeHeldUpWhileSubscribersCannotBeToldIsToldByCancel) {
         ASSERT_EQ(bus().get_state(), client::state::disconnected);
         if (!happened) {
             EXPECT_GT(report(nth - 1), 1U);
+            return;
+        }
+    }
+}
+
+TEST_F(Memory, ALostConnectionIsNoticedAllTheSame) {
+    for (std::size_t nth = 1;; ++nth) {
+        daemon_.kill9();
+        while (bus().get_state() == client::state::connected) {
+            ASSERT_TRUE(loop()->wait_for_task(limit));
+            const bool happened = drain_with_failure(nth);
+            if (!happened && bus().get_state() != client::state::connected) {
+                EXPECT_GE(report(nth - 1), 0U);
+                return;
+            }
+        }
+        run_until_state(client::state::disconnected);
+        daemon_.start();
+        ASSERT_NO_FATAL_FAILURE(publish());
+    }
+}
+
+TEST_F(Memory, AutomaticReconnectionGoesOnAfterAnAttemptThatCouldNotBeginForWantOfMemory) {
+    bus().cancel();
+    daemon_.kill9();
+    const utils::scoped_link on = bus().auto_connect([](long long) { return seconds(1); });
+    std::size_t nth = 1;
+    for (bool happened = true; happened; ++nth) {
+        run_until([] { return !loop()->armed_timers().empty(); });
+        const failing_allocation failure(nth);
+        try {
+            loop()->advance(seconds(1));
+        } catch (const std::bad_alloc&) {
+            ADD_FAILURE() << "out of the timer, at allocation " << nth;
+        }
+        happened = failure.happened();
+        ASSERT_LT(nth, 100U);
+    }
+    EXPECT_GT(report(nth - 2), 5U);
+    EXPECT_TRUE(on.active());
+    daemon_.start();
+    for (int attempts = 0; bus().get_state() != client::state::connected; ++attempts) {
+        ASSERT_LT(attempts, 10);
+        run_until([] { return bus().is_active() || !loop()->armed_timers().empty(); });
+        loop()->advance(seconds(1));
+        on_loop_thread([] {});
+        loop()->drain();
+    }
+}
+
+TEST_F(Memory, ReleasingALinkNeverThrowsAndATimeLimitIsAlwaysTold) {
+    for (std::size_t nth = 1; nth < 6; ++nth) {
+        call_outcome released;
+        call_outcome limited;
+        utils::link link = bus().invoke("own", "keep", {}, released.handler(), seconds(0));
+        bus().invoke("own", "keep", {}, limited.handler(), seconds(5));
+        {
+            const failing_allocation failure(nth);
+            EXPECT_NO_THROW(link.release());
+        }
+        {
+            const failing_allocation failure(nth);
+            EXPECT_NO_THROW(loop()->advance(seconds(5)));
+        }
+        EXPECT_FALSE(link.active());
+        EXPECT_EQ(limited.count(), 1U);
+        EXPECT_EQ(limited.code(), msg::timeout);
+        on_loop_thread([] {});
+        loop()->drain();
+        EXPECT_EQ(released.count(), 0U);
+    }
+}
+
+TEST_F(Memory, EveryCallThatIsServedIsAnswered) {
+    for (std::size_t nth = 1;; ++nth) {
+        call_outcome done;
+        bus().invoke("own", "keep", {}, done.handler(), seconds(0));
+        on_loop_thread([] {}); // sent
+        ASSERT_TRUE(loop()->run_until([] { return loop()->wait_for_task(limit); }, limit));
+        const bool happened = drain_with_failure(nth);
+        const bool kept = kept_ != nullptr;
+        {
+            const failing_allocation failure(1);
+            kept_.reset(); // answers
+        }
+        run_until([&] { return done.reported(); });
+        EXPECT_EQ(done.code(),
+                  kept ? make_error_code(msg::success) : make_error_code(msg::unknown_error));
+        if (!happened && kept) {
+            EXPECT_GE(report(nth - 1), 1U);
             return;
         }
     }
@@ -288,11 +429,7 @@ TEST_F(Memory, ACancelThatRunsOutOfMemoryMayBeRepeated) {
         ASSERT_EQ(added.count(), 1U) << "at allocation " << nth;
         ASSERT_EQ(bus().get_state(), client::state::disconnected);
         kept_.reset();
-        connect();
-        outcome again;
-        bus().add_object("own", methods(), again.handler());
-        run_until([&] { return again.reported(); });
-        ASSERT_FALSE(again.code());
+        ASSERT_NO_FATAL_FAILURE(publish());
         if (!happened) {
             failed = nth - 1;
             break;

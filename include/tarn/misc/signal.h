@@ -82,8 +82,12 @@ public:
             std::weak_ptr<slot> slot_;
         };
 
-        const auto position = slots_.insert(slots_.end(), std::make_shared<slot>(f));
-        return aggregate_adapter<utils::link>(std::make_shared<link_ctx>(slots_, position));
+        // Connected last, so that a slot never stays without a link when memory runs out.
+        slot_list added{std::make_shared<slot>(f)};
+        const auto link =
+            aggregate_adapter<utils::link>(std::make_shared<link_ctx>(slots_, added.begin()));
+        slots_.splice(slots_.end(), added);
+        return link;
     }
 
     /// Emits: calls every slot, in order, each with `args`. For signals whose slots return nothing.
