@@ -272,14 +272,14 @@ utils::link client_impl::report_later(const Handler& handler, const Args&... arg
     if (!handler) {
         return {};
     }
-    auto [report, pending] = misc::link_handler(handler, false);
+    auto wrapped = misc::link_handler(handler, false);
     try {
-        schedule_task([report = std::move(report), args...] { report(args...); });
+        schedule_task([report = std::move(wrapped.first), args...] { report(args...); });
     } catch (...) {
-        pending.release(); // it may be in the queue already
+        wrapped.second.release(); // it may be in the queue already
         throw;
     }
-    return pending;
+    return wrapped.second;
 }
 
 /// Queues a result for the application's loop. The loop thread only.
