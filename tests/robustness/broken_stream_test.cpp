@@ -52,7 +52,7 @@ enum class place { instead, ahead, behind };
 class broken_stream_test : public misbehaving_bus_test,
                            public ::testing::WithParamInterface<std::tuple<broken_bytes, place>> {
 protected:
-    void break_at(wire::type moment) {
+    void break_at(wire::type moment, overtaken how) {
         const auto& [bytes, where] = GetParam();
         // What the healthy answer has settled by then. A call needs more than the look-up's.
         outcomes expected = broken_at(moment);
@@ -66,28 +66,46 @@ protected:
                 expected.removal = done;
             }
         }
+        if (how == overtaken::by_reconnection) {
+            // disconnect() may or may not have overtaken it.
+            expected.first_send.reset();
+        }
         const auto react = [raw = bytes.raw, at = where](const wire::bytes& healthy,
                                                          const wire::received&) {
             return answer{at == place::instead ? raw
                           : at == place::ahead ? raw + healthy
                                                : healthy + raw};
         };
-        ASSERT_NO_FATAL_FAILURE(play(moment, react, expected));
-        ASSERT_NO_FATAL_FAILURE(expect_loss());
+        ASSERT_NO_FATAL_FAILURE(play(moment, react, expected, how));
+        if (how == overtaken::by_reconnection) {
+            ASSERT_NO_FATAL_FAILURE(disconnect());
+            expected.first_send = operations_->first_send_code();
+            EXPECT_FALSE(expected.first_send.value_or(code()));
+        } else {
+            ASSERT_NO_FATAL_FAILURE(expect_loss());
+        }
         ASSERT_NO_FATAL_FAILURE(expect_recovery());
         operations_->expect(expected);
+    }
+
+    void break_everywhere(overtaken how) {
+        for (int round = 0; round < rounds(1); ++round) {
+            for (const auto moment :
+                 {wire::data, wire::lookup, wire::invoke, wire::add_object, wire::remove_object}) {
+                SCOPED_TRACE(moment);
+                ASSERT_NO_FATAL_FAILURE(break_at(moment, how));
+            }
+        }
+        expect_recovery_on_daemon();
     }
 };
 
 TEST_P(broken_stream_test, EndsTheConnectionAndWhatIsUnderWay) {
-    for (int round = 0; round < rounds(1); ++round) {
-        for (const auto moment :
-             {wire::data, wire::lookup, wire::invoke, wire::add_object, wire::remove_object}) {
-            SCOPED_TRACE(moment);
-            ASSERT_NO_FATAL_FAILURE(break_at(moment));
-        }
-    }
-    expect_recovery_on_daemon();
+    break_everywhere(overtaken::by_nothing);
+}
+
+TEST_P(broken_stream_test, EndsTheConnectionAndWhatIsUnderWayWithAReconnection) {
+    break_everywhere(overtaken::by_reconnection);
 }
 
 std::string broken_name(const ::testing::TestParamInfo<std::tuple<broken_bytes, place>>& info) {

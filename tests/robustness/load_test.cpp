@@ -43,6 +43,7 @@ TEST_F(Load, NoCallIsLostWithManyCallersAndOneThatNeverReads) {
     const int callers = in_full() ? 50 : 8;
     const int calls = in_full() ? 1000 : 200;
     child_process never_reads({TARN_TEST_NEVER_READS, std::to_string(calls)});
+    never_reads.wait_for_line("never_reads: sent");
     const auto begin = clock::now();
     std::vector<std::unique_ptr<child_process>> processes;
     for (int i = 0; i < callers; ++i) {
@@ -55,7 +56,6 @@ TEST_F(Load, NoCallIsLostWithManyCallersAndOneThatNeverReads) {
         EXPECT_EQ(process->wait(), 0);
     }
     const long took = milliseconds_since(begin);
-    never_reads.wait_for_line("never_reads: sent");
     std::cout << callers << " processes, " << calls << " calls each, 100 in flight: " << took
               << " ms, " << 1000L * callers * calls / std::max(took, 1L) << " calls/s\n";
 }
@@ -93,6 +93,7 @@ void call_in_vain(int calls, mute_counts& counts) {
 
 TEST_F(Load, EveryCallToAMuteServiceTimesOutOnce) {
     const int calls = in_full() ? 100000 : 5000;
+    count_every_malloc();
     const loop_thread loop;
     // The first few make what is made once.
     mute_counts warm_up;
@@ -101,6 +102,7 @@ TEST_F(Load, EveryCallToAMuteServiceTimesOutOnce) {
     loop_thread::disconnect();
     loop_thread::run([] {});
     const held_memory before = memory_held();
+    const long malloc_before = malloc_bytes();
     {
         mute_counts counts;
         ASSERT_FALSE(loop_thread::connect());
@@ -118,9 +120,12 @@ TEST_F(Load, EveryCallToAMuteServiceTimesOutOnce) {
     }
     loop_thread::run([] {});
     const held_memory after = memory_held();
+    const long malloc_after = malloc_bytes();
     std::cout << "memory: " << before.blocks << " blocks of " << before.bytes << " bytes before, "
-              << after.blocks << " of " << after.bytes << " after\n";
+              << after.blocks << " of " << after.bytes << " after; malloc in all " << malloc_before
+              << " before, " << malloc_after << " after\n";
     EXPECT_TRUE(back_at_its_level(before, after));
+    EXPECT_LE(malloc_after - malloc_before, malloc_tolerance);
 }
 
 } // namespace

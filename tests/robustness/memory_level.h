@@ -14,6 +14,16 @@ inline bool back_at_its_level(const held_memory& before, const held_memory& afte
     return after.bytes - before.bytes <= 64 * 1024 && after.blocks - before.blocks <= 500;
 }
 
+/// What malloc() keeps for the next time in its own lists counts as handed out, some KiB a thread.
+constexpr long malloc_tolerance = 256 * 1024;
+
+/// To be called before there are threads: they then share one arena, which malloc_bytes() counts.
+inline void count_every_malloc() {
+#ifdef __GLIBC__
+    ::mallopt(M_ARENA_MAX, 1);
+#endif
+}
+
 /// What malloc() has handed out altogether, libubus's memory included; 0 where that cannot be told
 /// (under a sanitizer, or without glibc).
 inline long malloc_bytes() {

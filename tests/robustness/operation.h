@@ -13,7 +13,7 @@ namespace tarn::test {
 struct tally {
     std::atomic<long> started{0};
     std::atomic<long> run{0};      ///< the handler ran, once
-    std::atomic<long> released{0}; ///< the handler did not run, and the link was released
+    std::atomic<long> released{0}; ///< the handler did not run, and an active link was released
     std::atomic<long> unheard{0};  ///< neither
     std::atomic<long> twice{0};    ///< the handler ran more than once
     std::atomic<long> late{0};     ///< it ran although the loop's thread had released it before
@@ -40,13 +40,6 @@ public:
     operation(const operation&) = delete;
     operation& operator=(const operation&) = delete;
 
-    /// The operation was refused with an exception: it never was.
-    void forget() {
-        released_ = true;
-        --counts_.started;
-        --counts_.released;
-    }
-
     /// To be called by the handler, on the loop's thread.
     void handled() {
         if (silenced_) {
@@ -55,7 +48,8 @@ public:
         ++runs_;
     }
 
-    bool ended() const { return runs_ != 0 || released_; }
+    /// Whether the handler has run, or nobody waits for it any more.
+    bool ended() const { return runs_ != 0 || given_up_; }
 
     /// Releases the operation's link. On the loop's thread, where handlers run, a handler that has
     /// not run yet must never run afterwards.
@@ -63,7 +57,11 @@ public:
         if (on_loop && runs_ == 0) {
             silenced_ = true;
         }
-        released_ = true;
+        given_up_ = true;
+        // One that is inactive already has a handler that has begun, or one that was lost.
+        if (link.active()) {
+            released_ = true;
+        }
         try {
             link.release();
         } catch (const std::exception&) {
@@ -74,6 +72,7 @@ public:
 private:
     tally& counts_;
     std::atomic<int> runs_{0};
+    std::atomic<bool> given_up_{false};
     std::atomic<bool> released_{false};
     std::atomic<bool> silenced_{false};
 };

@@ -79,20 +79,64 @@ TEST_P(closing_bus_test, EndsWhatIsUnderWayWithAReconnection) {
     expect_recovery_on_daemon();
 }
 
-TEST_P(closing_bus_test, EndsWhatIsUnderWayAtEveryByteOfTheAnswer) {
-    const std::size_t length = answer_length();
+/// The same inside an answer.
+class cut_answer_test : public closing_bus_test {
+protected:
+    void close_at_every_byte(overtaken how) {
+        const std::size_t length = answer_length();
+        ASSERT_GT(length, 0U);
+        for (int round = 0; round < rounds(1); ++round) {
+            for (std::size_t cut = 0; cut < length && !HasFatalFailure(); ++cut) {
+                SCOPED_TRACE(cut);
+                close_in_round(cut, how);
+            }
+        }
+        expect_recovery_on_daemon();
+    }
+};
+
+TEST_P(cut_answer_test, EndsWhatIsUnderWayAtEveryByte) {
+    close_at_every_byte(overtaken::by_nothing);
+}
+
+TEST_P(cut_answer_test, EndsWhatIsUnderWayAtEveryByteWithAReconnection) {
+    close_at_every_byte(overtaken::by_reconnection);
+}
+
+TEST_F(scripted_bus_test, ACallOfTheClientsObjectThatIsCutAtAnyByteEndsWhatIsUnderWay) {
+    std::size_t length = 1;
     for (int round = 0; round < rounds(1); ++round) {
         for (std::size_t cut = 0; cut < length && !HasFatalFailure(); ++cut) {
             SCOPED_TRACE(cut);
-            close_in_round(cut, overtaken::by_nothing);
+            const auto call_cut_short = [&](const wire::bytes&, const wire::received&) {
+                wire::bytes call =
+                    scripted_bus::call_message(1, wire::objid(scripted_.newest_object()) +
+                                                      wire::method("serve") + wire::data_of({}));
+                length = call.size();
+                call.resize(cut);
+                return answer{call, afterwards::hang_up};
+            };
+            const outcomes expected = broken_at(wire::data);
+            ASSERT_NO_FATAL_FAILURE(play(wire::data, call_cut_short, expected));
+            ASSERT_NO_FATAL_FAILURE(expect_loss());
+            ASSERT_NO_FATAL_FAILURE(expect_recovery());
+            operations_->expect(expected);
         }
     }
+    EXPECT_GT(length, 12U);
     expect_recovery_on_daemon();
 }
 
 INSTANTIATE_TEST_SUITE_P(On, closing_bus_test,
                          ::testing::Values(moment{"Reply", wire::data},
                                            moment{"Lookup", wire::lookup},
+                                           moment{"Invoke", wire::invoke},
+                                           moment{"AddObject", wire::add_object},
+                                           moment{"RemoveObject", wire::remove_object}),
+                         moment_name);
+
+INSTANTIATE_TEST_SUITE_P(On, cut_answer_test,
+                         ::testing::Values(moment{"Lookup", wire::lookup},
                                            moment{"Invoke", wire::invoke},
                                            moment{"AddObject", wire::add_object},
                                            moment{"RemoveObject", wire::remove_object}),

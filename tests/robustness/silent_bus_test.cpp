@@ -102,6 +102,7 @@ TEST_P(silent_bus_test, EndsAReconnectionThatWaitsForIt) {
         ASSERT_NO_FATAL_FAILURE(disconnect());
         ASSERT_NO_FATAL_FAILURE(expect_recovery());
         expected.first_send = operations_->first_send_code();
+        EXPECT_FALSE(expected.first_send.value_or(code()));
         operations_->expect(expected);
     }
     expect_recovery_on_daemon();

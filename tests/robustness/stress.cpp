@@ -386,6 +386,7 @@ void stress::settle() {
 } // namespace
 
 void run_stress(const stress_options& options, stress_counts& counts) {
+    count_every_malloc();
     bus_daemon daemon;
     stress work(counts, daemon);
     // Once round, so that everything that is made once has been made.
@@ -408,7 +409,9 @@ bool invariants_hold(const stress_counts& counts) {
     };
     return sound(counts.calls, 0) && sound(counts.objects, 0) &&
            sound(counts.sends, counts.sends.started) && counts.limited_left == 0 &&
-           back_at_its_level(counts.before, counts.after);
+           counts.objects.run > 0 && counts.sends.run > 0 && counts.completed_calls > 0 &&
+           back_at_its_level(counts.before, counts.after) &&
+           counts.malloc_after - counts.malloc_before <= malloc_tolerance;
 }
 
 std::ostream& operator<<(std::ostream& out, const stress_counts& counts) {

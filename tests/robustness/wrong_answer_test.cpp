@@ -101,6 +101,8 @@ protected:
         if (how == overtaken::by_reconnection) {
             expected.first_send = operations_->first_send_code();
             expected.last_send = operations_->last_send_code();
+            EXPECT_FALSE(expected.first_send.value_or(code()));
+            EXPECT_FALSE(expected.last_send.value_or(code()));
         }
         operations_->expect(expected);
     }
@@ -256,6 +258,8 @@ TEST_F(wrong_answer_test, OfUndecodableDataIsAnEmptyReply) {
         ASSERT_EQ(operations_->call().replies().size(), 1U);
         EXPECT_TRUE(operations_->call().reply().empty());
         ASSERT_NO_FATAL_FAILURE(disconnect());
+        ASSERT_NO_FATAL_FAILURE(expect_recovery());
+        operations_->expect(call_ends_with(error::msg::parse_error));
     }
     expect_recovery_on_daemon();
 }
