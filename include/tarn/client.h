@@ -177,8 +177,9 @@ public:
                                    const completion_handler& handler) = 0;
 
     /// Withdraws the object called `name`. With `stop_serving` true, calls that arrive while the
-    /// removal is under way are answered msg::not_found; with false they are still served.
-    /// `handler` gets success, or
+    /// removal is under way are answered msg::not_found; with false they still reach their
+    /// handlers, but once the object is gone the bus passes on no answer of it, and their callers
+    /// wait for their own time limits. `handler` gets success, or
     ///   msg::not_found             no such object here (or it is being removed already), or it was
     ///                              never registered with the bus;
     ///   msg::connection_failed     not connected; the object is forgotten all the same;
@@ -222,8 +223,9 @@ public:
     /// success when the reply was handed to the bus, or
     ///   msg::connection_failed     the context has expired;
     ///   msg::parse_error           `data` cannot be encoded (an empty attr);
-    ///   msg::invalid_argument      the encoded reply exceeds the bus limit of 1,048,576 bytes; it
-    ///                              is not sent and the call stays open;
+    ///   msg::invalid_argument      the encoded reply exceeds the bus limit of 1,048,576 bytes, or
+    ///                              libubox has no memory to make it longer; it is not sent and
+    ///                              the call stays open;
     ///   msg::no_response           writing to the bus failed;
     ///   msg::no_memory             memory ran out on the private thread;
     ///   generic::aborted           client::cancel() ended it.

@@ -68,6 +68,10 @@ void client_impl::invoke_sync(const std::string& path, const std::string& method
         status = error::msg::no_memory;
     }
     if (!status) {
+        if (ctx.expired()) {
+            // Over already, and whoever ended it may have asked for the abort before this came.
+            abort_sync(request);
+        }
         return;
     }
     request->priv = nullptr;

@@ -6,6 +6,7 @@
 #include "tarn/error.h"
 #include "tarn/uloop.h"
 
+#include <future>
 #include <gtest/gtest.h>
 
 namespace tarn::test {
@@ -43,6 +44,27 @@ TEST_F(BusConnection, OneThatCannotBeWrittenToIsLostWithTheNextObject) {
     EXPECT_EQ(added.code(), msg::connection_failed);
     run_until_state(client::state::disconnected);
     connect();
+}
+
+TEST_F(BusConnection, ACallThatIsOverBeforeItIsSentIsNotKept) {
+    outcome added;
+    std::shared_ptr<client::exchange_ctx> kept;
+    bus().add_object("own", {{"hold", {[&](const auto& context) { kept = context; }, {}}}},
+                     added.handler());
+    run_until([&] { return added.reported(); });
+    // As when a time limit below zero passes between a worker's two steps of making a call.
+    std::promise<bool> listed;
+    uloop::get_instance().post([&] {
+        auto& self = client_impl::get_instance(loop());
+        const auto request = std::make_shared<ubus_request>();
+        std::weak_ptr<invoke_ctx> over;
+        self.abort_sync(request);
+        self.invoke_sync("own", "hold", {}, request, over);
+        listed.set_value(self.requests_.find(request.get()) != nullptr);
+    });
+    EXPECT_FALSE(listed.get_future().get());
+    run_until([&] { return kept != nullptr; });
+    kept.reset();
 }
 
 } // namespace
