@@ -1,6 +1,7 @@
 /// Publishing objects, serving calls, and withdrawing objects.
 #include "client/client_fixture.h"
 
+#include "support/scripted_bus.h"
 #include "tarn/error.h"
 
 #include <gmock/gmock.h>
@@ -247,12 +248,47 @@ TEST_F(RemovalUnderCalls, WithStopServingACallThatHasArrivedIsAnsweredNotFound) 
     EXPECT_EQ(done.code(), make_error_code(msg::not_found));
 }
 
-TEST_F(RemovalUnderCalls, WithoutStopServingACallThatHasArrivedReachesTheHandler) {
+TEST_F(RemovalUnderCalls, WithoutStopServingACallThatHasArrivedReachesTheHandlerAndNobodyElse) {
     ASSERT_FALSE(add("own", counting()));
     call_outcome done;
     arrive(done);
-    bus().del_object("own", false, {});
-    run_until([&] { return served_ == 1; });
+    outcome removed;
+    bus().del_object("own", false, removed.handler());
+    run_until([&] { return served_ == 1 && removed.reported(); });
+    // The answer comes after the removal, and the bus passes it on to nobody.
+    EXPECT_EQ(remove("own"), make_error_code(msg::not_found));
+    EXPECT_EQ(done.count(), 0U);
+}
+
+/// What the bus is told of an object.
+using PublishedDescription = client_test;
+
+TEST_F(PublishedDescription, NamesMethodsInOrderAndTheirFieldsInTheOrderOfThePolicy) {
+    constexpr std::uint8_t table = 2;
+    constexpr std::uint8_t int32 = 5;
+    scripted_bus bus_seen;
+    wire::bytes signature;
+    bus_seen.on_next(wire::add_object, [&](const auto& healthy, const auto& request) {
+        signature = request.attribute(6);
+        return scripted_bus::answer{healthy};
+    });
+    outcome added;
+    bus().connect({});
+    bus().add_object(
+        "own",
+        {{"b",
+          {{}, {{"z", typeid(std::string)}, {"a", typeid(unsigned int)}, {"a", typeid(bool)}}}},
+         {"a", {}}},
+        added.handler());
+    run_until([&] { return added.reported(); });
+    EXPECT_FALSE(added.code());
+    const auto argument = [](const char* name, std::uint8_t type) {
+        return wire::field(int32, name, {0, 0, 0, type});
+    };
+    EXPECT_EQ(
+        wire::hex(signature),
+        wire::hex(wire::field(table, "a", {}) +
+                  wire::field(table, "b", argument("a", 5) + argument("a", 7) + argument("z", 3))));
 }
 
 TEST_F(Object, DelObjectWhileDisconnectedReportsConnectionFailedAndForgetsTheObject) {

@@ -12,6 +12,9 @@
 ///   stopped PID  stops the bus daemon PID, looks whether time limits and cancel() still work while
 ///                the private thread waits for it, prints "ending: exit" and calls exit()
 ///
+///   loop         destroys the loop while a result is still to come, which ends the process by
+///                SIGABRT
+///
 /// The exit status is 7 when all went well.
 #include "tarn/client.h"
 #include "tarn/error.h"
@@ -334,10 +337,30 @@ void end_with_stopped_daemon(const std::string& pid) {
     std::exit(good);
 }
 
+[[noreturn]] void outlive_the_loop() {
+    auto mortal = std::make_shared<tarn::loops::epoll_loop>();
+    auto& client = tarn::client::get_instance(mortal);
+    client.connect([&mortal](const std::error_code& code) {
+        if (code) {
+            fail("cannot connect");
+        }
+        mortal->stop();
+    });
+    mortal->run();
+    mortal.reset();
+    client.invoke("nobody", "answers", {}, {}, 0s);
+    for (;;) {
+        ::pause();
+    }
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
     const std::string way = argc > 1 ? argv[1] : "";
+    if (way == "loop") {
+        outlive_the_loop();
+    }
     bus();
     if (way == "main" || way == "return") {
         end_in_main(way == "return");

@@ -80,6 +80,11 @@ TEST_F(ProcessEnd, ForkedChildrenExitWhileThreadsWork) {
     ends("fork");
 }
 
+TEST_F(ProcessEnd, ComesAtOnceWhenTheLoopDiesBeforeTheClient) {
+    child_process process({TARN_TEST_ENDING, "loop"});
+    EXPECT_EQ(process.wait(), 128 + SIGABRT);
+}
+
 TEST_F(ProcessEnd, ComesWithinFiveSecondsWhileTheDaemonIsStopped) {
     child_process process({TARN_TEST_ENDING, "stopped", std::to_string(daemon_.pid())});
     const auto number_in = [](const std::string& line) {
