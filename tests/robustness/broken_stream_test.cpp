@@ -66,26 +66,13 @@ protected:
                 expected.removal = done;
             }
         }
-        if (how == overtaken::by_reconnection) {
-            // disconnect() may or may not have overtaken it.
-            expected.first_send.reset();
-        }
         const auto react = [raw = bytes.raw, at = where](const wire::bytes& healthy,
                                                          const wire::received&) {
             return answer{at == place::instead ? raw
                           : at == place::ahead ? raw + healthy
                                                : healthy + raw};
         };
-        ASSERT_NO_FATAL_FAILURE(play(moment, react, expected, how));
-        if (how == overtaken::by_reconnection) {
-            ASSERT_NO_FATAL_FAILURE(disconnect());
-            expected.first_send = operations_->first_send_code();
-            EXPECT_FALSE(expected.first_send.value_or(code()));
-        } else {
-            ASSERT_NO_FATAL_FAILURE(expect_loss());
-        }
-        ASSERT_NO_FATAL_FAILURE(expect_recovery());
-        operations_->expect(expected);
+        play_to_the_end(moment, react, expected, how);
     }
 
     void break_everywhere(overtaken how) {

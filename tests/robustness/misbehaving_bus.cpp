@@ -112,6 +112,23 @@ void misbehaving_bus_test::play(wire::type moment, const scripted_bus::reaction&
     EXPECT_TRUE(scripted_.wait_for_reaction());
 }
 
+void misbehaving_bus_test::play_to_the_end(wire::type moment, const scripted_bus::reaction& react,
+                                           outcomes expected, overtaken how) {
+    if (how == overtaken::by_nothing) {
+        ASSERT_NO_FATAL_FAILURE(play(moment, react, expected));
+        ASSERT_NO_FATAL_FAILURE(expect_loss());
+    } else {
+        // disconnect() may or may not have overtaken it.
+        expected.first_send.reset();
+        ASSERT_NO_FATAL_FAILURE(play(moment, react, expected, how));
+        ASSERT_NO_FATAL_FAILURE(disconnect());
+        expected.first_send = operations_->first_send_code();
+        EXPECT_FALSE(expected.first_send.value_or(code()));
+    }
+    ASSERT_NO_FATAL_FAILURE(expect_recovery());
+    operations_->expect(expected);
+}
+
 void misbehaving_bus_test::expect_loss() {
     run_until_state(client::state::disconnected);
     EXPECT_TRUE(context_->expired());

@@ -90,6 +90,10 @@ protected:
     void play(wire::type moment, const scripted_bus::reaction& react, const outcomes& expected,
               overtaken how = overtaken::by_nothing, const std::function<void()>& act = {});
 
+    /// A round that costs the connection, and the return to a healthy bus.
+    void play_to_the_end(wire::type moment, const scripted_bus::reaction& react, outcomes expected,
+                         overtaken how);
+
     /// The bus has ended the connection: the client gets to disconnected by itself.
     void expect_loss();
 

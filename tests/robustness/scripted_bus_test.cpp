@@ -35,21 +35,7 @@ class closing_bus_test : public misbehaving_bus_test, public ::testing::WithPara
 protected:
     /// Closes after `bytes` of the answer, in a round with everything under way.
     void close_in_round(std::size_t bytes, overtaken how) {
-        outcomes expected = broken_at(GetParam().type);
-        if (how == overtaken::by_reconnection) {
-            // disconnect() may or may not have overtaken it.
-            expected.first_send.reset();
-        }
-        ASSERT_NO_FATAL_FAILURE(play(GetParam().type, close_after(bytes), expected, how));
-        if (how == overtaken::by_reconnection) {
-            ASSERT_NO_FATAL_FAILURE(disconnect());
-            expected.first_send = operations_->first_send_code();
-            EXPECT_FALSE(expected.first_send.value_or(code()));
-        } else {
-            ASSERT_NO_FATAL_FAILURE(expect_loss());
-        }
-        ASSERT_NO_FATAL_FAILURE(expect_recovery());
-        operations_->expect(expected);
+        play_to_the_end(GetParam().type, close_after(bytes), broken_at(GetParam().type), how);
     }
 
     /// The length of the answer that the bus would give.
