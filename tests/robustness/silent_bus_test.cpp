@@ -92,18 +92,13 @@ TEST_P(silent_bus_test, LeavesCancelFree) {
 
 TEST_P(silent_bus_test, EndsAReconnectionThatWaitsForIt) {
     for (int round = 0; round < rounds(5); ++round) {
-        outcomes expected = broken_at(GetParam().type);
-        expected.first_send.reset();
-        ASSERT_NO_FATAL_FAILURE(
-            play(GetParam().type, fall_silent(), expected, overtaken::by_reconnection, [this] {
-                EXPECT_TRUE(scripted_.wait_for_reaction());
-                scripted_.hang_up();
-            }));
-        ASSERT_NO_FATAL_FAILURE(disconnect());
-        ASSERT_NO_FATAL_FAILURE(expect_recovery());
-        expected.first_send = operations_->first_send_code();
-        EXPECT_FALSE(expected.first_send.value_or(code()));
-        operations_->expect(expected);
+        const auto close = [this] {
+            EXPECT_TRUE(scripted_.wait_for_reaction());
+            scripted_.hang_up();
+        };
+        ASSERT_NO_FATAL_FAILURE(play_to_the_end(GetParam().type, fall_silent(),
+                                                broken_at(GetParam().type),
+                                                overtaken::by_reconnection, close));
     }
     expect_recovery_on_daemon();
 }
