@@ -130,8 +130,7 @@ void misbehaving_bus_test::play_to_the_end(wire::type moment, const scripted_bus
     expect_round(moment, expected, how);
 }
 
-void misbehaving_bus_test::expect_round(wire::type moment, outcomes expected,
-                                        overtaken how) const {
+void misbehaving_bus_test::expect_round(wire::type moment, outcomes expected, overtaken how) const {
     if (how == overtaken::by_reconnection) {
         const auto first = operations_->first_send_code();
         const auto last = operations_->last_send_code();
