@@ -124,6 +124,9 @@ private:
         application_loop()->post([this, h] { release(h); });
     }
     void reconnect() const;
+    /// Until there is a connection after the first `connections` ones, and calls have been served
+    /// on it and answered with success.
+    void wait_for_work(long connections);
     void settle();
 
     stress_counts& counts_;
@@ -320,6 +323,7 @@ void stress::reconnect() const {
 }
 
 void stress::run(const stress_options& options) {
+    long connections = counts_.connections;
     reconnect();
     std::vector<std::thread> threads;
     unsigned seed = options.seed;
@@ -332,20 +336,17 @@ void stress::run(const stress_options& options) {
     threads.emplace_back([this, s = ++seed] { object_thread_work(s); });
     threads.emplace_back([this] { release_thread_work(); });
 
-    // Evenly spread over the duration, the ends included in the last slot's rest.
+    // Evenly spread over the duration, but never before the threads are at work again.
     const int events = options.kills + options.cancels;
     const auto begin = clock::now();
     int cancels = 0;
-    std::mutex never;
-    std::condition_variable nothing;
     for (int i = 0; i <= events; ++i) {
-        std::unique_lock<std::mutex> guard(never);
-        nothing.wait_until(guard, begin + options.duration * (i + 1) / (events + 1),
-                           [] { return false; });
-        guard.unlock();
-        if (i == events) {
+        wait_for_work(connections);
+        std::this_thread::sleep_until(begin + options.duration * (i + 1) / (events + 1));
+        if (i == events || counts_.stalled) {
             break;
         }
+        connections = counts_.connections;
         if (cancels * (events) < options.cancels * (i + 1) && cancels < options.cancels) {
             ++cancels;
             loop_thread::run([] { bus_client().cancel(); });
@@ -362,6 +363,20 @@ void stress::run(const stress_options& options) {
     }
     settle();
     over_ = false;
+}
+
+void stress::wait_for_work(long connections) {
+    const auto deadline = clock::now() + std::chrono::seconds(60);
+    const auto wait_for_more = [this, deadline](const std::atomic<long>& count, long than) {
+        std::unique_lock<std::mutex> guard(ended_lock_);
+        while (count <= than && !counts_.stalled) {
+            counts_.stalled = clock::now() > deadline;
+            ended_.wait_for(guard, std::chrono::milliseconds(5));
+        }
+    };
+    wait_for_more(counts_.connections, connections);
+    wait_for_more(counts_.served, counts_.served);
+    wait_for_more(counts_.completed_calls, counts_.completed_calls);
 }
 
 void stress::settle() {
@@ -409,8 +424,8 @@ bool invariants_hold(const stress_counts& counts) {
     };
     return sound(counts.calls, 0) && sound(counts.objects, 0) &&
            sound(counts.sends, counts.sends.started) && counts.limited_left == 0 &&
-           counts.objects.run > 0 && counts.sends.run > 0 && counts.completed_calls > 0 &&
-           back_at_its_level(counts.before, counts.after) &&
+           !counts.stalled && counts.objects.run > 0 && counts.sends.run > 0 &&
+           counts.completed_calls > 0 && back_at_its_level(counts.before, counts.after) &&
            counts.malloc_after - counts.malloc_before <= malloc_tolerance;
 }
 
@@ -428,10 +443,11 @@ std::ostream& operator<<(std::ostream& out, const stress_counts& counts) {
         << ", aborted " << counts.aborted << ", pending after their limit " << counts.limited_left
         << "\ncalls served " << counts.served << ": answered " << counts.answered << ", dropped "
         << counts.dropped << "\ndaemon killed " << counts.kills << ", cancelled " << counts.cancels
-        << ", connections " << counts.connections << "\nmemory: " << counts.before.blocks
-        << " blocks of " << counts.before.bytes << " bytes before, " << counts.after.blocks
-        << " of " << counts.after.bytes << " after; malloc in all " << counts.malloc_before
-        << " before, " << counts.malloc_after << " after\n";
+        << ", connections " << counts.connections << (counts.stalled ? ", then stalled" : "")
+        << "\nmemory: " << counts.before.blocks << " blocks of " << counts.before.bytes
+        << " bytes before, " << counts.after.blocks << " of " << counts.after.bytes
+        << " after; malloc in all " << counts.malloc_before << " before, " << counts.malloc_after
+        << " after\n";
     return out;
 }
 

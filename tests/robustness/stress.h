@@ -11,7 +11,7 @@
 namespace tarn::test {
 
 struct stress_options {
-    std::chrono::milliseconds duration{3000};
+    std::chrono::milliseconds duration{3000}; ///< at least: calls are served between all events
     int kills = 20;    ///< times that the daemon is killed, spread over the duration
     int cancels = 10;  ///< times that everything is cancelled, likewise
     unsigned seed = 1; ///< of the threads' choices
@@ -32,6 +32,7 @@ struct stress_counts {
     long limited_left = 0; ///< calls with a time limit that were pending long after it
     int kills = 0;
     int cancels = 0;
+    bool stalled = false; ///< given up, since no call had been served for a minute
     held_memory before;
     held_memory after;
     long malloc_before = 0;

@@ -19,7 +19,8 @@ TEST(Threads, EveryCallEndsOnceWhileTheBusDiesTwentyTimes) {
     EXPECT_GT(counts.calls.released, 0);
     EXPECT_GT(counts.aborted, 0);
     EXPECT_GT(counts.served, 0);
-    EXPECT_GT(counts.connections, 10);
+    // Each end of a connection came upon one at work.
+    EXPECT_GE(counts.connections, counts.kills + counts.cancels);
     RecordProperty("calls", static_cast<int>(counts.calls.started));
     std::cout << counts;
 }
