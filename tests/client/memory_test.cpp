@@ -6,7 +6,6 @@
 #include "tarn/error.h"
 #include "tarn/uloop.h"
 
-#include <future>
 #include <iostream>
 #include <new>
 
@@ -71,17 +70,6 @@ protected:
     static std::size_t report(std::size_t failed) {
         std::cout << failed << " allocations failed in turn\n";
         return failed;
-    }
-
-    /// Runs `work` on the loop thread and waits for it.
-    template <class Work>
-    static void on_loop_thread(Work work) {
-        std::promise<void> done;
-        uloop::get_instance().post([&] {
-            work();
-            done.set_value();
-        });
-        done.get_future().wait();
     }
 
     /// Makes the loop thread's first, second, third ... allocation from now on fail in turn, each
@@ -358,8 +346,7 @@ TEST_F(Memory, AutomaticReconnectionGoesOnAfterAnAttemptThatCouldNotBeginForWant
         ASSERT_LT(attempts, 10);
         run_until([] { return bus().is_active() || !loop()->armed_timers().empty(); });
         loop()->advance(seconds(1));
-        on_loop_thread([] {});
-        loop()->drain();
+        settle();
     }
 }
 
@@ -380,18 +367,17 @@ TEST_F(Memory, ReleasingALinkNeverThrowsAndATimeLimitIsAlwaysTold) {
         EXPECT_FALSE(link.active());
         EXPECT_EQ(limited.count(), 1U);
         EXPECT_EQ(limited.code(), msg::timeout);
-        on_loop_thread([] {});
-        loop()->drain();
+        settle();
         EXPECT_EQ(released.count(), 0U);
     }
 }
 
 TEST_F(Memory, EveryCallThatIsServedIsAnswered) {
     for (std::size_t nth = 1;; ++nth) {
+        settle();
         call_outcome done;
         bus().invoke("own", "keep", {}, done.handler(), seconds(0));
-        on_loop_thread([] {}); // sent
-        ASSERT_TRUE(loop()->run_until([] { return loop()->wait_for_task(limit); }, limit));
+        ASSERT_TRUE(loop()->wait_for_task(limit)); // arrived
         const bool happened = drain_with_failure(nth);
         const bool kept = kept_ != nullptr;
         {

@@ -228,7 +228,7 @@ class RemovalUnderCalls : public Object {
 protected:
     /// Makes a call arrive without dispatching it: the loop is not turned, only listened to.
     void arrive(call_outcome& done) {
-        loop()->drain();
+        settle();
         bus().invoke("own", "count", {}, done.handler(), seconds(0));
         ASSERT_TRUE(loop()->wait_for_task(limit));
     }
