@@ -7,13 +7,12 @@
 #include "support/bus_daemon.h"
 #include "support/child_process.h"
 #include "support/hand_loop.h"
-#include "tarn/uloop.h"
+#include "support/on_loop_thread.h"
 
 #include <gtest/gtest.h>
 
 #include <chrono>
 #include <functional>
-#include <future>
 #include <memory>
 #include <vector>
 
@@ -86,16 +85,6 @@ protected:
 
     static void run_until_state(client::state wanted) {
         run_until([wanted] { return bus().get_state() == wanted; });
-    }
-
-    /// Runs `work` on the loop thread, past the client, and waits for it.
-    static void on_loop_thread(const std::function<void()>& work) {
-        std::promise<void> done;
-        uloop::get_instance().post([&] {
-            work();
-            done.set_value();
-        });
-        done.get_future().wait();
     }
 
     /// Until nothing is under way on the loop thread and nothing waits for the application's loop.

@@ -3,12 +3,10 @@
 #include "client/client_impl.h"
 
 #include "support/hand_loop.h"
-#include "tarn/uloop.h"
+#include "support/on_loop_thread.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <future>
 
 namespace tarn::test {
 namespace {
@@ -22,17 +20,6 @@ protected:
         return instance;
     }
     static client_impl& bus() { return client_impl::get_instance(loop()); }
-
-    /// Runs `work` on the loop thread and waits for it. Goes past the client, so that delivery is
-    /// not engaged by it.
-    static void on_loop_thread(std::function<void()> work) {
-        const auto done = std::make_shared<std::promise<void>>();
-        uloop::get_instance().post([work = std::move(work), done] {
-            work();
-            done->set_value();
-        });
-        done->get_future().wait();
-    }
 
     std::vector<int> ran_;
     std::function<void()> record(int n) {

@@ -3,13 +3,12 @@
 
 #include "support/expect_throw.h"
 #include "support/hand_loop.h"
-#include "tarn/uloop.h"
+#include "support/on_loop_thread.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <fstream>
-#include <future>
 #include <string>
 #include <thread>
 #include <vector>
@@ -108,9 +107,8 @@ unsigned long long blocked_signals() {
 TEST(Instance, TheLoopThreadBlocksEverySignalButTheFaultsOfItsOwnCode) {
     client::get_instance(keep(std::make_shared<hand_loop>()));
     EXPECT_EQ(blocked_signals(), 0U) << "the caller's mask is as it was";
-    std::promise<unsigned long long> told;
-    uloop::get_instance().post([&told] { told.set_value(blocked_signals()); });
-    const unsigned long long blocked = told.get_future().get();
+    unsigned long long blocked = 0;
+    on_loop_thread([&] { blocked = blocked_signals(); });
     for (int signo = 1; signo < 32; ++signo) {
         const bool fault = signo == SIGSEGV || signo == SIGBUS || signo == SIGFPE ||
                            signo == SIGILL || signo == SIGTRAP || signo == SIGABRT;

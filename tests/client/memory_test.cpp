@@ -4,7 +4,6 @@
 
 #include "support/allocations.h"
 #include "tarn/error.h"
-#include "tarn/uloop.h"
 
 #include <iostream>
 #include <new>

@@ -5,14 +5,11 @@
 #include "client/client_fixture.h"
 #include "support/small_stack.h"
 
-#include "tarn/uloop.h"
-
 #include <libubox/blob.h>
 
 #include <algorithm>
 #include <array>
 #include <ctime>
-#include <future>
 #include <limits>
 
 namespace tarn::test {
@@ -67,10 +64,10 @@ protected:
         run_until([&] { return connected.reported(); });
         ASSERT_FALSE(connected.code()) << connected.code().message();
 
-        std::promise<std::size_t> found;
-        uloop::get_instance().post([&found] { found.set_value(stack_size()); });
+        std::size_t found = 0;
+        on_loop_thread([&] { found = stack_size(); });
         // A sanitizer adds a little for itself.
-        EXPECT_LT(found.get_future().get(), 2 * small_stack) << "the library's own thread";
+        EXPECT_LT(found, 2 * small_stack) << "the library's own thread";
     }
 
     /// Calls echo and looks at what comes back.
