@@ -5,6 +5,7 @@
 #include <libubox/blob.h>
 
 #include <algorithm>
+#include <arpa/inet.h>
 #include <cstddef>
 #include <cstdint>
 #include <cstdio>
@@ -101,8 +102,8 @@ public:
     explicit message(const input& bytes)
         : exact_copy(bytes) {
         const auto length = static_cast<std::uint32_t>(bytes.size());
-        get()->id_len = blob_be32((blob_be32(get()->id_len) & ~BLOB_ATTR_LEN_MASK) |
-                                  (length & BLOB_ATTR_LEN_MASK));
+        get()->id_len =
+            htonl((ntohl(get()->id_len) & ~BLOB_ATTR_LEN_MASK) | (length & BLOB_ATTR_LEN_MASK));
     }
 };
 

@@ -1,6 +1,7 @@
 /// Answering an incoming call: replies, and the one completion.
 #include "client/client_impl.h"
 
+#include "blob/message_size.h"
 #include "tarn/error.h"
 
 #include <new>
@@ -8,18 +9,6 @@
 #include <utility>
 
 namespace tarn {
-
-namespace {
-
-/// The size that libubus gives the message of a reply: the blob's head, the object's id, and the
-/// data with its own head.
-std::size_t reply_size(const blob::buf& data) {
-    constexpr std::size_t head = 4;
-    constexpr std::size_t object_id = 8;
-    return head + object_id + blob_pad_len(data.native()->head);
-}
-
-} // namespace
 
 client_impl::exchange_ctx::exchange_ctx(client_impl& owner,
                                         const std::shared_ptr<incoming_call>& call,
@@ -96,7 +85,7 @@ void client_impl::send_sync(const std::weak_ptr<void>& connection,
     try {
         blob::buf buffer(data);
         // libubus does not check, and the daemon would drop the whole connection.
-        status = reply_size(buffer) > UBUS_MAX_MSGLEN
+        status = message_size::reply(blob_len(buffer.native()->head)) > message_size::limit
                      ? error::msg::invalid_argument
                      : to_msg_error(ubus_send_reply(bus, request.get(), buffer.native()->head));
     } catch (const std::bad_alloc&) {

@@ -1,6 +1,7 @@
 /// Calls of other processes' objects, from the application's request to its handler.
 #include "client/client_impl.h"
 
+#include "blob/message_size.h"
 #include "client/callback_gate.h"
 #include "tarn/error.h"
 #include "tarn/uloop.h"
@@ -9,17 +10,6 @@
 #include <utility>
 
 namespace tarn {
-
-namespace {
-
-/// Room that a message needs beside a name or path in it: headers and padding of its attributes.
-constexpr std::size_t message_overhead = 64;
-
-bool fits_message(const std::string& name) {
-    return name.size() + message_overhead <= UBUS_MAX_MSGLEN;
-}
-
-} // namespace
 
 utils::link client_impl::invoke(const std::string& path, const std::string& method,
                                 const std::multimap<std::string, blob::attr>& args,
@@ -90,8 +80,9 @@ std::error_code client_impl::start_request(const std::string& path, const std::s
     if (bus == nullptr) {
         return error::msg::connection_failed;
     }
-    if (!fits_message(path) || !fits_message(method)) {
-        // libubus would send the look-up of such a path, and the daemon drop the connection.
+    // libubus would send the look-up of such a path, and the daemon drop the connection.
+    if (message_size::lookup(path.size()) > message_size::limit ||
+        message_size::call(method.size(), 0) > message_size::call_limit) {
         return error::msg::invalid_argument;
     }
     std::uint32_t id = 0;

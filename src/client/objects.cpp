@@ -1,6 +1,7 @@
 /// Published objects: registration, withdrawal, and the way of an incoming call to its handler.
 #include "client/client_impl.h"
 
+#include "blob/message_size.h"
 #include "blob/policy.h"
 #include "client/callback_gate.h"
 #include "tarn/error.h"
@@ -18,24 +19,6 @@ namespace {
 constexpr int answer_not_found = 4;        // UBUS_STATUS_NOT_FOUND
 constexpr int answer_method_not_found = 3; // UBUS_STATUS_METHOD_NOT_FOUND
 constexpr int answer_unknown_error = 9;    // UBUS_STATUS_UNKNOWN_ERROR
-
-/// What a field takes in a message beside its data: the attribute's header and the padded name.
-constexpr std::size_t named_header(std::size_t name) {
-    return 4 + ((2 + name + 1 + 3) & ~std::size_t{3});
-}
-
-/// The size of the message that publishes the object. The daemon drops a client that sends one
-/// beyond its limit, and libubus does not check.
-std::size_t description_size(const ubus_object_ctx& records) {
-    std::size_t size = 4 + 4 + ((records.name.size() + 1 + 3) & ~std::size_t{3}) + 4;
-    for (const auto& method : records.method_policies) {
-        size += named_header(method.first.size());
-        for (const auto& field : method.second) {
-            size += named_header(field.first.size()) + 4;
-        }
-    }
-    return size;
-}
 
 /// The method and policy arrays and the records that point to them.
 /// Throws std::logic_error for a policy type that is no stored type.
@@ -145,7 +128,8 @@ std::error_code client_impl::register_object(ubus_context* bus,
     } catch (const std::logic_error&) {
         return error::msg::invalid_argument; // a policy type that no field can have
     }
-    if (description_size(*records) > UBUS_MAX_MSGLEN) {
+    // The daemon drops a client that sends more, and libubus does not check.
+    if (message_size::publication(records->name, records->method_policies) > message_size::limit) {
         return error::msg::invalid_argument;
     }
     // Listed before it is registered: a call may arrive at once.
