@@ -2,9 +2,9 @@
 #include "tarn/blob/buf.h"
 
 #include "blob/big_endian.h"
+#include "blob/message_size.h"
 #include "bus.h"
 
-#include <limits>
 #include <new>
 #include <stdexcept>
 #include <utility>
@@ -14,13 +14,11 @@ namespace tarn::blob {
 
 namespace {
 
-/// The name's length goes into 16 bits, which libubox does not check.
-constexpr std::size_t max_name = std::numeric_limits<std::uint16_t>::max();
-/// The field's length goes into 24 bits.
-constexpr std::size_t max_data = 0xffffff;
-
-bool fits(const std::string& name) noexcept {
-    return std::strlen(name.c_str()) <= max_name;
+/// Where the next field starts, counted from the start of the message. While a nest is open, `head`
+/// is that nest.
+std::size_t end_of(const ::blob_buf& buffer) noexcept {
+    const auto head = reinterpret_cast<const char*>(buffer.head) - static_cast<char*>(buffer.buf);
+    return static_cast<std::size_t>(head) + ::blob_pad_len(buffer.head);
 }
 
 void initialise(::blob_buf& buffer) {
@@ -99,6 +97,7 @@ buf::buf(const table& fields)
 buf::~buf() = default;
 
 void buf::clear() {
+    overflowed_ = false;
     ::blob_buf_free(b_.get());
     initialise(*b_);
 }
@@ -149,11 +148,23 @@ void buf::write_children() {
     }
 }
 
+void buf::make_sure_it_fits(const std::string& name, std::size_t size, const char* failure) {
+    // libubox checks neither the name nor, to the last byte, the message.
+    const std::size_t length = std::strlen(name.c_str());
+    const bool named = length <= message_size::name_limit;
+    overflowed_ =
+        named && (size > message_size::blob_limit ||
+                  end_of(*b_) + message_size::field(length, size) > message_size::blob_limit);
+    if (!named || overflowed_) {
+        throw std::runtime_error(prefix_ + failure);
+    }
+}
+
 void buf::put(int type, const std::string& name, const void* data, std::size_t size,
               const char* failure) {
-    if (!fits(name) || size > max_data ||
-        ::blobmsg_add_field(b_.get(), type, name.c_str(), data, static_cast<unsigned int>(size)) !=
-            0) {
+    make_sure_it_fits(name, size, failure);
+    if (::blobmsg_add_field(b_.get(), type, name.c_str(), data, static_cast<unsigned int>(size)) !=
+        0) {
         throw std::runtime_error(prefix_ + failure);
     }
 }
@@ -171,8 +182,8 @@ template <class Container>
 void buf::add_nest_converter(bool array, const char* failure) {
     converters_.emplace(
         typeid(Container), [this, array, failure](const std::string& name, const attr& value) {
-            void* const cookie =
-                fits(name) ? ::blobmsg_open_nested(b_.get(), name.c_str(), array) : nullptr;
+            make_sure_it_fits(name, 0, failure);
+            void* const cookie = ::blobmsg_open_nested(b_.get(), name.c_str(), array);
             if (!cookie) {
                 throw std::runtime_error(prefix_ + failure);
             }

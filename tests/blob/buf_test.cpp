@@ -177,6 +177,96 @@ TEST(Buf, AValueTooLongForItsLengthFieldIsRefused) {
                                          prefix + "Faild to handle unspec");
 }
 
+/// A message is at most this long, its padding included.
+constexpr std::size_t longest = 0xfffffc;
+/// The message's head, and the head of a field with a name of one byte.
+constexpr std::size_t heads = 4 + 8;
+
+TEST(Buf, AFieldThatEndsWhereTheLengthRunsOverIsRefused) {
+    buf message;
+    for (const std::size_t beyond : {1U, 2U, 3U, 4U}) {
+        message.clear();
+        expect_throw_msg<std::runtime_error>(
+            [&] { message.add("u", bytes(longest - heads + beyond)); },
+            prefix + "Faild to handle unspec");
+        EXPECT_TRUE(message.overflowed());
+        EXPECT_EQ(blob_raw_len(message.native()->head), 4U) << "nothing of it was written";
+        expect_throw_msg<std::runtime_error>(
+            [&] { message.add("s", std::string(longest - heads - 1 + beyond, 's')); },
+            prefix + "Faild to handle string");
+    }
+}
+
+TEST(Buf, TheLongestMessageHasTheLengthThatItSays) {
+    buf message;
+    message.add("u", bytes(longest - heads));
+    EXPECT_FALSE(message.overflowed());
+    EXPECT_EQ(blob_raw_len(message.native()->head), longest);
+    expect_throw_msg<std::runtime_error>([&] { message.add("i", 1); },
+                                         prefix + "Faild to handle int32");
+    EXPECT_TRUE(message.overflowed());
+    message.assign({{"i", 1}});
+    EXPECT_FALSE(message.overflowed());
+}
+
+TEST(Buf, EveryKindOfFieldIsRefusedWhenTheMessageIsFull) {
+    const std::pair<attr, const char*> fields[]{
+        {bytes{}, "unspec"},
+        {list{}, "array"},
+        {table{}, "table"},
+        {"", "string"},
+        {1ULL, "int64"},
+        {1U, "int32"},
+        {static_cast<short>(1), "int16"},
+        {static_cast<unsigned char>(1), "int8"},
+        {true, "boolean"},
+        {0.5, "decimal"},
+    };
+    for (const auto& [value, name] : fields) {
+        buf message;
+        message.add("u", bytes(longest - heads));
+        expect_throw_msg<std::runtime_error>([&, &field = value] { message.add("f", field); },
+                                             prefix + "Faild to handle " + name);
+        EXPECT_TRUE(message.overflowed()) << name;
+    }
+}
+
+TEST(Buf, ManySmallFieldsBehindALargeOneFillTheMessageToTheLastWord) {
+    buf message;
+    // A field takes the header with its name and four bytes of data.
+    constexpr std::size_t small = 8 + 4;
+    constexpr int fit = 200;
+    message.add("u", bytes(longest - heads - fit * small));
+    for (int i = 0; i < fit; ++i) {
+        message.add("i", i);
+    }
+    EXPECT_EQ(blob_raw_len(message.native()->head), longest);
+    expect_throw_msg<std::runtime_error>([&] { message.add("i", fit); },
+                                         prefix + "Faild to handle int32");
+}
+
+TEST(Buf, NestsCountTowardsTheLengthOfTheMessageThatTheyAreIn) {
+    // Three levels, each with the head of a nest around the innermost field.
+    const auto nested = [](std::size_t size) {
+        return table{{"t", {{"t", {{"u", bytes(size)}}}}}};
+    };
+    constexpr std::size_t nest = 8;
+    buf message;
+    message.assign(nested(longest - heads - 2 * nest));
+    EXPECT_EQ(blob_raw_len(message.native()->head), longest);
+    expect_throw_msg<std::runtime_error>(
+        [&] { message.assign(nested(longest - heads - 2 * nest + 1)); },
+        prefix + "Faild to handle unspec");
+    EXPECT_TRUE(message.overflowed());
+}
+
+TEST(Buf, ANameThatIsTooLongIsNoOverflow) {
+    buf message;
+    expect_throw_msg<std::runtime_error>([&] { message.add(std::string(65536, 'n'), 1); },
+                                         prefix + "Faild to handle int32");
+    EXPECT_FALSE(message.overflowed());
+}
+
 TEST(ToBlobmsgType, KnowsEveryStoredType) {
     using utils::to_blobmsg_type;
     EXPECT_EQ(to_blobmsg_type(typeid(bytes)), BLOBMSG_TYPE_UNSPEC);

@@ -22,7 +22,7 @@ namespace tarn::blob {
 /// Numbers go out in network byte order, signed ones as the bits of the unsigned type of their
 /// width; `bool` and `unsigned char` both become INT8, and a reader cannot tell them apart. A
 /// string ends at its first NUL, and so does a name. Nesting of any depth is written with a
-/// constant amount of stack. libubox limits a message to 0xffffff bytes and a name to 65535.
+/// constant amount of stack. A message has at most 0xffffff bytes, a name at most 65535.
 ///
 /// Nothing that fails rolls the message back: fields written before the failure stay, and the
 /// nests that were open stay open. After an exception call clear() or discard the buf.
@@ -48,8 +48,8 @@ public:
     ///  - `std::logic_error` "tarn::blob::buff: Unsupported type [" + type name + "]" for an empty
     ///    attr, also one inside `value`;
     ///  - `std::runtime_error` "tarn::blob::buff: Faild to handle " + "unspec", "array", "table",
-    ///    "string", "int64", "int32", "int16", "int8", "boolean" or "decimal" when libubox cannot
-    ///    take the field: the buffer cannot grow, the name or the value is too long;
+    ///    "string", "int64", "int32", "int16", "int8", "boolean" or "decimal" when the field does
+    ///    not fit the message any more, its name is too long, or libubox has no memory for it;
     ///  - `std::bad_alloc`.
     void add(const std::string& name, const attr& value);
 
@@ -58,6 +58,10 @@ public:
     void assign(const std::multimap<std::string, attr>& fields);
     /// As assign().
     buf& operator=(const std::multimap<std::string, attr>& fields);
+
+    /// Whether the last field that was added or refused was one too many: the message would have
+    /// become longer than a message can say. Until the next clear() or assign().
+    bool overflowed() const noexcept { return overflowed_; }
 
     /// The buffer itself, for libubox and libubus calls; its `head` is the message. The pointer
     /// stays valid for the life of the buf; `head` changes with every operation above.
@@ -79,6 +83,7 @@ private:
     void add_number_converter(int type, const char* failure);
     template <class Container>
     void add_nest_converter(bool array, const char* failure);
+    void make_sure_it_fits(const std::string& name, std::size_t size, const char* failure);
     void put(int type, const std::string& name, const void* data, std::size_t size,
              const char* failure);
 
@@ -90,6 +95,7 @@ private:
     std::map<std::type_index, converter> converters_;
     /// Lists and tables that are open, outermost first. Empty between calls.
     std::vector<nest> nests_;
+    bool overflowed_ = false;
 };
 
 namespace utils {
