@@ -72,6 +72,8 @@ public:
     /// holding that reply's table; empty unless the call completed.
     using result_handler =
         std::function<void(const std::list<blob::attr>&, const std::error_code&)>;
+    /// Receives one data reply of a call, a table, when it arrives.
+    using reply_handler = std::function<void(const blob::attr&)>;
     /// Receives each new state of the connection.
     using state_handler = std::function<void(state)>;
     /// Tells how long to wait before reconnection attempt number n (1 for the first after a
@@ -113,9 +115,11 @@ public:
     virtual utils::link auto_connect(const backoff_function& backoff) = 0;
 
     /// Ends the connection and turns automatic reconnection off. Calls in flight end with
-    /// msg::connection_failed, published objects are forgotten. `handler` gets success, also when
-    /// already disconnected, or generic::aborted when a connect() overtook it. It may be empty.
-    /// The link is active while the report is pending; releasing it suppresses the report.
+    /// msg::connection_failed, published objects are forgotten. What was sent or responded before
+    /// reaches the bus first: the connection is closed once the daemon has read everything, or
+    /// after 500 ms. `handler` gets success, also when already disconnected, or generic::aborted
+    /// when a connect() overtook it. It may be empty. The link is active while the report is
+    /// pending; releasing it suppresses the report.
     virtual utils::link disconnect(const completion_handler& handler) = 0;
 
     /// Calls `handler` with every new state, on the thread that changes it, until the link is
@@ -129,7 +133,9 @@ public:
     /// Whether the state is `connected`. Any thread.
     virtual bool is_active() const = 0;
 
-    /// Calls `method` of the object published under `path` with `args`. Any thread.
+    /// Calls `method` of the object published under `path` with `args`. Any thread. A `path` that
+    /// ends in `*` calls an object whose path begins with what stands before the `*`: of several
+    /// the last in the order of their paths.
     ///
     /// `handler` is called exactly once, on the application's loop, unless the link is released
     /// first. It gets the replies and
@@ -138,7 +144,11 @@ public:
     ///                              with the replies that came before;
     ///   msg::parse_error           a reply could not be decoded (an empty table stands for it),
     ///                              or `args` could not be encoded (no replies);
-    ///   msg::invalid_argument      the encoded call exceeds the bus limit of 1,048,576 bytes;
+    ///   msg::invalid_argument      the encoded call, the method's name included, exceeds 1,048,056
+    ///                              bytes: the bus limit of 1,048,576 less what the names of this
+    ///                              process's user and group may take, which the daemon adds; or
+    ///                              the look-up of `path` exceeds the bus limit; or `path` or
+    ///                              `method` holds a NUL byte;
     ///   msg::not_found             no such object, or not one this process may see;
     ///   msg::timeout               `timeout` passed first; replies so far are discarded;
     ///   msg::connection_failed     not connected, or the connection ended before the answer;
@@ -164,7 +174,8 @@ public:
     ///                              by another client of the bus; or a policy names a type that is
     ///                              no stored type of blob::attr (typeid(int) instead of
     ///                              typeid(unsigned int)); or the description exceeds the bus
-    ///                              limit;
+    ///                              limit; or `name`, a method's name or a field's name in a policy
+    ///                              holds a NUL byte;
     ///   msg::connection_failed     not connected, or the connection ended first;
     ///   msg::no_response           the daemon said success but gave the object no id;
     ///   msg::no_memory             memory ran out on the private thread;
@@ -198,6 +209,20 @@ public:
     /// a handler throws, and std::bad_alloc, passes through; the client can be used again after
     /// another cancel(), which does the rest.
     virtual void cancel() = 0;
+
+    /// As invoke(), for replies that are wanted when they come, or are many: `each` is called on
+    /// the application's loop with every reply as it arrives, and `handler` with the outcome after
+    /// the last of them. Nothing is kept of a reply that `each` has got. One that cannot be decoded
+    /// is an empty table, and makes the outcome msg::parse_error. Those that arrive before a time
+    /// limit, before the end of the connection or before cancel() are told, unlike invoke()'s. Both
+    /// may be empty; neither is called any more once the link is released, a call that has begun
+    /// aside.
+    ///
+    /// A client that does not override it calls invoke() and tells the replies at the end.
+    virtual utils::link invoke_each(const std::string& path, const std::string& method,
+                                    const std::multimap<std::string, blob::attr>& args,
+                                    const reply_handler& each, const completion_handler& handler,
+                                    const std::chrono::seconds& timeout);
 };
 
 /// One incoming call being served, handed to a method handler.

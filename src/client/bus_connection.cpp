@@ -1,6 +1,7 @@
 /// The loop thread's side of the connection.
 #include "client/client_impl.h"
 
+#include "client/await_reader.h"
 #include "client/callback_gate.h"
 #include "tarn/error.h"
 #include "tarn/uloop.h"
@@ -10,6 +11,14 @@
 #include <utility>
 
 namespace tarn {
+
+namespace {
+
+/// How long the end of a connection waits for a daemon that does not read. One that does has read
+/// everything after microseconds.
+constexpr std::chrono::milliseconds delivery_limit{500};
+
+} // namespace
 
 void client_impl::connect_sync(const std::weak_ptr<void>& connection,
                                const std::function<void(state, const std::error_code&)>& report) {
@@ -44,6 +53,10 @@ void client_impl::disconnect_sync(const std::weak_ptr<void>& tracker) {
 }
 
 void client_impl::release_bus() {
+    if (bus_ && !bus_->sock.eof) {
+        // The daemon drops what it finds together with the end of the connection.
+        await_reader(bus_->sock.fd, delivery_limit);
+    }
     bus_.reset();
     lost_bus_.reset();
 }
@@ -65,18 +78,21 @@ void client_impl::on_connection_lost(ubus_context* context) {
     // Tied to this connection: when the application disconnects and connects again before it hears
     // of the loss, the loss must not end the new connection.
     with_reserve([this] {
-        post_from_uloop(misc::tie_handler([this] { request_disconnect(); }, bus_token_));
+        post_from_uloop([this, connection = bus_token_] { request_disconnect(connection); });
     });
 }
 
 ubus_context* client_impl::usable_bus() const {
+    end_unwritable_bus();
+    return bus_ && !bus_->sock.eof ? bus_.get() : nullptr;
+}
+
+void client_impl::end_unwritable_bus() const {
     if (bus_ && bus_->sock.eof) {
         // libubus marks the connection when a write fails, and leaves it at that. If the daemon
         // keeps its end open nobody would ever report the loss.
         ::shutdown(bus_->sock.fd, SHUT_RDWR);
-        return nullptr;
     }
-    return bus_.get();
 }
 
 } // namespace tarn

@@ -78,6 +78,10 @@ public:
     utils::link del_object(const std::string& name, bool stop_serving,
                            const completion_handler& handler) override;
     void cancel() override;
+    utils::link invoke_each(const std::string& path, const std::string& method,
+                            const std::multimap<std::string, blob::attr>& args,
+                            const reply_handler& each, const completion_handler& handler,
+                            const std::chrono::seconds& timeout) override;
 
 private:
     using state_signal = misc::signal<void, state>;
@@ -122,6 +126,7 @@ private:
     void reconnect();
     void request_connection();
     void request_disconnect();
+    void request_disconnect(const std::weak_ptr<void>& connection);
     void on_connect_result(state reported, const std::error_code& code);
     void on_disconnected(const std::weak_ptr<void>& tracker, const request_table::entries& dropped,
                          const std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>>& withdrawn);
@@ -143,8 +148,15 @@ private:
     static void connection_lost_handler(ubus_context* context);
     /// The connection if calls can go out on it, else null.
     ubus_context* usable_bus() const;
+    void end_unwritable_bus() const;
 
     // invoke.cpp
+    utils::link start_invoke(const std::string& path, const std::string& method,
+                             const std::multimap<std::string, blob::attr>& args,
+                             const std::shared_ptr<const reply_handler>& each,
+                             const result_handler& handler, const std::chrono::seconds& timeout);
+    void on_reply(const std::shared_ptr<ubus_request>& request, std::list<blob::attr>&& reply,
+                  const std::error_code& status);
     void invoke_sync(const std::string& path, const std::string& method,
                      const std::multimap<std::string, blob::attr>& args,
                      const std::shared_ptr<ubus_request>& request, std::weak_ptr<invoke_ctx>& ctx);
@@ -197,7 +209,8 @@ private:
     std::shared_ptr<reconnection> reconnection_;
     long long attempts_ = 0; ///< consecutive automatic attempts; saturates
     /// Present while there is a connection, or an attempt at one, to tear down. What belongs to an
-    /// earlier connection is tied to that one's token and falls silent with it.
+    /// earlier connection is tied to that one's token and falls silent with it: when that
+    /// connection is closed.
     std::shared_ptr<void> connection_token_;
     /// Ends that connection; made with it, so that no shortage of memory keeps a lost one alive.
     uloop::ready_task teardown_;

@@ -186,13 +186,15 @@ void client_impl::request_connection() {
     if (tracker.expired()) {
         return;
     }
-    auto token = std::make_shared<char>('\0');
+    const std::shared_ptr<void> token = std::make_shared<char>('\0');
     const std::weak_ptr<void> connection = token;
     uloop::ready_task teardown;
-    teardown.emplace_back([this, tracker] { disconnect_sync(tracker); });
+    // Keeps the token until the connection is closed: answers given before a disconnection was
+    // asked for stand in front of it in the loop thread's queue and still belong to a connection.
+    teardown.emplace_back([this, tracker, token] { disconnect_sync(tracker); });
     {
         const std::lock_guard<std::mutex> guard(state_lock_);
-        connection_token_ = std::move(token);
+        connection_token_ = token;
         teardown_.swap(teardown);
     }
     // Both the report and the task that carries it are tied: an attempt that cancel() has overtaken
@@ -223,21 +225,23 @@ void client_impl::request_connection() {
 }
 
 void client_impl::request_disconnect() {
-    std::shared_ptr<void> token;
+    request_disconnect(connection_tracker());
+}
+
+void client_impl::request_disconnect(const std::weak_ptr<void>& connection) {
     uloop::ready_task teardown;
     {
         const std::lock_guard<std::mutex> guard(state_lock_);
-        token.swap(connection_token_);
+        if (!connection_token_ || connection_token_ != connection.lock()) {
+            return;
+        }
+        connection_token_.reset();
         teardown.swap(teardown_);
-    }
-    if (!token) {
-        return;
     }
     state before = get_state();
     while (before != state::disconnected &&
            !state_.compare_exchange_weak(before, state::disconnecting)) {}
     post_ready(std::move(teardown));
-    token.reset();
     if (before != state::disconnected && before != state::disconnecting) {
         announce(state::disconnecting);
     }

@@ -95,6 +95,7 @@ void client_impl::send_sync(const std::weak_ptr<void>& connection,
     } catch (const std::exception&) {
         status = error::msg::invalid_argument; // more than a message buffer can hold
     }
+    end_unwritable_bus();
     post_from_uloop([this, status, entry] {
         if (const auto handler = send_handlers_.take(entry)) {
             handler(status);
@@ -129,6 +130,7 @@ void client_impl::complete_sync(const call_completion& completion) {
     if (heard) {
         ubus_complete_deferred_request(bus, &completion.call->request,
                                        to_ubus_msg_status(completion.status));
+        end_unwritable_bus();
     }
 }
 

@@ -2,6 +2,7 @@
 #include "client/client_impl.h"
 
 #include "blob/message_size.h"
+#include "client/bus_name.h"
 #include "client/callback_gate.h"
 #include "tarn/error.h"
 #include "tarn/uloop.h"
@@ -15,9 +16,35 @@ utils::link client_impl::invoke(const std::string& path, const std::string& meth
                                 const std::multimap<std::string, blob::attr>& args,
                                 const result_handler& handler,
                                 const std::chrono::seconds& timeout) {
+    return start_invoke(path, method, args, nullptr, handler, timeout);
+}
+
+utils::link client_impl::invoke_each(const std::string& path, const std::string& method,
+                                     const std::multimap<std::string, blob::attr>& args,
+                                     const reply_handler& each, const completion_handler& handler,
+                                     const std::chrono::seconds& timeout) {
+    result_handler done;
+    if (handler) {
+        done = [handler](const std::list<blob::attr>& /*replies*/, const std::error_code& code) {
+            handler(code);
+        };
+    }
+    return start_invoke(path, method, args, std::make_shared<const reply_handler>(each), done,
+                        timeout);
+}
+
+utils::link client_impl::start_invoke(const std::string& path, const std::string& method,
+                                      const std::multimap<std::string, blob::attr>& args,
+                                      const std::shared_ptr<const reply_handler>& each,
+                                      const result_handler& handler,
+                                      const std::chrono::seconds& timeout) {
     if (get_tracker().expired()) {
         return report_later(handler, std::list<blob::attr>(),
                             make_error_code(error::generic::aborted));
+    }
+    if (has_nul(path) || has_nul(method)) {
+        return report_later(handler, std::list<blob::attr>(),
+                            make_error_code(error::msg::invalid_argument));
     }
 
     const auto request = std::make_shared<ubus_request>();
@@ -25,6 +52,7 @@ utils::link client_impl::invoke(const std::string& path, const std::string& meth
     std::weak_ptr<invoke_ctx> watched = ctx;
     ctx->request = request;
     ctx->handler = handler;
+    ctx->each = each;
     invokes_.insert(ctx);
     try {
         if (timeout != std::chrono::seconds::zero()) {
@@ -102,7 +130,14 @@ std::error_code client_impl::start_request(const std::string& path, const std::s
     } catch (const std::bad_alloc&) {
         throw;
     } catch (const std::exception&) {
-        return error::msg::parse_error;
+        if (!buffer.overflowed()) {
+            return error::msg::parse_error;
+        }
+        return error::msg::invalid_argument; // as for every call beyond the limit of the bus
+    }
+    if (message_size::call(method.size(), blob_len(buffer.native()->head)) >
+        message_size::call_limit) {
+        return error::msg::invalid_argument;
     }
     // The entry comes first: once libubus works on the request nothing may fail any more.
     if (!requests_.insert(*bus, id, request)) {
@@ -148,9 +183,17 @@ void client_impl::invoke_req_data_handler(ubus_request* request, int /*type*/, b
             reply.front().set<std::multimap<std::string, blob::attr>>(std::move(table));
         });
         self.post_from_uloop([&self, reply = std::move(reply), status, record]() mutable {
-            self.invokes_.add_reply(record.get(), std::move(reply), status);
+            self.on_reply(record, std::move(reply), status);
         });
     });
+}
+
+void client_impl::on_reply(const std::shared_ptr<ubus_request>& request,
+                           std::list<blob::attr>&& reply, const std::error_code& status) {
+    const auto each = invokes_.add_reply(request.get(), reply, status);
+    if (each && *each) {
+        (*each)(reply.front());
+    }
 }
 
 void client_impl::invoke_req_done_handler(ubus_request* request, int status) {

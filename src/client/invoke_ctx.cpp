@@ -8,7 +8,8 @@ invoke_ctx::invoke_ctx(invoke_ctx&& other) noexcept
     , replies(std::move(other.replies))
     , request(std::move(other.request))
     , handler(std::move(other.handler))
-    , timer(std::move(other.timer)) {
+    , timer(std::move(other.timer))
+    , each(std::move(other.each)) {
     // A moved-from std::function need not be empty; this one must not keep what it captured.
     other.handler = nullptr;
 }
@@ -30,18 +31,21 @@ void invoke_table::set_timer(key request, const std::weak_ptr<invoke_ctx>& ctx,
     }
 }
 
-void invoke_table::add_reply(key request, std::list<blob::attr>&& reply,
-                             const std::error_code& status) {
+std::shared_ptr<const client::reply_handler>
+invoke_table::add_reply(key request, std::list<blob::attr>& reply, const std::error_code& status) {
     const std::lock_guard<std::mutex> guard(lock_);
     const auto entry = invokes_.find(request);
     if (entry == invokes_.end()) {
-        return;
+        return nullptr;
     }
     invoke_ctx& ctx = *entry->second;
-    ctx.replies.splice(ctx.replies.end(), reply);
     if (!ctx.status) {
         ctx.status = status;
     }
+    if (!ctx.each) {
+        ctx.replies.splice(ctx.replies.end(), reply);
+    }
+    return ctx.each;
 }
 
 std::optional<invoke_ctx> invoke_table::take(key request) {

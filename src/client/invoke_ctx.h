@@ -25,6 +25,8 @@ struct invoke_ctx {
     std::shared_ptr<ubus_request> request;
     client::result_handler handler;                  ///< may be empty
     std::shared_ptr<utils::event_loop::timer> timer; ///< empty without a time limit
+    /// Gets the replies in place of `replies`; null for a call that gathers them.
+    std::shared_ptr<const client::reply_handler> each;
 };
 
 /// The invocations that have been accepted and not yet ended. Safe from any thread.
@@ -45,8 +47,10 @@ public:
     void set_timer(key request, const std::weak_ptr<invoke_ctx>& ctx,
                    const std::shared_ptr<utils::event_loop::timer>& timer);
 
-    /// Adds one decoded reply, or drops it when the invocation has ended.
-    void add_reply(key request, std::list<blob::attr>&& reply, const std::error_code& status);
+    /// Takes one decoded reply to the others. Leaves it to the caller to tell when the invocation
+    /// has somebody for each reply, whom it returns, or has ended.
+    std::shared_ptr<const client::reply_handler>
+    add_reply(key request, std::list<blob::attr>& reply, const std::error_code& status);
 
     /// Ends the invocation of a request that the caller keeps alive (so that its address cannot
     /// belong to a newer one) and hands out its contents; nothing if it has ended already.

@@ -3,6 +3,7 @@
 
 #include "blob/message_size.h"
 #include "blob/policy.h"
+#include "client/bus_name.h"
 #include "client/callback_gate.h"
 #include "tarn/error.h"
 #include "tarn/uloop.h"
@@ -48,6 +49,16 @@ void build_records(ubus_object_ctx& records, ubus_handler_t handler) {
     records.object.n_methods = static_cast<int>(records.methods.size());
 }
 
+/// The same for the names of methods and of the fields that they expect.
+bool any_name_has_nul(const client::method_map& methods) {
+    return std::any_of(methods.begin(), methods.end(), [](const auto& method) {
+        const client::method_policy& fields = method.second.second;
+        return has_nul(method.first) ||
+               std::any_of(fields.begin(), fields.end(),
+                           [](const auto& field) { return has_nul(field.first); });
+    });
+}
+
 /// Forgets settled calls every now and then.
 void tidy_calls(ubus_object_ctx& records) {
     auto& calls = records.calls;
@@ -67,6 +78,9 @@ utils::link client_impl::add_object(const std::string& name, const method_map& m
                                     const completion_handler& handler) {
     if (get_tracker().expired()) {
         return report_later(handler, error::generic::aborted);
+    }
+    if (has_nul(name) || any_name_has_nul(methods)) {
+        return report_later(handler, error::msg::invalid_argument);
     }
     auto records = std::make_shared<ubus_object_ctx>();
     records->name = name;

@@ -214,12 +214,18 @@ TEST_F(ExchangeCtx, AReplyBeyondTheBusLimitIsAnInvalidArgumentAndEverythingStays
     publish_keeping();
     call_outcome done;
     const context ctx = open_call(done);
-    // More than a bus message takes, and more than a message buffer can hold at all.
-    for (const std::size_t size : {std::size_t{1} << 20U, std::size_t{17} << 20U}) {
-        outcome big;
-        ctx->send({{"big", std::string(size, 'x')}}, big.handler());
-        run_until([&] { return big.reported(); });
-        EXPECT_EQ(big.code(), make_error_code(msg::invalid_argument));
+    // More than a bus message takes, more than a message buffer can hold at all, and those whose
+    // length runs over to 0 at the buffer's last byte.
+    for (const std::size_t size :
+         {std::size_t{1} << 20U, std::size_t{17} << 20U, std::size_t{16777201},
+          std::size_t{16777200}, std::size_t{16777201 - 8}, std::size_t{16777201 - 12}}) {
+        for (const blob::attr& value :
+             {blob::attr(std::string(size, 'x')), blob::attr(blob::bytes(size))}) {
+            outcome big;
+            ctx->send({{"b", value}}, big.handler());
+            run_until([&] { return big.reported(); });
+            EXPECT_EQ(big.code(), make_error_code(msg::invalid_argument)) << size;
+        }
     }
     EXPECT_EQ(bus().get_state(), client::state::connected);
     EXPECT_FALSE(ctx->expired());
@@ -248,6 +254,41 @@ TEST_F(ExchangeCtx, TheLargestReplyThatTheBusTakesArrives) {
     EXPECT_EQ(too_big.code(), make_error_code(msg::invalid_argument));
     ASSERT_EQ(done.replies().size(), 1U);
     EXPECT_EQ(done.reply().find("x")->second.get<std::string>().size(), largest);
+}
+
+TEST_F(ExchangeCtx, AnAnswerJustBeforeADisconnectionIsSentAndReported) {
+    publish_keeping();
+    call_outcome done;
+    const context ctx = open_call(done);
+    outcome sent;
+    outcome disconnected;
+    ctx->send({{"n", 1}}, sent.handler());
+    ctx->respond(msg::success);
+    bus().disconnect(disconnected.handler());
+    EXPECT_TRUE(ctx->expired());
+    run_until([&] { return disconnected.reported(); });
+    EXPECT_FALSE(disconnected.code());
+    ASSERT_EQ(sent.count(), 1U);
+    EXPECT_FALSE(sent.code()) << sent.code().message();
+}
+
+TEST_F(ExchangeCtx, ADaemonThatHasStoppedHoldsUpADisconnectionForHalfASecondAtTheMost) {
+    publish_keeping();
+    call_outcome done;
+    const context ctx = open_call(done);
+    daemon_.pause();
+    outcome disconnected;
+    const auto begin = std::chrono::steady_clock::now();
+    ctx->send({{"n", 1}}, {});
+    ctx->respond(msg::success);
+    bus().disconnect(disconnected.handler());
+    run_until([&] { return disconnected.reported(); });
+    EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(500))
+        << "it may still read";
+    EXPECT_FALSE(disconnected.code());
+    EXPECT_EQ(bus().get_state(), client::state::disconnected);
+    daemon_.resume();
+    connect();
 }
 
 TEST_F(ExchangeCtx, AContextKeptAcrossAReconnectionStaysExpired) {

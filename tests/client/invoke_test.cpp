@@ -123,14 +123,92 @@ TEST_F(Invoke, ArgumentsThatCannotBeEncodedAreAParseError) {
 }
 
 TEST_F(Invoke, ArgumentsBeyondTheBusLimitAreAnInvalidArgumentAndTheConnectionStays) {
-    call_outcome big;
-    call("echo", {{"big", std::string(2U << 20U, 'x')}}, big.handler());
-    finish(big);
-    EXPECT_EQ(big.code(), make_error_code(msg::invalid_argument));
+    const blob::table too_large[]{
+        {{"big", std::string(2U << 20U, 'x')}},
+        // More than a message buffer can hold.
+        {{"big", std::string(17U << 20U, 'x')}},
+        {{"list", {{"table", {{"big", std::string(17U << 20U, 'x')}}}}}},
+        // Buffers whose length runs over to 0 at their last byte, and with libubus's own headers.
+        {{"u", blob::bytes(16777201)}},
+        {{"s", std::string(16777200, 'x')}},
+        {{"u", blob::bytes(0xffffff - 12 - 24)}},
+    };
+    for (const auto& args : too_large) {
+        call_outcome big;
+        call("echo", args, big.handler());
+        finish(big);
+        EXPECT_EQ(big.code(), make_error_code(msg::invalid_argument));
+        EXPECT_TRUE(big.replies().empty());
+    }
+    blob::table large_and_many{{"a", blob::bytes(16777201 - 1024)}};
+    for (int i = 0; i < 200; ++i) {
+        large_and_many.emplace("i", i);
+    }
+    call_outcome many;
+    call("echo", large_and_many, many.handler());
+    finish(many);
+    EXPECT_EQ(many.code(), make_error_code(msg::invalid_argument));
     call_outcome after;
     call("twice", {}, after.handler());
     finish(after);
     EXPECT_FALSE(after.code());
+}
+
+TEST_F(Invoke, TheLargestCallArrivesAndOneThatIsLongerIsAnInvalidArgument) {
+    // The message's head, the object's id, the method's name, the data's head, the field's header
+    // with its name, and the text's NUL. The rest up to the limit of the bus is for the names of
+    // the user and the group.
+    constexpr std::size_t around = 4 + 8 + (4 + 8) + 4 + 8 + 1;
+    constexpr std::size_t largest = 1048056 - around;
+    call_outcome fits;
+    call("echo", {{"x", std::string(largest, 'x')}}, fits.handler());
+    finish(fits);
+    EXPECT_FALSE(fits.code()) << fits.code().message();
+    ASSERT_EQ(fits.replies().size(), 1U);
+    EXPECT_EQ(fits.reply().find("x")->second.get<std::string>().size(), largest);
+    call_outcome too_large;
+    call("echo", {{"x", std::string(largest + 1, 'x')}}, too_large.handler());
+    finish(too_large);
+    EXPECT_EQ(too_large.code(), make_error_code(msg::invalid_argument));
+}
+
+TEST_F(Invoke, ANulInAPathOrAMethodIsAnInvalidArgument) {
+    using namespace std::string_literals;
+    const std::pair<std::string, std::string> cut[]{{"demo\0"s, "echo"},  {"demo\0x"s, "echo"},
+                                                    {"\0"s, "echo"},      {"demo", "echo\0"s},
+                                                    {"demo", "echo\0x"s}, {"demo", "\0"s}};
+    for (const auto& [path, method] : cut) {
+        call_outcome refused;
+        const auto link = bus().invoke(path, method, {}, refused.handler(), seconds(0));
+        EXPECT_TRUE(link.active());
+        EXPECT_FALSE(refused.reported()) << "never before invoke() returns";
+        finish(refused);
+        EXPECT_EQ(refused.code(), make_error_code(msg::invalid_argument));
+        EXPECT_FALSE(link.active());
+    }
+    EXPECT_FALSE(bus().invoke("demo\0"s, "echo", {}, {}, seconds(0)).active());
+}
+
+TEST_F(Invoke, APathThatEndsInAStarCallsTheLastObjectThatMatches) {
+    outcome added;
+    for (const std::string name : {"own.a", "own.b", "owner"}) {
+        const auto tell = [name](const std::shared_ptr<client::exchange_ctx>& ctx) {
+            ctx->send({{"name", name}}, {});
+        };
+        bus().add_object(name, {{"tell", {tell, {}}}}, added.handler());
+    }
+    run_until([&] { return added.count() == 3; });
+    const auto called = [](const std::string& path) {
+        call_outcome done;
+        bus().invoke(path, "tell", {}, done.handler(), seconds(0));
+        finish(done);
+        return done.replies().empty() ? done.code().message()
+                                      : done.reply().find("name")->second.get<std::string>();
+    };
+    EXPECT_EQ(called("own.a*"), "own.a");
+    EXPECT_EQ(called("own.*"), "own.b");
+    EXPECT_EQ(called("own*"), "owner");
+    EXPECT_EQ(called("nobody*"), make_error_code(msg::not_found).message());
 }
 
 TEST_F(Invoke, APathOrMethodBeyondTheBusLimitIsAnInvalidArgumentAndTheConnectionStays) {

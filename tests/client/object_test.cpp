@@ -140,6 +140,18 @@ TEST_F(Object, ADescriptionBeyondTheBusLimitIsAnInvalidArgumentAndTheConnectionS
     EXPECT_FALSE(add("own", echo()));
 }
 
+TEST_F(Object, ANulInANameIsAnInvalidArgument) {
+    using namespace std::string_literals;
+    const client::method_handler serve = [](const context&) {
+    };
+    EXPECT_EQ(add("own\0"s, echo()), make_error_code(msg::invalid_argument));
+    EXPECT_EQ(add("own\0ed"s, echo()), make_error_code(msg::invalid_argument));
+    EXPECT_EQ(add("own", {{"method\0"s, {serve, {}}}}), make_error_code(msg::invalid_argument));
+    EXPECT_EQ(add("own", {{"method", {serve, {{"field\0"s, typeid(bool)}}}}}),
+              make_error_code(msg::invalid_argument));
+    EXPECT_FALSE(add("own", echo())) << "none of them has taken the name";
+}
+
 TEST_F(Object, ASecondObjectOfTheSameNameIsAnInvalidArgument) {
     ASSERT_FALSE(add("own", echo()));
     outcome second;

@@ -56,15 +56,8 @@ public:
     void expect(const outcomes& expected) const;
 
     const call_outcome& call() const { return call_; }
-    /// What the sends reported, if they have.
-    std::optional<code> first_send_code() const { return reported(first_send_); }
-    std::optional<code> last_send_code() const { return reported(last_send_); }
 
 private:
-    static std::optional<code> reported(const outcome& of) {
-        return of.reported() ? std::optional<code>(of.code()) : std::nullopt;
-    }
-
     outcome first_send_;
     call_outcome call_;
     call_outcome limited_call_;
@@ -85,8 +78,7 @@ protected:
 
     /// A round: set_up_round(), then `react` at the first `moment` with everything under way, then
     /// `act`, until everything expected has been reported. With a reconnection, a disconnect() and
-    /// a connect() are under way as well and must both succeed; the sends are not waited for then,
-    /// see expect_round().
+    /// a connect() are under way as well and must both succeed.
     enum class overtaken { by_nothing, by_reconnection };
     void play(wire::type moment, const scripted_bus::reaction& react, const outcomes& expected,
               overtaken how = overtaken::by_nothing, const std::function<void()>& act = {});
@@ -95,13 +87,6 @@ protected:
     void play_to_the_end(wire::type moment, const scripted_bus::reaction& react,
                          const outcomes& expected, overtaken how,
                          const std::function<void()>& act = {});
-
-    /// A round's operations have ended as expected. For when the connection of the round is gone.
-    ///
-    /// A send that disconnect() overtakes is not sent, and nobody hears of it. How many it
-    /// overtakes is between the two threads: with a reconnection an expected success may be missing
-    /// instead, but not of the first send alone, and never of one that the bus has met.
-    void expect_round(wire::type moment, outcomes expected, overtaken how) const;
 
     /// The bus has ended the connection: the client gets to disconnected by itself.
     void expect_loss();

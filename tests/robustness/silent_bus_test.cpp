@@ -144,6 +144,24 @@ TEST_F(shut_bus_test, EndsTheConnectionWithASend) {
     shut_at(wire::remove_object, expected);
 }
 
+TEST_F(shut_bus_test, EndsTheConnectionWithTheLastThingThatIsDone) {
+    // A reply that can be written, and nothing but the completion after it.
+    for (int round = 0; round < rounds(5); ++round) {
+        ASSERT_NO_FATAL_FAILURE(set_up_round());
+        scripted_.on_next(wire::data, [](const wire::bytes& healthy, const wire::received&) {
+            return answer{healthy, afterwards::shut_reading};
+        });
+        outcome sent;
+        context_->send({{"text", blob::attr("hello")}}, sent.handler());
+        EXPECT_TRUE(scripted_.wait_for_reaction());
+        context_->respond(error::msg::success);
+        ASSERT_NO_FATAL_FAILURE(expect_loss());
+        EXPECT_EQ(sent.count(), 1U);
+        ASSERT_NO_FATAL_FAILURE(expect_recovery());
+    }
+    expect_recovery_on_daemon();
+}
+
 using mute_service_test = misbehaving_bus_test;
 
 TEST_F(mute_service_test, HoldsUpItsOwnCallOnly) {

@@ -92,7 +92,7 @@ protected:
         ASSERT_EQ(operations_->call().replies().size(), 1U);
         EXPECT_EQ(operations_->call().reply().count("text"), 1U);
         ASSERT_NO_FATAL_FAILURE(expect_recovery());
-        expect_round(moment, expected, how);
+        operations_->expect(expected);
     }
 
     void misbehave_everywhere(overtaken how) {
@@ -155,7 +155,7 @@ protected:
                                             error::msg::success));
             ASSERT_NO_FATAL_FAILURE(disconnect());
             ASSERT_NO_FATAL_FAILURE(expect_recovery());
-            expect_round(wrong.moment, wrong.expected, how);
+            operations_->expect(wrong.expected);
         }
         expect_recovery_on_daemon();
     }
