@@ -60,11 +60,6 @@ public:
     /// The same with a copy of `task`.
     void post(const std::function<void()>& task);
 
-    /// A task in memory that has been taken for it in advance: a list of one.
-    using ready_task = std::list<std::function<void()>>;
-    /// The same for such a task. Needs no memory.
-    void post(ready_task&& task);
-
     /// Runs everything that is queued; when exit() was called, ends the loop instead. For the
     /// loop's own use: the loop's thread only. `drain_wakeup` says that a wake-up byte is there to
     /// be consumed. Throws std::runtime_error "uloop: Can't clean uloop notify buffer: ..." when it
@@ -82,8 +77,17 @@ public:
     void exception_handler() noexcept;
 
 private:
+    friend class client_impl;
+    friend struct incoming_call;
+
+    /// A task in memory that has been taken for it in advance: a list of one.
+    using ready_task = std::list<std::function<void()>>;
+
     uloop();
     ~uloop() = default;
+
+    /// post() for such a task. Needs no memory.
+    void post_ready(ready_task&& task);
 
     void open_wakeup();
     void close_wakeup() noexcept;

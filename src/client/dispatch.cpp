@@ -52,7 +52,7 @@ void client_impl::post_ready(uloop::ready_task task) noexcept {
         if (stopped_) {
             return;
         }
-        uloop::get_instance().post(std::move(task));
+        uloop::get_instance().post_ready(std::move(task));
         if (delivery_waits_) {
             post([this] { process_task_queue(); });
             delivery_waits_ = false;

@@ -113,7 +113,7 @@ void client_impl::stop() noexcept {
         life.swap(life_token_);
     }
     auto ended = loop_ended_.get_future();
-    uloop::get_instance().post(std::move(last_task_));
+    uloop::get_instance().post_ready(std::move(last_task_));
     if (ended.wait_for(end_limit) != std::future_status::ready) {
         loop_thread_.detach();
         return;

@@ -12,9 +12,9 @@ pending_handlers::ticket pending_handlers::add(const handler& h) {
     auto shared = std::make_shared<handler>(h);
     const std::weak_ptr<handler> watched = shared;
     const std::lock_guard<std::mutex> guard(lock_);
-    const auto position = entries_.insert(entries_.end(), {std::move(shared), newest_ + 1});
+    entries_.emplace_hint(entries_.end(), newest_ + 1, std::move(shared));
     ++newest_;
-    return {watched, position};
+    return {watched, newest_};
 }
 
 utils::link pending_handlers::link_to(const ticket& t) {
@@ -27,11 +27,12 @@ utils::link pending_handlers::link_to(const ticket& t) {
 
 pending_handlers::handler pending_handlers::take(const ticket& t) {
     const std::lock_guard<std::mutex> guard(lock_);
-    if (t.watched.expired()) {
+    const auto entry = entries_.find(t.no);
+    if (entry == entries_.end()) {
         return nullptr;
     }
-    handler taken = std::move(*t.position->function);
-    entries_.erase(t.position);
+    handler taken = std::move(*entry->second);
+    entries_.erase(entry);
     return taken;
 }
 
@@ -42,11 +43,12 @@ pending_handlers::number pending_handlers::newest() const {
 
 pending_handlers::handler pending_handlers::take_oldest(number last) {
     const std::lock_guard<std::mutex> guard(lock_);
-    if (entries_.empty() || entries_.front().no > last) {
+    const auto oldest = entries_.begin();
+    if (oldest == entries_.end() || oldest->first > last) {
         return nullptr;
     }
-    handler taken = std::move(*entries_.front().function);
-    entries_.pop_front();
+    handler taken = std::move(*oldest->second);
+    entries_.erase(oldest);
     return taken;
 }
 

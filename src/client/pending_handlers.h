@@ -7,7 +7,7 @@
 
 #include <cstdint>
 #include <limits>
-#include <list>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -25,17 +25,10 @@ public:
     using number = std::uint64_t;
     static constexpr number any = std::numeric_limits<number>::max();
 
-private:
-    struct entry {
-        std::shared_ptr<handler> function;
-        number no;
-    };
-
-public:
-    /// Names one entry, for as long as it exists. The ticket of an empty handler names none.
+    /// Names one entry, also after it has ended. The ticket of an empty handler names none.
     struct ticket {
         std::weak_ptr<handler> watched;
-        std::list<entry>::iterator position;
+        number no = any;
     };
 
     pending_handlers() = default;
@@ -60,7 +53,7 @@ public:
 
 private:
     mutable std::mutex lock_; ///< guards the two below; nothing else is locked while it is held
-    std::list<entry> entries_;
+    std::map<number, std::shared_ptr<handler>> entries_; ///< the oldest first
     number newest_ = 0;
 };
 

@@ -103,7 +103,7 @@ void uloop::post(std::function<void()>&& task) {
     queue_.push_back(std::move(task));
 }
 
-void uloop::post(ready_task&& task) {
+void uloop::post_ready(ready_task&& task) {
     const std::lock_guard<std::recursive_mutex> guard(lock_);
     notify();
     queue_.splice(queue_.end(), task);
@@ -164,7 +164,7 @@ void uloop::exception_handler() noexcept {
         std::exception_ptr replaced = std::current_exception(); // destroyed outside the lock
         const std::lock_guard<std::recursive_mutex> guard(lock_);
         uloop_cancelled = true;
-        pending_exception_.swap(replaced);
+        std::swap(pending_exception_, replaced);
     }
 }
 
@@ -185,7 +185,7 @@ void uloop::run() {
         asked_to_exit = exiting_;
         close_wakeup();
         dropped.swap(queue_);
-        failure.swap(pending_exception_);
+        std::swap(failure, pending_exception_);
     }
     if (failure) {
         std::rethrow_exception(failure);
@@ -201,7 +201,7 @@ void uloop::open_wakeup() {
     if (running_ || exiting_) {
         throw std::runtime_error(prefix_ + "Can't run second uloop");
     }
-    forgotten.swap(pending_exception_);
+    std::swap(forgotten, pending_exception_);
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, wakeup_) < 0) {
         throw system_failure(prefix_ + "Can't create socketpair for post ", "");
     }

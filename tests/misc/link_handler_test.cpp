@@ -2,6 +2,7 @@
 #include "tarn/misc/link_handler.h"
 
 #include <atomic>
+#include <functional>
 #include <gtest/gtest.h>
 #include <stdexcept>
 #include <string>
@@ -28,6 +29,55 @@ TEST(LinkHandler, CallsGoThroughAnyNumberOfTimesUntilTheLinkIsReleased) {
     EXPECT_FALSE(l.active());
     wrapped();
     EXPECT_EQ(calls, 3);
+}
+
+TEST(LinkHandler, WithOnceACopyThatThrowsLeavesTheHandlerInService) {
+    struct fragile {
+        bool* fails;
+        int* calls;
+        fragile(bool* when, int* counter)
+            : fails(when)
+            , calls(counter) {}
+        fragile(const fragile& other)
+            : fails(other.fails)
+            , calls(other.calls) {
+            if (*fails) {
+                throw std::runtime_error("no copy");
+            }
+        }
+        void operator()() const { ++*calls; }
+    };
+    bool fails = false;
+    int calls = 0;
+    auto [wrapped, l] = link_handler(std::function<void()>(fragile(&fails, &calls)), true);
+    fails = true;
+    EXPECT_THROW(wrapped(), std::runtime_error);
+    EXPECT_TRUE(l.active());
+    fails = false;
+    wrapped();
+    EXPECT_FALSE(l.active());
+    wrapped();
+    EXPECT_EQ(calls, 1);
+}
+
+TEST(LinkHandler, WithOnceOneOfManyCallsAtATimeRunsTheHandler) {
+    for (int round = 0; round < 200; ++round) {
+        std::atomic<int> calls{0};
+        std::atomic<bool> go{false};
+        const auto made = link_handler(std::function<void()>([&calls] { ++calls; }), true);
+        std::vector<std::thread> callers;
+        for (int i = 0; i < 4; ++i) {
+            callers.emplace_back([&go, wrapped = made.first] {
+                while (!go) {}
+                wrapped();
+            });
+        }
+        go = true;
+        for (auto& caller : callers) {
+            caller.join();
+        }
+        ASSERT_EQ(calls, 1);
+    }
 }
 
 TEST(LinkHandler, WithOnceRunsTheHandlerOnTheFirstCallOnly) {

@@ -17,6 +17,15 @@ TEST(SharedPtrTracker, IsAliveAsLongAsItsObject) {
     EXPECT_FALSE(tracker);
 }
 
+TEST(SharedPtrTracker, IsMadeFromAReferenceWithoutAWord) {
+    const auto expired = [](const shared_ptr_tracker& tracker) {
+        return tracker.expired();
+    };
+    const auto object = std::make_shared<int>(1);
+    EXPECT_FALSE(expired(std::weak_ptr<void>(object)));
+    EXPECT_TRUE(expired({object, std::weak_ptr<void>()}));
+}
+
 TEST(SharedPtrTracker, MadeFromAnEmptyReferenceIsExpiredFromTheStart) {
     EXPECT_TRUE(shared_ptr_tracker(std::weak_ptr<void>()).expired());
     EXPECT_TRUE(shared_ptr_tracker(std::shared_ptr<int>()).expired());

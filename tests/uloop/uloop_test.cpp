@@ -38,6 +38,14 @@ protected:
     names calls;
 };
 
+TEST_F(Uloop, PostingEmptyBracesIsPostingNothing) {
+    loop.post({});
+    loop.post(named("something"));
+    loop.post([this] { loop.exit(); });
+    loop.run();
+    EXPECT_EQ(calls, names{"something"});
+}
+
 TEST_F(Uloop, ThereIsOneInstance) {
     EXPECT_EQ(&uloop::get_instance(), &loop);
 }

@@ -51,13 +51,16 @@ std::tuple<Function, std::weak_ptr<void>, utils::link> wrap_handler(const F& han
     // Shared by all copies of the wrapped handler: the last one takes the user's handler with it.
     const auto guard = std::make_shared<utils::scoped_link>(l);
     return {[ctx, once, guard](auto&&... args) {
-                std::shared_ptr<F> kept = once ? ctx->take() : ctx->get();
+                std::shared_ptr<F> kept = ctx->get();
                 if (!kept) {
                     return; // released since the caller looked
                 }
-                F copy(*kept);
+                F copy(*kept); // first, so that a copy that fails has used nothing up
                 // Before the call: the place must not outlive a release that comes during it.
                 kept.reset();
+                if (once && !ctx->take()) {
+                    return; // another call, or a release, came in between
+                }
                 copy(std::forward<decltype(args)>(args)...);
             },
             ctx->get(), l};
@@ -70,7 +73,8 @@ std::tuple<Function, std::weak_ptr<void>, utils::link> wrap_handler(const F& han
 /// runs to its end. The link is active until it is released, until every copy of the returned
 /// handler is destroyed, or, with `once`, until the first call, before `handler` is entered.
 ///
-/// Every call runs a fresh copy of `handler`. What it throws passes through; an empty std::function
+/// Every call runs a fresh copy of `handler`. What it throws passes through, and what making the
+/// copy throws too: the handler then has not run and is still in service. An empty std::function
 /// throws std::bad_function_call when called.
 ///
 /// Threads. The returned handler may be called, copied and destroyed on one thread while the link

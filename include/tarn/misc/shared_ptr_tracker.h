@@ -24,7 +24,7 @@ public:
     /// Watches the objects behind `p` and `more` (weak or shared pointers). An empty pointer counts
     /// as an object that is gone.
     template <class... Ptrs>
-    explicit shared_ptr_tracker(const std::weak_ptr<void>& p, Ptrs&&... more) {
+    shared_ptr_tracker(const std::weak_ptr<void>& p, Ptrs&&... more) {
         add(p, std::forward<Ptrs>(more)...);
     }
 
