@@ -115,7 +115,7 @@ call 0 '*"sum": 42*' sum '{"numbers": [1, 2, 39]}'
 echo "# one call, several replies, one a line"
 call 0 $'{"n":1}\n{"n":2}\n{"n":3}' count '{"to": 3}' -s
 echo "# a method that nobody serves"
-call 13 'tarn: Method not found' fly
+call 13 'tarn: example.fly: Method not found' fly
 
 kill -TERM "$example_service_pid"
 ended=0

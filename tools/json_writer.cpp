@@ -54,7 +54,8 @@ json scalar(const attr& value) {
         return value.get<std::string>();
     }
     if (is(typeid(bytes))) {
-        return to_hex(value.get<bytes>());
+        const auto& data = value.get<bytes>();
+        return data.empty() ? json() : json(to_hex(data));
     }
     return nullptr; // empty, which no message holds
 }

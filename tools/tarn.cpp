@@ -1,24 +1,28 @@
 /// tarn: the bus from the command line.
 #include "json.h"
+#include "options.h"
 
 #include <tarn/loops/epoll_loop.h>
 #include <tarn/tarn.h>
 
-#include <charconv>
+#include <array>
+#include <cerrno>
 #include <cstdlib>
 #include <functional>
 #include <iostream>
 #include <memory>
-#include <optional>
 #include <stdexcept>
 #include <string>
-#include <string_view>
+#include <system_error>
+#include <unistd.h>
 #include <vector>
 
 namespace {
 
 using std::chrono::seconds;
 using tarn::error::msg;
+using tools::options;
+using tools::usage_error;
 
 constexpr int exit_usage = 2;
 constexpr int exit_no_bus = 3;
@@ -30,68 +34,25 @@ constexpr const char* help =
 
   tarn call PATH METHOD [JSON] [-t SECONDS] [-s]
       Calls METHOD of the object PATH with the fields of the JSON object, and prints every reply
-      as JSON, indented, or one a line with -s. Gives up after SECONDS (default 30, 0 never).
+      as JSON, indented, or one a line with -s (or -S). A JSON of - is read from standard input.
+      Gives up after SECONDS (default 30, 0 never).
   tarn wait PATH [-t SECONDS]
       Waits until an object PATH is on the bus, and for the bus itself. Gives up after SECONDS
       (default 0, never).
   tarn --version
   tarn --help
 
-Integers go out 32 bits wide when they fit (signed), else 64; numbers with a point as doubles.
-In replies, a byte of 0 or 1 is printed as false or true, raw bytes as hexadecimal digits.
-What follows a -- is no option.
+Options may stand anywhere, before the command too. What follows a -- is no option.
 
+Integers go out 32 bits wide when they fit (signed), else 64; numbers with a point as doubles, null
+as a field without type and data. In replies, a byte of 0 or 1 is printed as false or true, a field
+without a type as hexadecimal digits, or as null when it has no data.
+
+Errors go to standard error, with the object and the method: 'tarn: demo.fly: Method not found'.
 Exit status: 0 success, 2 wrong usage or JSON, 3 no bus, 4 nobody there or no answer in time,
 10 + N when the call ended with ubus status N (14 no such object, 13 no such method, ...),
 1 anything else.
 )";
-
-class usage_error : public std::runtime_error {
-public:
-    using std::runtime_error::runtime_error;
-};
-
-struct options {
-    std::vector<std::string> words; ///< what is no option, in order
-    std::optional<seconds> limit;
-    bool single_line = false;
-    bool help = false;
-};
-
-seconds parse_seconds(std::string_view text) {
-    long long number = -1;
-    const auto result = std::from_chars(text.data(), text.data() + text.size(), number);
-    if (result.ec != std::errc() || result.ptr != text.data() + text.size() || number < 0) {
-        throw usage_error("'" + std::string(text) + "' is no number of seconds");
-    }
-    return seconds(number);
-}
-
-options parse(const std::vector<std::string>& arguments) {
-    options parsed;
-    bool options_over = false;
-    for (auto argument = arguments.begin(); argument != arguments.end(); ++argument) {
-        if (options_over) {
-            parsed.words.push_back(*argument);
-        } else if (*argument == "--") {
-            options_over = true;
-        } else if (*argument == "-h" || *argument == "--help") {
-            parsed.help = true;
-        } else if (*argument == "-s") {
-            parsed.single_line = true;
-        } else if (*argument == "-t") {
-            if (++argument == arguments.end()) {
-                throw usage_error("-t needs a number of seconds");
-            }
-            parsed.limit = parse_seconds(*argument);
-        } else if (argument->size() > 1 && argument->front() == '-') {
-            throw usage_error("unknown option '" + *argument + "'");
-        } else {
-            parsed.words.push_back(*argument);
-        }
-    }
-    return parsed;
-}
 
 /// The program's loop, which outlives the client made after it.
 const std::shared_ptr<tarn::loops::epoll_loop>& the_loop() {
@@ -111,63 +72,141 @@ int exit_status_for(const std::error_code& status) {
                : 1;
 }
 
-int report(const std::error_code& status) {
+/// Tells the user of a failure: what was asked for, and why it did not come to be.
+int report(const std::string& subject, const std::error_code& status, const char* remark = "") {
     if (status) {
-        std::cerr << "tarn: " << status.message() << '\n';
+        std::cerr << "tarn: " << subject << ": " << status.message() << remark << '\n';
     }
     return exit_status_for(status);
 }
 
-/// Ends the loop with a report once `limit` has passed; zero is no limit.
-std::shared_ptr<tarn::utils::event_loop::timer> end_after(seconds limit, int& exit_status) {
+/// Runs `expired` once `limit` has passed; zero is no limit.
+std::shared_ptr<tarn::utils::event_loop::timer> after(seconds limit,
+                                                      const std::function<void()>& expired) {
     auto timer = the_loop()->create_timer();
-    timer->set_handler([&exit_status] {
-        exit_status = report(msg::timeout);
-        the_loop()->stop();
-    });
+    timer->set_handler(expired);
     if (limit != seconds::zero()) {
         timer->set_timeout(limit);
     }
     return timer;
 }
 
+/// The daemon would refuse such a look-up, and an answer of any kind is what wait waits for.
+void refuse_empty(const std::string& path) {
+    if (path.empty()) {
+        throw usage_error("no object has an empty path");
+    }
+}
+
+/// Everything up to the end of standard input. Throws std::system_error when it cannot be read.
+std::string read_standard_input() {
+    std::string text;
+    std::array<char, 65536> chunk{};
+    for (;;) {
+        const ssize_t size = ::read(STDIN_FILENO, chunk.data(), chunk.size());
+        if (size < 0 && errno == EINTR) {
+            continue;
+        }
+        if (size < 0) {
+            throw std::system_error(errno, std::generic_category(), "cannot read standard input");
+        }
+        if (size == 0) {
+            return text;
+        }
+        text.append(chunk.data(), static_cast<std::size_t>(size));
+    }
+}
+
+/// The arguments of a call, from the words of the command line.
+tarn::blob::table arguments_of_call(const std::vector<std::string>& words) {
+    std::string text;
+    if (words.size() == 3 && words[2] == "-") {
+        text = read_standard_input();
+        // A message without fields is written {}; nothing at all is the trace of a command that
+        // failed at the other end of a pipe.
+        if (text.find_first_not_of(" \t\r\n") == std::string::npos) {
+            throw usage_error("no JSON on standard input");
+        }
+    } else if (words.size() == 3) {
+        text = words[2];
+    }
+    try {
+        return tools::to_table(text);
+    } catch (const std::invalid_argument& error) {
+        throw usage_error(error.what());
+    }
+}
+
+/// Connects, calls one method and prints what comes back.
+class one_call {
+public:
+    one_call(tarn::client& bus, const options& given)
+        : bus_(bus)
+        , path_(given.words[0])
+        , method_(given.words[1])
+        , form_(given.single_line ? tools::layout::single_line : tools::layout::indented) {}
+
+    /// Starts the loop and returns the exit status. The limit counts for all of it.
+    int run(const tarn::blob::table& args, seconds limit) {
+        const auto patience = after(limit, [this] { expire(); });
+        connection_ = bus_.connect([this, &args](const std::error_code& no_bus) {
+            if (no_bus) {
+                std::cerr << "tarn: cannot connect to the bus\n";
+                return end_with(exit_no_bus);
+            }
+            call_ = bus_.invoke(
+                path_, method_, args,
+                [this](const std::list<tarn::blob::attr>& replies, const std::error_code& status) {
+                    for (const auto& reply : replies) {
+                        print(reply);
+                    }
+                    end(status);
+                },
+                seconds::zero());
+        });
+        the_loop()->run();
+        return exit_status_;
+    }
+
+private:
+    void print(const tarn::blob::attr& reply) const {
+        std::cout << tools::to_text(reply.get<tarn::blob::table>(), form_) << std::endl;
+    }
+
+    void expire() {
+        if (bus_.is_active()) {
+            return end(msg::timeout);
+        }
+        report(path_ + '.' + method_, msg::timeout, " (the bus does not answer)");
+        end_with(exit_timeout);
+    }
+
+    void end(const std::error_code& status) { end_with(report(path_ + '.' + method_, status)); }
+
+    void end_with(int exit_status) {
+        exit_status_ = exit_status;
+        connection_.release();
+        call_.release();
+        the_loop()->stop();
+    }
+
+    tarn::client& bus_;
+    const std::string path_;
+    const std::string method_;
+    const tools::layout form_;
+    int exit_status_ = 1;
+    tarn::utils::scoped_link connection_;
+    tarn::utils::scoped_link call_;
+};
+
 int call(const options& given) {
     if (given.words.size() < 2 || given.words.size() > 3) {
         throw usage_error("call takes PATH METHOD [JSON] [-t SECONDS] [-s]");
     }
-    tarn::blob::table args;
-    try {
-        args = tools::to_table(given.words.size() == 3 ? given.words[2] : "");
-    } catch (const std::invalid_argument& error) {
-        throw usage_error(error.what());
-    }
+    refuse_empty(given.words[0]);
+    const tarn::blob::table args = arguments_of_call(given.words);
     tarn::client& bus = tarn::client::get_instance(the_loop());
-    const auto form = given.single_line ? tools::layout::single_line : tools::layout::indented;
-    int exit_status = 1;
-
-    const auto on_result = [&](const std::list<tarn::blob::attr>& replies,
-                               const std::error_code& status) {
-        for (const auto& reply : replies) {
-            std::cout << tools::to_text(reply.get<tarn::blob::table>(), form) << '\n';
-        }
-        exit_status = report(status);
-        the_loop()->stop();
-    };
-    const seconds limit = given.limit.value_or(seconds(30));
-    const auto patience = end_after(limit, exit_status);
-    bus.connect([&](const std::error_code& no_bus) {
-        patience->stop();
-        if (no_bus == make_error_code(tarn::error::generic::aborted)) {
-            return; // the limit has passed, which is reported already
-        }
-        if (no_bus) {
-            std::cerr << "tarn: cannot connect to the bus\n";
-            exit_status = exit_no_bus;
-            return the_loop()->stop();
-        }
-        bus.invoke(given.words[0], given.words[1], args, on_result, limit);
-    });
-    the_loop()->run();
+    const int exit_status = one_call(bus, given).run(args, given.limit.value_or(seconds(30)));
     bus.cancel();
     return exit_status;
 }
@@ -222,10 +261,15 @@ int wait(const options& given) {
     if (given.words.size() != 1 || given.single_line) {
         throw usage_error("wait takes PATH [-t SECONDS]");
     }
+    const std::string& path = given.words[0];
+    refuse_empty(path);
     tarn::client& bus = tarn::client::get_instance(the_loop());
     int exit_status = 0;
-    const auto patience = end_after(given.limit.value_or(seconds(0)), exit_status);
-    watch object(bus, given.words[0]);
+    const auto patience = after(given.limit.value_or(seconds(0)), [&] {
+        exit_status = report(path, msg::timeout);
+        the_loop()->stop();
+    });
+    watch object(bus, path);
     object.start();
     the_loop()->run();
     bus.cancel();
@@ -233,27 +277,23 @@ int wait(const options& given) {
 }
 
 int run(const std::vector<std::string>& arguments) {
-    const std::string command = arguments.empty() ? "" : arguments.front();
-    if (command == "--help" || command == "-h") {
-        std::cout << help;
-        return 0;
-    }
-    if (command == "--version") {
-        std::cout << "tarn " << tarn::version::get_string() << '\n';
-        return 0;
-    }
-    const options given = parse({arguments.begin() + (arguments.empty() ? 0 : 1), arguments.end()});
+    const options given = tools::parse_options(arguments);
     if (given.help) {
         std::cout << help;
         return 0;
     }
-    if (command == "call") {
+    if (given.version) {
+        std::cout << "tarn " << tarn::version::get_string() << '\n';
+        return 0;
+    }
+    if (given.command == "call") {
         return call(given);
     }
-    if (command == "wait") {
+    if (given.command == "wait") {
         return wait(given);
     }
-    throw usage_error(command.empty() ? "no command" : "unknown command '" + command + "'");
+    throw usage_error(given.command.empty() ? "no command"
+                                            : "unknown command '" + given.command + "'");
 }
 
 } // namespace

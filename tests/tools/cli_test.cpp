@@ -24,12 +24,25 @@ std::vector<std::string> command_line(const std::vector<std::string>& words) {
     return line;
 }
 
-ended tool(const std::vector<std::string>& words) {
-    child_process child(command_line(words));
+ended run(const std::vector<std::string>& command) {
+    child_process child(command);
     ended result;
     result.output = child.read_rest();
     result.status = child.wait();
     return result;
+}
+
+ended tool(const std::vector<std::string>& words) {
+    return run(command_line(words));
+}
+
+/// The tool at the end of a pipe into which a shell's printf writes `input`.
+ended tool_with_input(const std::string& input, const std::vector<std::string>& words) {
+    std::vector<std::string> line{"/bin/sh", "-c",
+                                  "printf '%s' \"$1\" | { shift; exec \"$0\" \"$@\" 2>&1; }",
+                                  TARN_TEST_TOOL, input};
+    line.insert(line.end(), words.begin(), words.end());
+    return run(line);
 }
 
 void expect_usage_error(const std::vector<std::string>& words, const std::string& text) {
@@ -72,6 +85,63 @@ TEST_F(CliWithService, EveryKindOfValueSurvivesTheWayThereAndBack) {
     EXPECT_EQ(tool({"call", "demo", "echo", text, "-s"}).output, text + "\n");
 }
 
+TEST_F(CliWithService, NullSurvivesTheWayThereAndBackAtAnyDepth) {
+    const std::string text = R"({"a":null,"b":[null,{"c":null},1],"d":{"e":[[null]]}})";
+    EXPECT_EQ(tool({"call", "demo", "echo", text, "-s"}).output, text + "\n");
+}
+
+TEST_F(CliWithService, TheLargestAndTheSmallestIntegerSurviveTheWayThereAndBack) {
+    const std::string text = R"({"a":[9223372036854775807,{"b":-9223372036854775808}]})";
+    EXPECT_EQ(tool({"call", "demo", "echo", text, "-s"}).output, text + "\n");
+}
+
+TEST_F(CliWithService, ADashReadsTheJsonFromStandardInput) {
+    const std::string text = R"({"a":"it's \"here\"","b":[1,null]})";
+    const auto echoed = tool_with_input(text + "\n", {"call", "demo", "echo", "-", "-s"});
+    EXPECT_EQ(echoed.output, text + "\n");
+    EXPECT_EQ(echoed.status, 0);
+    EXPECT_EQ(tool_with_input(text, {"call", "-s", "--", "demo", "echo", "-"}).output, text + "\n");
+}
+
+TEST_F(CliWithService, StandardInputMayBeLongerThanAPipeHolds) {
+    const std::string text = "{\"a\":\"" + std::string(100000, 'x') + "\"}";
+    EXPECT_EQ(tool_with_input(text, {"call", "demo", "echo", "-", "-s"}).output, text + "\n");
+}
+
+TEST_F(CliWithService, StandardInputIsLeftAloneWithoutADash) {
+    const auto left =
+        run({"/bin/sh", "-c", "printf kept | { \"$0\" call demo quit && cat; }", TARN_TEST_TOOL});
+    EXPECT_EQ(left.output, "kept");
+    EXPECT_EQ(left.status, 0);
+}
+
+TEST_F(CliWithService, OptionsMayStandAnywhere) {
+    for (const auto& words :
+         std::vector<std::vector<std::string>>{{"-s", "call", "demo", "twice"},
+                                               {"-t", "20", "-s", "call", "demo", "twice"},
+                                               {"call", "-t", "20", "demo", "-s", "twice"},
+                                               {"call", "demo", "twice", "-s", "-t20"},
+                                               {"-S", "call", "demo", "twice"},
+                                               {"-s", "--", "call", "demo", "twice"}}) {
+        const auto twice = tool(words);
+        EXPECT_EQ(twice.output, "{\"i\":1}\n{\"i\":2}\n");
+        EXPECT_EQ(twice.status, 0);
+    }
+    EXPECT_EQ(tool({"-t", "5", "wait", "demo"}).status, 0);
+}
+
+TEST_F(CliWithService, OfALimitGivenTwiceTheLastCounts) {
+    const auto late = tool({"-t", "0", "call", "demo", "late", R"({"ms": 600000})", "-t1"});
+    EXPECT_EQ(late.status, 4);
+}
+
+TEST_F(CliWithService, WhatIsPrintedOfAFailureGoesToStandardError) {
+    const auto silent =
+        run({"/bin/sh", "-c", "exec \"$0\" call demo deny 2>/dev/null", TARN_TEST_TOOL});
+    EXPECT_EQ(silent.output, "");
+    EXPECT_EQ(silent.status, 16);
+}
+
 TEST_F(CliWithService, ACallWithoutDataPrintsNothing) {
     const auto quit = tool({"call", "demo", "quit"});
     EXPECT_EQ(quit.output, "");
@@ -80,19 +150,19 @@ TEST_F(CliWithService, ACallWithoutDataPrintsNothing) {
 
 TEST_F(CliWithService, ARefusalIsTenAndItsStatus) {
     const auto denied = tool({"call", "demo", "deny"});
-    EXPECT_EQ(denied.output, "tarn: Permission denied\n");
+    EXPECT_EQ(denied.output, "tarn: demo.deny: Permission denied\n");
     EXPECT_EQ(denied.status, 16);
 }
 
 TEST_F(CliWithService, AnUnknownMethodIs13) {
     const auto unknown = tool({"call", "demo", "other"});
-    EXPECT_EQ(unknown.output, "tarn: Method not found\n");
+    EXPECT_EQ(unknown.output, "tarn: demo.other: Method not found\n");
     EXPECT_EQ(unknown.status, 13);
 }
 
 TEST_F(CliWithService, AnAnswerThatDoesNotComeInTimeIs4) {
     const auto late = tool({"call", "demo", "late", R"({"ms": 600000})", "-t", "1"});
-    EXPECT_EQ(late.output, "tarn: Request timed out\n");
+    EXPECT_EQ(late.output, "tarn: demo.late: Request timed out\n");
     EXPECT_EQ(late.status, 4);
 }
 
@@ -116,7 +186,7 @@ TEST_F(CliWithService, WaitingForWhatIsThereEndsAtOnce) {
 
 TEST_F(Cli, AnUnknownObjectIs14) {
     const auto unknown = tool({"call", "nobody", "echo"});
-    EXPECT_EQ(unknown.output, "tarn: Not found\n");
+    EXPECT_EQ(unknown.output, "tarn: nobody.echo: Not found\n");
     EXPECT_EQ(unknown.status, 14);
 }
 
@@ -131,13 +201,13 @@ TEST_F(Cli, ABusThatDoesNotAnswerIsGivenUpToo) {
     daemon_.pause();
     const auto stuck = tool({"call", "demo", "echo", "-t", "1"});
     daemon_.resume();
-    EXPECT_EQ(stuck.output, "tarn: Request timed out\n");
+    EXPECT_EQ(stuck.output, "tarn: demo.echo: Request timed out (the bus does not answer)\n");
     EXPECT_EQ(stuck.status, 4);
 }
 
 TEST_F(Cli, WaitingInVainIs4) {
     const auto waited = tool({"wait", "nobody", "-t", "1"});
-    EXPECT_EQ(waited.output, "tarn: Request timed out\n");
+    EXPECT_EQ(waited.output, "tarn: nobody: Request timed out\n");
     EXPECT_EQ(waited.status, 4);
 }
 
@@ -159,7 +229,7 @@ TEST_F(Cli, WaitingWaitsForTheBusAsWell) {
 
 TEST(CliUsage, HelpIsPrintedWhereverItIsAskedFor) {
     for (const auto& words : std::vector<std::vector<std::string>>{
-             {"--help"}, {"-h"}, {"call", "--help"}, {"wait", "x", "-h"}}) {
+             {"--help"}, {"-h"}, {"call", "--help"}, {"wait", "x", "-h"}, {"-s", "-h", "call"}}) {
         const auto help = tool(words);
         EXPECT_THAT(help.output, StartsWith("tarn: calls objects on the ubus message bus.\n"));
         EXPECT_THAT(help.output, HasSubstr("Exit status:"));
@@ -175,7 +245,12 @@ TEST(CliUsage, VersionIsThatOfTheLibrary) {
 
 TEST(CliUsage, CommandsThatAreNoneAreWrongUsage) {
     expect_usage_error({}, "no command");
+    expect_usage_error({"-s"}, "no command");
+    expect_usage_error({"--"}, "no command");
     expect_usage_error({"list"}, "unknown command 'list'");
+    expect_usage_error({"-s", "list", "call"}, "unknown command 'list'");
+    expect_usage_error({"-"}, "unknown command '-'");
+    expect_usage_error({"--", "--help"}, "unknown command '--help'");
 }
 
 TEST(CliUsage, TooFewOrTooManyWordsAreWrongUsage) {
@@ -187,16 +262,26 @@ TEST(CliUsage, TooFewOrTooManyWordsAreWrongUsage) {
     expect_usage_error({"wait", "demo", "-s"}, "wait takes PATH [-t SECONDS]");
 }
 
+TEST(CliUsage, AnEmptyPathIsWrongUsage) {
+    expect_usage_error({"call", "", "echo"}, "no object has an empty path");
+    expect_usage_error({"wait", ""}, "no object has an empty path");
+}
+
 TEST(CliUsage, LimitsThatAreNoNumberOfSecondsAreWrongUsage) {
     expect_usage_error({"call", "demo", "echo", "-t"}, "-t needs a number of seconds");
-    for (const std::string limit : {"", "x", "1x", "1.5", "-1", "99999999999999999999"}) {
+    for (const std::string limit : {"", "x", "1x", "1.5", "-1", "99999999999999999999", "--"}) {
         expect_usage_error({"call", "demo", "echo", "-t", limit},
                            "'" + limit + "' is no number of seconds");
     }
+    expect_usage_error({"-t=1", "call", "demo", "echo"}, "'=1' is no number of seconds");
+    expect_usage_error({"-t", "call", "demo", "echo"}, "'call' is no number of seconds");
 }
 
 TEST(CliUsage, UnknownOptionsAreWrongUsageExceptBehindTheirEnd) {
     expect_usage_error({"call", "demo", "echo", "-x"}, "unknown option '-x'");
+    expect_usage_error({"-x", "call", "demo", "echo"}, "unknown option '-x'");
+    expect_usage_error({"call", "demo", "echo", "-sx"}, "unknown option '-sx'");
+    expect_usage_error({"--sockets", "call", "demo", "echo"}, "unknown option '--sockets'");
     expect_usage_error({"call", "--", "demo", "echo", "-x"},
                        "parse error at line 1, column 2: syntax error while parsing value - "
                        "invalid number; expected digit after '-'; last read: '-x'");
@@ -204,9 +289,34 @@ TEST(CliUsage, UnknownOptionsAreWrongUsageExceptBehindTheirEnd) {
 
 TEST(CliUsage, JsonThatNoMessageCanHoldIsWrongUsage) {
     expect_usage_error({"call", "demo", "echo", "[1]"}, "the arguments must be a JSON object");
-    expect_usage_error({"call", "demo", "echo", R"({"a": null})"}, "a message cannot hold null");
-    expect_usage_error({"call", "demo", "echo", R"({"a": 99999999999999999999})"},
-                       "the integer 99999999999999999999 has more than 64 bits");
+    expect_usage_error({"call", "demo", "echo", R"({"a": {"b": [1, 9223372036854775808]}})"},
+                       "a.b[1]: the integer 9223372036854775808 is beyond the signed 64 bits of "
+                       "the bus, -9223372036854775808 to 9223372036854775807");
+}
+
+TEST(CliUsage, StandardInputWithoutAJsonObjectIsWrongUsage) {
+    const auto refusal = [](const std::string& input) {
+        const auto result = tool_with_input(input, {"call", "demo", "echo", "-"});
+        EXPECT_EQ(result.status, 2);
+        return result.output.substr(0, result.output.find('\n'));
+    };
+    EXPECT_EQ(refusal(""), "tarn: no JSON on standard input");
+    EXPECT_EQ(refusal(" \n\t\r\n"), "tarn: no JSON on standard input");
+    EXPECT_THAT(refusal("{\n\"a\": nothing}"),
+                StartsWith("tarn: parse error at line 2, column 7: "));
+    EXPECT_THAT(refusal("{} {}"), StartsWith("tarn: parse error at line 1, column 4: "));
+    EXPECT_EQ(refusal("null"), "tarn: the arguments must be a JSON object");
+}
+
+TEST(CliUsage, StandardInputThatCannotBeReadIsAFailure) {
+    const auto folder =
+        run({"/bin/sh", "-c", "exec \"$0\" call demo echo - </ 2>&1", TARN_TEST_TOOL});
+    EXPECT_EQ(folder.output, "tarn: cannot read standard input: Is a directory\n");
+    EXPECT_EQ(folder.status, 1);
+    const auto closed =
+        run({"/bin/sh", "-c", "exec \"$0\" call demo echo - <&- 2>&1", TARN_TEST_TOOL});
+    EXPECT_EQ(closed.output, "tarn: cannot read standard input: Bad file descriptor\n");
+    EXPECT_EQ(closed.status, 1);
 }
 
 } // namespace
