@@ -95,21 +95,28 @@ static int late(struct ubus_context* context, struct ubus_object* object,
     return UBUS_STATUS_OK;
 }
 
-static void end_loop(struct uloop_timeout* timer) {
+static struct ubus_context* quit_context;
+
+/* Runs after the answer has been written. The daemon may drop what it finds together with the end
+ * of the connection, so it has to have read the answer first: once it has answered the request that
+ * follows, it has. */
+static void quit_now(struct uloop_timeout* timer) {
     (void)timer;
+    uint32_t id = 0;
+    ubus_lookup_id(quit_context, "demo", &id);
     uloop_end();
 }
 
-static struct uloop_timeout quit_timer = {.cb = end_loop};
+static struct uloop_timeout quit_timer = {.cb = quit_now};
 
 static int quit(struct ubus_context* context, struct ubus_object* object,
                 struct ubus_request_data* request, const char* method, struct blob_attr* message) {
-    (void)context;
     (void)object;
     (void)request;
     (void)method;
     (void)message;
-    uloop_timeout_set(&quit_timer, 0); /* after the answer is out */
+    quit_context = context;
+    uloop_timeout_set(&quit_timer, 0);
     return UBUS_STATUS_OK;
 }
 
