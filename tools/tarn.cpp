@@ -29,13 +29,15 @@ constexpr int exit_no_bus = 3;
 constexpr int exit_timeout = 4;
 constexpr int exit_status_base = 10;
 
+constexpr const char* cannot_write = "cannot write the output";
+
 constexpr const char* help =
     R"(tarn: calls objects on the ubus message bus.
 
   tarn call PATH METHOD [JSON] [-t SECONDS] [-s]
       Calls METHOD of the object PATH with the fields of the JSON object, and prints every reply
-      as JSON, indented, or one a line with -s (or -S). A JSON of - is read from standard input.
-      Gives up after SECONDS (default 30, 0 never).
+      as it comes, as JSON, indented, or one a line with -s (or -S). A JSON of - is read from
+      standard input. Gives up after SECONDS (default 30, 0 never).
   tarn wait PATH [-t SECONDS]
       Waits until an object PATH is on the bus, and for the bus itself. Gives up after SECONDS
       (default 0, never).
@@ -154,23 +156,21 @@ public:
                 std::cerr << "tarn: cannot connect to the bus\n";
                 return end_with(exit_no_bus);
             }
-            call_ = bus_.invoke(
-                path_, method_, args,
-                [this](const std::list<tarn::blob::attr>& replies, const std::error_code& status) {
-                    for (const auto& reply : replies) {
-                        print(reply);
-                    }
-                    end(status);
-                },
-                seconds::zero());
+            call_ = bus_.invoke_each(
+                path_, method_, args, [this](const tarn::blob::attr& reply) { print(reply); },
+                [this](const std::error_code& status) { end(status); }, seconds::zero());
         });
         the_loop()->run();
         return exit_status_;
     }
 
 private:
+    // At once, since the next reply may be long in coming, and so may the end.
     void print(const tarn::blob::attr& reply) const {
         std::cout << tools::to_text(reply.get<tarn::blob::table>(), form_) << std::endl;
+        if (!std::cout) {
+            throw std::runtime_error(cannot_write);
+        }
     }
 
     void expire() {
@@ -302,7 +302,7 @@ int main(int argc, char** argv) {
     try {
         const int exit_status = run({argv + 1, argv + argc});
         if (!std::cout.flush()) {
-            throw std::runtime_error("cannot write the output");
+            throw std::runtime_error(cannot_write);
         }
         if (exit_status == exit_timeout) {
             // Perhaps the bus itself does not answer; the client's orderly end would wait for it.

@@ -3,6 +3,8 @@
 ///   echo  {...}   answers with its own arguments
 ///   big           answers with 8 KiB
 ///   hold          never answers while the service runs
+///   tell          answers with {"i": 1} and {"i": 2}, and never ends the call while it runs
+///   tell_refuse   answers with the same, and then refuses: permission denied
 ///
 /// Prints "peer: ready" once other clients can see the object, and serves until it is killed.
 #include "tarn/client.h"
@@ -33,6 +35,17 @@ void hold(const context& call) {
     held().push_back(call);
 }
 
+void tell(const context& call) {
+    call->send({{"i", 1}}, {});
+    call->send({{"i", 2}}, {});
+    hold(call);
+}
+
+void tell_refuse(const context& call) {
+    tell(call);
+    call->respond(tarn::error::msg::permission_denied);
+}
+
 } // namespace
 
 int main() {
@@ -48,7 +61,12 @@ int main() {
     };
     bus.connect([&](const std::error_code& code) {
         check(code);
-        bus.add_object("peer", {{"echo", {echo, {}}}, {"big", {big, {}}}, {"hold", {hold, {}}}},
+        bus.add_object("peer",
+                       {{"echo", {echo, {}}},
+                        {"big", {big, {}}},
+                        {"hold", {hold, {}}},
+                        {"tell", {tell, {}}},
+                        {"tell_refuse", {tell_refuse, {}}}},
                        [&check](const std::error_code& added) {
                            check(added);
                            std::puts("peer: ready");

@@ -62,6 +62,13 @@ protected:
     std::unique_ptr<child_process> service_;
 };
 
+class CliWithPeer : public Cli {
+protected:
+    void SetUp() override { peer_.wait_for_line("peer: ready"); }
+
+    child_process peer_{{TARN_TEST_PEER}};
+};
+
 class CliWithService : public Cli {
 protected:
     void SetUp() override { start_service(); }
@@ -176,6 +183,41 @@ TEST_F(CliWithService, OutputThatCannotBeWrittenIsAFailure) {
     child_process child(
         {"/bin/sh", "-c", "exec \"$0\" call demo twice >/dev/full 2>/dev/null", TARN_TEST_TOOL});
     EXPECT_EQ(child.wait(), 1);
+}
+
+TEST_F(CliWithPeer, AReplyIsPrintedWhileTheCallIsStillPending) {
+    child_process call(command_line({"call", "peer", "tell", "-s", "-t", "0"}));
+    EXPECT_EQ(call.wait_for_line("{"), "{\"i\":1}");
+    EXPECT_EQ(call.wait_for_line("{"), "{\"i\":2}");
+    call.kill(SIGTERM);
+    EXPECT_EQ(call.wait(), 128 + SIGTERM);
+}
+
+TEST_F(CliWithPeer, TheRepliesBeforeATimeOutAreSeen) {
+    const auto late = tool({"call", "peer", "tell", "-s", "-t", "2"});
+    EXPECT_EQ(late.output, "{\"i\":1}\n{\"i\":2}\ntarn: peer.tell: Request timed out\n");
+    EXPECT_EQ(late.status, 4);
+}
+
+TEST_F(CliWithPeer, TheRepliesBeforeARefusalAreSeen) {
+    const auto refused = tool({"call", "peer", "tell_refuse", "-s"});
+    EXPECT_EQ(refused.output, "{\"i\":1}\n{\"i\":2}\ntarn: peer.tell_refuse: Permission denied\n");
+    EXPECT_EQ(refused.status, 16);
+}
+
+TEST_F(CliWithPeer, TheRepliesBeforeTheLossOfTheBusAreSeen) {
+    child_process call(command_line({"call", "peer", "tell", "-s", "-t", "0"}));
+    call.wait_for_line("{\"i\":2}");
+    daemon_.kill9();
+    EXPECT_EQ(call.read_rest(), "tarn: peer.tell: Connection failed\n");
+    EXPECT_EQ(call.wait(), 20);
+}
+
+TEST_F(CliWithPeer, OutputThatCannotBeWrittenEndsAPendingCall) {
+    child_process call(
+        {"/bin/sh", "-c", "exec \"$0\" call peer tell -t 0 2>&1 >/dev/full", TARN_TEST_TOOL});
+    EXPECT_EQ(call.read_rest(), "tarn: cannot write the output\n");
+    EXPECT_EQ(call.wait(), 1);
 }
 
 TEST_F(CliWithService, WaitingForWhatIsThereEndsAtOnce) {
