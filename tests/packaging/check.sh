@@ -85,7 +85,8 @@ for option in "${options[@]}"; do
     [[ $option == -DCMAKE_PREFIX_PATH=* ]] && bus_prefix=${option#*=}
 done
 if [[ -n $bus_prefix ]]; then
-    export LD_LIBRARY_PATH=$bus_prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
+    bus_libraries=$(dirname "$(find -L "$bus_prefix"/lib* -maxdepth 2 -name libubus.so -print -quit)")
+    export LD_LIBRARY_PATH=$bus_libraries${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}
 fi
 
 rm -rf -- "$work"
