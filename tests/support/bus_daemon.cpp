@@ -6,6 +6,8 @@
 #include <csignal>
 #include <cstring>
 #include <fcntl.h>
+#include <filesystem>
+#include <fstream>
 #include <poll.h>
 #include <stdexcept>
 #include <sys/prctl.h>
@@ -13,6 +15,7 @@
 #include <sys/un.h>
 #include <sys/wait.h>
 #include <unistd.h>
+#include <vector>
 
 namespace tarn::test {
 namespace {
@@ -29,7 +32,18 @@ constexpr std::size_t hello_size = 12;
 
 } // namespace
 
-bus_daemon::bus_daemon(launch when) {
+bus_daemon::bus_daemon(launch when, const std::string& access_rules) {
+    if (!access_rules.empty()) {
+        namespace fs = std::filesystem;
+        rules_path_ = folder_.path() + "/acl.d";
+        fs::create_directory(rules_path_);
+        const std::string file = rules_path_ + "/test.json";
+        std::ofstream(file) << access_rules;
+        // The daemon passes over files that others may write; and others come to the socket.
+        fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
+        fs::permissions(folder_.path(),
+                        fs::perms::owner_all | fs::perms::others_exec | fs::perms::group_exec);
+    }
     if (when == launch::now) {
         start();
     }
@@ -45,6 +59,15 @@ void bus_daemon::start() {
     }
     const pid_t parent = ::getpid();
     const std::string program = TARN_TEST_BUSD_PATH;
+    std::vector<std::string> words{program, "-s", socket_path()};
+    if (!rules_path_.empty()) {
+        words.insert(words.end(), {"-A", rules_path_});
+    }
+    std::vector<char*> arguments;
+    for (std::string& word : words) {
+        arguments.push_back(word.data());
+    }
+    arguments.push_back(nullptr);
     const pid_t child = ::fork();
     if (child < 0) {
         fail("fork");
@@ -61,8 +84,7 @@ void bus_daemon::start() {
         const int quiet = ::open("/dev/null", O_RDWR | O_CLOEXEC);
         ::dup2(quiet, STDIN_FILENO);
         ::dup2(quiet, STDOUT_FILENO);
-        ::execl(program.c_str(), program.c_str(), "-s", socket_path().c_str(),
-                static_cast<char*>(nullptr));
+        ::execv(program.c_str(), arguments.data());
         ::_exit(127);
     }
     pid_ = child;

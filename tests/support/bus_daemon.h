@@ -21,7 +21,9 @@ class bus_daemon {
 public:
     /// Starts at once, unless told not to: start() does it then.
     enum class launch { now, later };
-    explicit bus_daemon(launch when = launch::now);
+    /// Access rules, JSON as the daemon reads it from a file, need a daemon that has them, and
+    /// root; its socket is then open to every user.
+    explicit bus_daemon(launch when = launch::now, const std::string& access_rules = {});
     ~bus_daemon();
     bus_daemon(const bus_daemon&) = delete;
     bus_daemon& operator=(const bus_daemon&) = delete;
@@ -54,6 +56,8 @@ private:
 
     const temporary_folder folder_;
     const bus_address address_{folder_.path() + "/ubus.sock"};
+    /// Where the access rules are; empty without any.
+    std::string rules_path_;
     pid_t pid_ = -1;
     bool held_ = false;
 };

@@ -1,0 +1,97 @@
+/// A client on libtarn that runs as another user, for tests of access rules:
+///
+///   user_client UID [call PATH METHOD | publish NAME]...
+///
+/// Gives up root for the user and the group of the number UID, connects, and does the rest one
+/// after the other. Every object it publishes has the method "ping", which answers {"text":
+/// "pong"}. Prints "connect: CODE", "call PATH METHOD: CODE, N replies" and "publish NAME: CODE",
+/// where CODE is the category and the number of what the library reported. Then it serves until it
+/// is killed.
+#include "tarn/client.h"
+#include "tarn/loops/epoll_loop.h"
+
+#include <csignal>
+#include <grp.h>
+#include <iostream>
+#include <string>
+#include <sys/prctl.h>
+#include <unistd.h>
+#include <vector>
+
+namespace {
+
+using context = std::shared_ptr<tarn::client::exchange_ctx>;
+
+/// The words of the command line that are still to be done.
+class script {
+public:
+    script(tarn::client& bus, std::vector<std::string> words)
+        : bus_(bus)
+        , words_(std::move(words)) {}
+
+    void next() {
+        if (at_ == words_.size()) {
+            return;
+        }
+        const std::string action = word();
+        if (action == "call") {
+            const std::string path = word();
+            const std::string method = word();
+            bus_.invoke(
+                path, method, {},
+                [=](const std::list<tarn::blob::attr>& replies, const std::error_code& code) {
+                    told(action + ' ' + path + ' ' + method, code)
+                        << ", " << replies.size() << " replies" << std::endl;
+                    next();
+                },
+                std::chrono::seconds(20));
+            return;
+        }
+        const std::string name = word();
+        bus_.add_object(name,
+                        {{"ping",
+                          {[](const context& call) {
+                               call->send({{"text", "pong"}}, {});
+                           },
+                           {}}}},
+                        [=](const std::error_code& code) {
+                            told(action + ' ' + name, code) << std::endl;
+                            next();
+                        });
+    }
+
+    static std::ostream& told(const std::string& what, const std::error_code& code) {
+        return std::cout << what << ": " << code.category().name() << ' ' << code.value();
+    }
+
+private:
+    std::string word() { return words_.at(at_++); }
+
+    tarn::client& bus_;
+    const std::vector<std::string> words_;
+    std::size_t at_ = 0;
+};
+
+} // namespace
+
+int main(int argc, char** argv) {
+    if (argc < 2) {
+        return 2;
+    }
+    const auto id = static_cast<uid_t>(std::stoul(argv[1]));
+    if (::setgroups(0, nullptr) != 0 || ::setgid(id) != 0 || ::setuid(id) != 0) {
+        std::cout << "user_client: cannot become user " << id << std::endl;
+        return 1;
+    }
+    // The change of user took away the signal by which it goes with the test.
+    ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+    static const auto loop = std::make_shared<tarn::loops::epoll_loop>();
+    auto& bus = tarn::client::get_instance(loop);
+    script work(bus, {argv + 2, argv + argc});
+    bus.connect([&](const std::error_code& code) {
+        script::told("connect", code) << std::endl;
+        work.next();
+    });
+    loop->run();
+    return 0;
+}
