@@ -1,5 +1,6 @@
 /// A bus whose stream breaks off being messages: the client ends the connection, whatever is under
-/// way, although the bus leaves it open.
+/// way, although the bus leaves it open. So the bundled libubus has it; others look at less of what
+/// the daemon sends.
 #include "robustness/misbehaving_bus.h"
 
 #include <initializer_list>
@@ -93,6 +94,24 @@ TEST_P(broken_stream_test, EndsTheConnectionAndWhatIsUnderWay) {
 
 TEST_P(broken_stream_test, EndsTheConnectionAndWhatIsUnderWayWithAReconnection) {
     break_everywhere(overtaken::by_reconnection);
+}
+
+using broken_greeting_test = misbehaving_bus_test;
+
+TEST_F(broken_greeting_test, OfABlobWithAnIdFailsTheAttempt) {
+    for (int round = 0; round < rounds(5) && !HasFatalFailure(); ++round) {
+        scripted_.on_next(wire::hello, [](const wire::bytes& healthy, const wire::received&) {
+            return answer{with_byte(8, 1, healthy)};
+        });
+        outcome connected;
+        bus().connect(connected.handler());
+        run_until([&] { return connected.reported(); });
+        EXPECT_EQ(connected.code(), error::generic::unknown_error);
+        EXPECT_EQ(bus().get_state(), client::state::disconnected);
+        expect_recovery();
+        EXPECT_EQ(connected.count(), 1U);
+    }
+    expect_recovery_on_daemon();
 }
 
 std::string broken_name(const ::testing::TestParamInfo<std::tuple<broken_bytes, place>>& info) {

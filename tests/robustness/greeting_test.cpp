@@ -113,8 +113,7 @@ INSTANTIATE_TEST_SUITE_P(
                    raw.at(11) = 0;
                    return answer{raw, afterwards::hang_up};
                },
-               {}},
-        script{"ABlobWithAnId", wire::hello, greet_with_byte(8, 1), {}}),
+               {}}),
     script_name);
 
 TEST_F(greeting_test, CutAtEveryByteFailsTheAttemptAndWhatWaitsForIt) {
@@ -151,7 +150,8 @@ TEST_F(greeting_test, FollowedByMessagesInTheSameBreathIsAGreeting) {
             return answer{raw + wire::message(wire::ping, 3, 4, {}) + call};
         }));
         ASSERT_NO_FATAL_FAILURE(wait_for_the_end());
-        EXPECT_EQ(scripted_.wait_for_status(1), 4);
+        // libubus answers a call of an object that it does not have to nobody.
+        EXPECT_EQ(scripted_.wait_for_status(0), 4);
         EXPECT_EQ(bus().get_state(), client::state::connected);
         ASSERT_NO_FATAL_FAILURE(disconnect());
         ASSERT_NO_FATAL_FAILURE(expect_recovery());

@@ -213,18 +213,21 @@ TEST_F(mute_service_test, ThatAnswersAfterTheTimeLimitIsNotHeard) {
 /// With the socket's buffers full: the loop thread waits in the middle of a message.
 class full_bus_test : public misbehaving_bus_test {
 protected:
-    static constexpr std::size_t count = 16;
+    static constexpr std::size_t count = 8;
 
-    /// Sends more than the buffers hold to a bus that does not read, then starts the operations.
+    /// Has the loop thread write more than the buffers hold to a bus that does not read, then
+    /// starts the operations.
     void fill() {
         ASSERT_NO_FATAL_FAILURE(set_up_round());
         scripted_.on_next(wire::data, fall_silent(afterwards::stop_reading));
-        const blob::table large{{"text", blob::attr(std::string(200000, 'x'))}};
+        const blob::table large{{"text", blob::attr(std::string(900000, 'x'))}};
         large_ = {};
         for (std::size_t i = 0; i < count; ++i) {
             links_.at(i) = context_->send(large, large_.at(i).handler());
         }
         EXPECT_TRUE(scripted_.wait_for_reaction());
+        // Of the second, of which no more than a part can be written.
+        EXPECT_TRUE(scripted_.wait_for_unread());
         operations_.emplace(bus(), context_, published, added);
     }
 

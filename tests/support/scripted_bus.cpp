@@ -1,6 +1,7 @@
 /// A bus for tests of the client that misbehaves on command.
 #include "support/scripted_bus.h"
 
+#include <algorithm>
 #include <cerrno>
 #include <exception>
 #include <future>
@@ -81,6 +82,12 @@ bool scripted_bus::wait_for_reaction() {
     return changed_.wait_for(guard, limit, [this] { return reacted_; });
 }
 
+bool scripted_bus::wait_for_unread() {
+    pollfd unread{-1, POLLIN, 0};
+    run([&] { unread.fd = clients_.back().socket.fd(); });
+    return ::poll(&unread, 1, static_cast<int>(std::chrono::milliseconds(limit).count())) == 1;
+}
+
 void scripted_bus::send_in_pieces(bool on) {
     run([&] { in_pieces_ = on; });
 }
@@ -103,19 +110,39 @@ std::uint16_t scripted_bus::call(std::uint32_t object, const std::string& method
         }
         seq = ++next_call_;
         transmit(clients_.back(),
-                 call_message(seq, wire::objid(object) + wire::method(method) + wire::data_of({})));
+                 call_message(seq, wire::objid(object) + wire::method(method) + wire::data_of({})),
+                 in_pieces_);
     });
     return seq;
 }
 
 int scripted_bus::wait_for_status(std::uint16_t seq) {
+    const auto found = wait_for_completions(1, [seq](std::uint16_t other) { return other == seq; });
+    return found.empty() ? -1 : found.front().second;
+}
+
+std::vector<scripted_bus::completion>
+scripted_bus::wait_for_completions(std::size_t count,
+                                   const std::function<bool(std::uint16_t)>& of) {
+    const auto wanted = [&](const completion& each) {
+        return of(each.first);
+    };
     std::unique_lock<std::mutex> guard(lock_);
-    if (!changed_.wait_for(guard, limit, [&] { return statuses_.count(seq) != 0; })) {
-        return -1;
+    const auto all_there = [&] {
+        const auto have = std::count_if(completions_.begin(), completions_.end(), wanted);
+        return static_cast<std::size_t>(have) >= count;
+    };
+    changed_.wait_for(guard, limit, all_there);
+    std::vector<completion> taken;
+    for (auto each = completions_.begin(); each != completions_.end() && taken.size() < count;) {
+        if (wanted(*each)) {
+            taken.push_back(*each);
+            each = completions_.erase(each);
+        } else {
+            ++each;
+        }
     }
-    const int status = statuses_.at(seq);
-    statuses_.erase(seq);
-    return status;
+    return taken;
 }
 
 void scripted_bus::run(const std::function<void()>& task) {
@@ -209,7 +236,7 @@ bool scripted_bus::receive(connection& client) {
 bool scripted_bus::handle(connection& client, const wire::received& message) {
     if (message.type() == wire::status) {
         const std::lock_guard<std::mutex> guard(lock_);
-        statuses_[message.seq()] = static_cast<int>(message.number(1));
+        completions_.emplace_back(message.seq(), static_cast<int>(message.number(1)));
         changed_.notify_all();
     }
     if (!client.answering) {
@@ -232,7 +259,7 @@ bool scripted_bus::deliver(connection& client, wire::type moment, const wire::re
         ::shutdown(client.socket.fd(), SHUT_RD);
     }
     try {
-        transmit(client, given.raw);
+        transmit(client, given.raw, in_pieces_ && moment != wire::hello);
     } catch (const std::runtime_error&) {
         stays = false; // the client has gone already
     }
@@ -247,8 +274,8 @@ bool scripted_bus::deliver(connection& client, wire::type moment, const wire::re
     return stays;
 }
 
-void scripted_bus::transmit(const connection& client, const wire::bytes& raw) const {
-    if (!in_pieces_) {
+void scripted_bus::transmit(const connection& client, const wire::bytes& raw, bool in_pieces) {
+    if (!in_pieces) {
         client.socket.send(raw);
         return;
     }

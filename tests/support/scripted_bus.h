@@ -15,6 +15,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace tarn::test {
@@ -68,7 +69,12 @@ public:
     /// Waits until that reaction has run. False if it has not within a generous limit.
     bool wait_for_reaction();
 
-    /// Sends everything byte by byte, or no longer.
+    /// Waits until there is something to read on the newest connection, which the bus does not read
+    /// any more. False if that is not so within a generous limit.
+    bool wait_for_unread();
+
+    /// Sends everything byte by byte, or no longer. All but the greeting, which libubus takes with
+    /// one read().
     void send_in_pieces(bool on);
 
     /// Closes the connections, whatever state they are in.
@@ -80,9 +86,17 @@ public:
     /// The same, of whatever object.
     std::uint16_t call(std::uint32_t object, const std::string& method);
 
+    /// A call's sequence number and the status with which the client has completed it.
+    using completion = std::pair<std::uint16_t, int>;
+
     /// Waits for the client's completion of the call with this sequence number and returns its
     /// status; -1 when it does not come within a generous limit.
     int wait_for_status(std::uint16_t seq);
+
+    /// Waits for the next completions with numbers that `of` accepts, and returns them in the order
+    /// of the stream; fewer when they do not come within a generous limit.
+    std::vector<completion> wait_for_completions(std::size_t count,
+                                                 const std::function<bool(std::uint16_t)>& of);
 
     /// The id of the object that the client has published last. For reactions.
     std::uint32_t newest_object() const { return newest_object_; }
@@ -107,7 +121,7 @@ private:
     bool handle(connection& client, const wire::received& message);
     bool deliver(connection& client, wire::type moment, const wire::received& message,
                  const wire::bytes& healthy);
-    void transmit(const connection& client, const wire::bytes& raw) const;
+    static void transmit(const connection& client, const wire::bytes& raw, bool in_pieces);
     wire::bytes healthy_answer(const wire::received& request);
 
     const wire::listening socket_;
@@ -117,7 +131,7 @@ private:
     std::mutex lock_; ///< guards the five below
     std::condition_variable changed_;
     std::deque<std::function<void()>> tasks_;
-    std::map<std::uint16_t, int> statuses_;
+    std::vector<completion> completions_;
     bool reacted_ = false;
     bool ending_ = false;
 
