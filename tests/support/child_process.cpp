@@ -3,7 +3,6 @@
 
 #include <array>
 #include <cerrno>
-#include <csignal>
 #include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
@@ -60,6 +59,13 @@ void child_process::kill(int signo) const {
     if (!ended_) {
         ::kill(pid_, signo);
     }
+}
+
+void child_process::pause() const {
+    kill(SIGSTOP);
+    siginfo_t held{};
+    while (::waitid(P_PID, static_cast<id_t>(pid_), &held, WSTOPPED | WEXITED | WNOWAIT) < 0 &&
+           errno == EINTR) {}
 }
 
 int child_process::wait() {

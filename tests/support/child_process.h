@@ -2,6 +2,7 @@
 #pragma once
 
 #include <chrono>
+#include <csignal>
 #include <string>
 #include <sys/types.h>
 #include <vector>
@@ -30,6 +31,10 @@ public:
 
     /// Sends a signal; nothing happens when the child was waited for already.
     void kill(int signo) const;
+
+    /// Holds it (SIGSTOP), and returns once it is held; lets it go on (SIGCONT).
+    void pause() const;
+    void resume() const { kill(SIGCONT); }
 
     /// Waits for the child's end and returns its exit status, or 128 + signal number.
     int wait();
