@@ -87,7 +87,7 @@ private:
         std::vector<std::uint8_t> bytes(bus::message_head_size + piece.size());
         bus::write_header(bytes.data(), type, seq, peer);
         const std::uint32_t length =
-            blob_be32(static_cast<std::uint32_t>(sizeof(blob_attr) + piece.size()));
+            htonl(static_cast<std::uint32_t>(sizeof(blob_attr) + piece.size()));
         std::memcpy(bytes.data() + sizeof(ubus_msghdr), &length, sizeof length);
         std::copy_n(piece.data(), piece.size(), bytes.begin() + bus::message_head_size);
         return send(sender, bytes.data(), bytes.size());

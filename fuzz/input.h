@@ -2,8 +2,6 @@
 /// in memory that ends where the message ends.
 #pragma once
 
-#include <libubox/blob.h>
-
 #include <algorithm>
 #include <arpa/inet.h>
 #include <cstddef>
@@ -13,6 +11,8 @@
 #include <cstring>
 #include <string>
 #include <utility>
+
+#include "bus.h"
 
 namespace fuzz {
 

@@ -2,8 +2,6 @@
 /// that do not, calls of objects, and the end of the connection.
 #include "input.h"
 
-#include <libubus.h>
-
 #include "ubus/dispatch.h"
 
 #include <csignal>

@@ -9,8 +9,6 @@
 #include <sys/random.h>
 #include <utility>
 
-#include <libubox/blobmsg.h>
-
 namespace busd {
 namespace {
 
@@ -36,22 +34,21 @@ std::size_t description_size(std::size_t path_size, std::size_t signature_size) 
            attribute(signature_size);
 }
 
-// A signature goes on to every client that looks the object up: only named tables pass.
-bool valid_signature(const blob_attr* signature) {
-    std::size_t left = blob_len(signature);
-    const char* at = signature->data;
-    while (left > 0) {
-        const auto* method = reinterpret_cast<const blob_attr*>(at);
-        if (left < sizeof(blob_attr) || blob_raw_len(method) < sizeof(blob_attr) ||
-            blob_raw_len(method) > left || !blobmsg_check_attr(method, true) ||
-            blobmsg_type(method) != BLOBMSG_TYPE_TABLE) {
-            return false;
+// The methods that a signature names. It goes on to every client that looks the object up, so only
+// whole fields with names pass: with any other there is no type. What does not even begin a whole
+// field, and all behind it, is left out.
+std::optional<std::vector<std::uint8_t>> methods_of(const blob_attr* signature) {
+    std::vector<std::uint8_t> methods;
+    blob_attr* method;
+    std::size_t left;
+    blob_for_each_attr(method, signature, left) {
+        if (!blobmsg_check_attr(method, true)) {
+            return std::nullopt;
         }
-        const std::size_t step = blob_pad_len(method) < left ? blob_pad_len(method) : left;
-        at += step;
-        left -= step;
+        const auto* const bytes = reinterpret_cast<const std::uint8_t*>(method);
+        methods.insert(methods.end(), bytes, bytes + blob_pad_len(method));
     }
-    return true;
+    return methods;
 }
 
 } // namespace
@@ -65,9 +62,6 @@ void broker::attach(client& joining) {
 
 void broker::detach(client& leaving) {
     for (object* owned : leaving.objects_) {
-        if (!owned->path.empty()) {
-            paths_.erase(owned->path);
-        }
         forget(*owned);
     }
     leaving.objects_.clear();
@@ -115,46 +109,52 @@ bool broker::receive(client& sender, const std::uint8_t* bytes, std::size_t coun
 }
 
 void broker::handle(client& sender, const std::uint8_t* bytes, const head& message_head) {
+    // An attribute that is not as it should be counts as missing.
     attributes given;
     const bool well_formed = bus::parse_attributes(
         reinterpret_cast<const blob_attr*>(bytes + sizeof(ubus_msghdr)), given);
     switch (message_head.type) {
     case UBUS_MSG_STATUS:
     case UBUS_MSG_DATA:
-        // Nobody waits for an answer to an answer.
-        if (well_formed) {
-            answer_call(sender, message_head, given);
-        }
-        return;
+        answer_call(sender, message_head, given);
+        break;
     case UBUS_MSG_PING:
+        answer_ping(sender, message_head, well_formed ? bytes : nullptr);
+        break;
     case UBUS_MSG_LOOKUP:
+        lookup(sender, message_head, given);
+        break;
     case UBUS_MSG_INVOKE:
+        invoke(sender, message_head, given);
+        break;
     case UBUS_MSG_ADD_OBJECT:
+        add_object(sender, message_head, given);
+        break;
     case UBUS_MSG_REMOVE_OBJECT:
+        remove_object(sender, message_head, given);
         break;
     default:
         reply_status(sender, message_head, UBUS_STATUS_INVALID_COMMAND);
-        return;
+        break;
     }
-    if (!well_formed) {
-        reply_status(sender, message_head, UBUS_STATUS_INVALID_ARGUMENT);
-    } else if (message_head.type == UBUS_MSG_LOOKUP) {
-        lookup(sender, message_head, given);
-    } else if (message_head.type == UBUS_MSG_INVOKE) {
-        invoke(sender, message_head, given);
-    } else if (message_head.type == UBUS_MSG_ADD_OBJECT) {
-        add_object(sender, message_head, given);
-    } else if (message_head.type == UBUS_MSG_REMOVE_OBJECT) {
-        remove_object(sender, message_head, given);
-    } else {
-        reply_status(sender, message_head, UBUS_STATUS_OK);
+}
+
+void broker::answer_ping(client& asking, const head& request, const std::uint8_t* bytes) {
+    {
+        message answer(asking.out_, UBUS_MSG_DATA, request.seq, request.peer);
+        if (bytes != nullptr) {
+            answer.put_raw(bytes + bus::message_head_size, request.size - bus::message_head_size);
+        }
+        send(asking, answer);
     }
+    reply_status(asking, request, UBUS_STATUS_OK);
 }
 
 void broker::lookup(client& sender, const head& request, const attributes& given) {
     const char* text = bus::get_text(given[UBUS_ATTR_OBJPATH]);
     const std::string_view path = text == nullptr ? "*" : text;
-    bool any = false;
+    // Asked for all, none is an answer too.
+    bool any = text == nullptr;
     if (path.empty()) {
         reply_status(sender, request, UBUS_STATUS_INVALID_ARGUMENT);
         return;
@@ -174,8 +174,11 @@ void broker::lookup(client& sender, const head& request, const attributes& given
 }
 
 void broker::describe(client& asking, const head& request, const object& found) {
+    if (found.type == nullptr) {
+        return;
+    }
     message answer(asking.out_, UBUS_MSG_DATA, request.seq, request.peer);
-    answer.put_text(UBUS_ATTR_OBJPATH, found.path)
+    answer.put_text(UBUS_ATTR_OBJPATH, *found.path)
         .put_u32(UBUS_ATTR_OBJID, found.id)
         .put_u32(UBUS_ATTR_OBJTYPE, found.type->id)
         .put_payload(UBUS_ATTR_SIGNATURE, found.type->signature.data(),
@@ -194,23 +197,16 @@ void broker::invoke(client& sender, const head& request, const attributes& given
         return;
     }
     client& owner = *callee->second->owner;
-    bool too_long = false;
-    {
-        message call(owner.out_, UBUS_MSG_INVOKE, request.seq, sender.id_);
-        call.put(given[UBUS_ATTR_OBJID])
-            .put(given[UBUS_ATTR_METHOD])
-            .put_text(UBUS_ATTR_USER, sender.user_)
-            .put_text(UBUS_ATTR_GROUP, sender.group_)
-            .put(given[UBUS_ATTR_NO_REPLY])
-            .put(given[UBUS_ATTR_DATA]);
-        too_long = call.too_long();
-        if (!too_long) {
-            send(owner, call);
-        }
-    }
-    // Only now: the owner may be the sender, whose outbox holds one unfinished message at most.
-    if (too_long) {
-        reply_status(sender, request, UBUS_STATUS_INVALID_ARGUMENT);
+    message call(owner.out_, UBUS_MSG_INVOKE, request.seq, sender.id_);
+    call.put(given[UBUS_ATTR_OBJID])
+        .put(given[UBUS_ATTR_METHOD])
+        .put_text(UBUS_ATTR_USER, sender.user_)
+        .put_text(UBUS_ATTR_GROUP, sender.group_)
+        .put(given[UBUS_ATTR_DATA]);
+    // With the caller's names it may be longer than a message can be. The owner could not make
+    // anything of it; the caller is not told.
+    if (!call.too_long()) {
+        send(owner, call);
     }
 }
 
@@ -218,7 +214,9 @@ void broker::answer_call(client& sender, const head& answer, const attributes& g
     const std::uint32_t id = bus::get_u32(given[UBUS_ATTR_OBJID]);
     const auto callee = objects_.find(id);
     const auto caller = clients_.find(answer.peer);
-    if (callee == objects_.end() || callee->second->owner != &sender || caller == clients_.end()) {
+    const int told = answer.type == UBUS_MSG_STATUS ? UBUS_ATTR_STATUS : UBUS_ATTR_DATA;
+    if (callee == objects_.end() || callee->second->owner != &sender || caller == clients_.end() ||
+        given[static_cast<std::size_t>(told)] == nullptr) {
         return;
     }
     message forwarded(caller->second->out_, answer.type, answer.seq, id);
@@ -232,55 +230,47 @@ void broker::answer_call(client& sender, const head& answer, const attributes& g
 
 void broker::add_object(client& sender, const head& request, const attributes& given) {
     const char* text = bus::get_text(given[UBUS_ATTR_OBJPATH]);
-    const std::string path = text == nullptr ? "" : text;
     const blob_attr* signature = given[UBUS_ATTR_SIGNATURE];
-    std::uint32_t status = UBUS_STATUS_OK;
     std::shared_ptr<object_type> type;
+    std::optional<std::vector<std::uint8_t>> methods;
     if (given[UBUS_ATTR_OBJTYPE] != nullptr) {
         const auto known = types_.find(bus::get_u32(given[UBUS_ATTR_OBJTYPE]));
-        if (known == types_.end()) {
-            status = UBUS_STATUS_NOT_FOUND;
-        } else {
-            type = known->second.lock();
-        }
-    } else if (signature != nullptr && !valid_signature(signature)) {
-        status = UBUS_STATUS_INVALID_ARGUMENT;
-    } else if (text != nullptr && signature == nullptr) {
-        // Whoever looks a path up is told a type.
-        status = UBUS_STATUS_INVALID_ARGUMENT;
+        type = known == types_.end() ? nullptr : known->second.lock();
+    } else if (signature != nullptr) {
+        methods = methods_of(signature);
     }
-    if (status == UBUS_STATUS_OK && text != nullptr) {
-        const std::size_t signature_size =
-            type != nullptr ? type->signature.size() : blob_len(signature);
-        if (path.empty() || paths_.count(path) != 0 ||
-            description_size(path.size(), signature_size) > UBUS_MAX_MSGLEN) {
-            status = UBUS_STATUS_INVALID_ARGUMENT;
+    if (text != nullptr) {
+        const std::size_t signature_size = type != nullptr       ? type->signature.size()
+                                           : methods.has_value() ? methods->size()
+                                                                 : 0;
+        // Whoever looks it up is told all of it in one message.
+        if (paths_.count(text) != 0 ||
+            description_size(std::strlen(text), signature_size) > bus::longest_blob) {
+            reply_status(sender, request, UBUS_STATUS_INVALID_ARGUMENT);
+            return;
         }
-    }
-    if (status != UBUS_STATUS_OK) {
-        reply_status(sender, request, status);
-        return;
     }
 
-    if (type == nullptr && signature != nullptr) {
-        const auto* bytes = reinterpret_cast<const std::uint8_t*>(signature->data);
-        type = std::make_shared<object_type>(
-            object_type{unused_id(), {bytes, bytes + blob_len(signature)}});
+    if (methods.has_value()) {
+        type = std::make_shared<object_type>(object_type{unused_id(), std::move(*methods)});
         types_.emplace(type->id, type);
     }
     const std::uint32_t id = unused_id();
-    object& added =
-        *objects_.emplace(id, std::make_unique<object>(object{id, path, std::move(type), &sender}))
-             .first->second;
+    auto path = text == nullptr ? std::nullopt : std::optional<std::string>(text);
+    object& added = *objects_
+                         .emplace(id, std::make_unique<object>(
+                                          object{id, std::move(path), std::move(type), &sender}))
+                         .first->second;
     sender.objects_.insert(&added);
-    if (!added.path.empty()) {
-        paths_.emplace(added.path, &added);
+    if (added.path.has_value()) {
+        paths_.emplace(*added.path, &added);
     }
 
     {
         message answer(sender.out_, UBUS_MSG_DATA, request.seq, request.peer);
         answer.put_u32(UBUS_ATTR_OBJID, id);
-        if (added.type != nullptr) {
+        // Who gave a type knows it.
+        if (added.type != nullptr && signature != nullptr) {
             answer.put_u32(UBUS_ATTR_OBJTYPE, added.type->id);
         }
         send(sender, answer);
@@ -312,15 +302,15 @@ void broker::remove_object(client& sender, const head& request, const attributes
         }
         send(sender, answer);
     }
-    if (!leaving.path.empty()) {
-        paths_.erase(leaving.path);
-    }
     sender.objects_.erase(&leaving);
     forget(leaving);
     reply_status(sender, request, UBUS_STATUS_OK);
 }
 
 void broker::forget(object& leaving) {
+    if (leaving.path.has_value()) {
+        paths_.erase(*leaving.path);
+    }
     if (leaving.type != nullptr && leaving.type.use_count() == 1) {
         types_.erase(leaving.type->id);
     }

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <unordered_map>
 #include <vector>
@@ -18,15 +19,15 @@ namespace busd {
 /// The methods of an object, shared by all objects published with its id.
 struct object_type {
     std::uint32_t id;
-    /// The SIGNATURE attribute's payload: one blobmsg table per method.
+    /// The SIGNATURE attribute's payload: whole blobmsg fields, one per method, with names.
     std::vector<std::uint8_t> signature;
 };
 
 struct object {
     std::uint32_t id;
-    /// Empty for an anonymous object, which can be called but not looked up.
-    std::string path;
-    /// Null for an object published without methods.
+    /// None for an anonymous object, which can be called but not looked up.
+    std::optional<std::string> path;
+    /// Null for an object whose methods are not known; looking it up tells nothing of it.
     std::shared_ptr<object_type> type;
     client* owner;
 };
@@ -56,6 +57,8 @@ private:
     void add_object(client& sender, const head& request, const attributes& given);
     void remove_object(client& sender, const head& request, const attributes& given);
 
+    // Sends back what the ping held, `bytes` being the whole message; nothing of it if null.
+    void answer_ping(client& asking, const head& request, const std::uint8_t* bytes);
     void describe(client& asking, const head& request, const object& found);
     static void reply_status(client& asking, const head& request, std::uint32_t status);
     static void send(client& receiver, message& ready);

@@ -4,8 +4,6 @@
 #include <cstring>
 #include <endian.h>
 
-#include "ubus/message.h"
-
 namespace busd {
 namespace {
 
@@ -77,12 +75,18 @@ message& message::put_payload(std::uint8_t id, const void* payload, std::size_t 
     return *this;
 }
 
+message& message::put_raw(const void* bytes, std::size_t size) {
+    const auto* const first = static_cast<const std::uint8_t*>(bytes);
+    out_.bytes_.insert(out_.bytes_.end(), first, first + size);
+    return *this;
+}
+
 std::size_t message::blob_size() const {
     return out_.bytes_.size() - out_.end_ - sizeof(ubus_msghdr);
 }
 
 bool message::too_long() const {
-    return blob_size() > UBUS_MAX_MSGLEN;
+    return blob_size() > bus::longest_blob;
 }
 
 bool message::fits() const {

@@ -7,8 +7,7 @@
 #include <string>
 #include <vector>
 
-#include <libubox/blob.h>
-#include <ubusmsg.h>
+#include "ubus/message.h"
 
 namespace busd {
 
@@ -17,7 +16,7 @@ class outbox {
 public:
     /// A message is refused while more than this would be waiting with it; an empty queue takes
     /// any message, so that the largest one gets through.
-    static constexpr std::size_t limit = UBUS_MAX_MSGLEN;
+    static constexpr std::size_t limit = bus::longest_blob;
 
     const std::uint8_t* data() const { return bytes_.data() + head_; }
     std::size_t size() const { return end_ - head_; }
@@ -54,6 +53,8 @@ public:
     /// Copies a whole attribute, header word included; a null one is left out.
     message& put(const blob_attr* attribute);
     message& put_payload(std::uint8_t id, const void* payload, std::size_t size);
+    /// Copies bytes that are attributes already; the gap behind the last may be missing.
+    message& put_raw(const void* bytes, std::size_t size);
 
     /// True if the message has outgrown what the protocol allows.
     bool too_long() const;

@@ -48,10 +48,12 @@ public:
         if (gone_) {
             return;
         }
-        if ((events & EPOLLIN) != 0) {
+        // Data seen together with the hang-up are not read: who says something and leaves must
+        // wait until it has been heard.
+        if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
+            hang_up((events & (EPOLLHUP | EPOLLERR)) == 0);
+        } else if ((events & EPOLLIN) != 0) {
             read_input();
-        } else if ((events & (EPOLLHUP | EPOLLERR)) != 0) {
-            close_later();
         }
         if ((events & EPOLLOUT) != 0) {
             on_output();
@@ -61,14 +63,24 @@ public:
     /// Writes what the reader takes now; the rest waits for the socket.
     void flush() {
         write_output();
-        if (gone_ || out().empty() != waiting_for_reader_) {
+        if (gone_) {
             return;
         }
-        waiting_for_reader_ = !out().empty();
+        if (out().empty() && leaving_) {
+            close_later();
+        } else if (out().empty() == waiting_for_reader_) {
+            waiting_for_reader_ = !out().empty();
+            watch(EPOLL_CTL_MOD);
+        }
+    }
+
+    /// Has the server's epoll set report what this connection waits for.
+    bool watch(int operation) {
         epoll_event event{};
-        event.events = waiting_for_reader_ ? EPOLLIN | EPOLLOUT : EPOLLIN;
+        event.events = (leaving_ ? 0U : EPOLLIN | EPOLLRDHUP) |
+                       (waiting_for_reader_ ? std::uint32_t{EPOLLOUT} : 0U);
         event.data.ptr = this;
-        ::epoll_ctl(server_.epoll_.get(), EPOLL_CTL_MOD, fd(), &event);
+        return ::epoll_ctl(server_.epoll_.get(), operation, fd(), &event) == 0;
     }
 
     void flush_round() {
@@ -99,6 +111,15 @@ private:
         }
     }
 
+    void hang_up(bool still_reading) {
+        if (out().empty() || !still_reading) {
+            close_later();
+        } else if (!leaving_) {
+            leaving_ = true;
+            watch(EPOLL_CTL_MOD);
+        }
+    }
+
     void write_output() {
         while (!gone_ && !out().empty()) {
             const ssize_t count =
@@ -115,7 +136,7 @@ private:
 
     void close_later() {
         if (!gone_) {
-            // What it asked for before it broke the rules or stopped sending is still its own.
+            // What it asked for before it broke the rules is still its own.
             gone_ = true;
             if (!out().empty()) {
                 const auto sent =
@@ -130,6 +151,8 @@ private:
     descriptor socket_;
     bool waiting_for_reader_ = false;
     bool has_output_ = false;
+    // It has stopped sending; it still gets what waits for it.
+    bool leaving_ = false;
     bool gone_ = false;
 };
 
@@ -218,10 +241,7 @@ void server::accept_clients() {
         }
         auto joining = std::make_unique<connection>(*this, std::move(socket), peer);
         connection* raw = joining.get();
-        epoll_event event{};
-        event.events = EPOLLIN;
-        event.data.ptr = raw;
-        if (::epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, raw->fd(), &event) != 0) {
+        if (!raw->watch(EPOLL_CTL_ADD)) {
             continue;
         }
         connections_.emplace(raw, std::move(joining));

@@ -10,6 +10,10 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#ifdef __cplusplus
+extern "C" {
+#endif
+
 #include <libubox/avl.h>
 #include <libubox/blob.h>
 #include <libubox/blobmsg.h>
@@ -18,16 +22,11 @@
 
 #include "ubusmsg.h"
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
 struct ubus_context;
 struct ubus_object;
 struct ubus_request;
 struct ubus_request_data;
 struct ubus_object_data;
-struct ubus_input;
 
 /** Handles one incoming call. What it returns becomes the call's status, unless it has deferred
  * the request. `msg` and the pointers in `req->acl` are valid during the call only. */
@@ -45,8 +44,14 @@ typedef void (*ubus_fd_handler_t)(struct ubus_request* req, int fd);
 /** Learns how an asynchronous request has ended. The record may be freed in here. */
 typedef void (*ubus_complete_handler_t)(struct ubus_request* req, int ret);
 
+/** Of the library alone. */
+struct ubus_msghdr_buf {
+    struct ubus_msghdr hdr;
+    struct blob_attr* data;
+};
+
 struct ubus_method {
-    const char* name;
+    const char* name; /* null: takes every method */
     ubus_handler_t handler;
     unsigned long mask; /* not used by the bundled bus, like tags */
     unsigned long tags;
@@ -63,7 +68,7 @@ struct ubus_object_type {
 
 struct ubus_object {
     struct avl_node avl;
-    const char* name; /* null for an anonymous object */
+    const char* name; /* null for an anonymous object, as is one without a type */
     uint32_t id;      /* 0 while it is not on the bus */
     const char* path;
     struct ubus_object_type* type;
@@ -79,7 +84,7 @@ struct ubus_context {
     struct list_head pending;  /* calls that came in during a synchronous request */
     struct uloop_fd sock;      /* `eof` is set when a write has failed or the peer hung up */
     struct uloop_timeout pending_timer;
-    uint32_t local_id;
+    uint32_t local_id; /* as it came, big-endian */
     uint16_t request_seq;
     bool cancel_poll; /* not used by the bundled bus */
     int stack_depth;  /* synchronous requests in progress, one inside the other */
@@ -87,13 +92,9 @@ struct ubus_context {
      * still at work on the context: take `sock` out of the loop, but free the context later. */
     ubus_connect_handler_t connection_lost;
     void (*monitor_cb)(struct ubus_context* ctx, uint32_t seq, struct blob_attr* data);
-    struct {
-        struct ubus_msghdr hdr;
-        struct blob_attr* data;
-    } msgbuf; /* spare memory for a received message */
-    uint32_t msgbuf_size;
-    struct ubus_input* input; /* received bytes that are no whole message yet */
-    bool lost;                /* connection_lost has been called */
+    struct ubus_msghdr_buf msgbuf; /* of the library alone, as are the next two */
+    uint32_t msgbuf_data_len;
+    int msgbuf_reduction_counter;
 };
 
 struct ubus_object_data {
@@ -103,15 +104,18 @@ struct ubus_object_data {
     struct blob_attr* signature;
 };
 
+/** Who calls what. */
+struct ubus_acl_key {
+    const char* user;
+    const char* group;
+    const char* object;
+};
+
 struct ubus_request_data {
     uint32_t object;
     uint32_t peer;
     uint16_t seq;
-    struct {
-        const char* user;
-        const char* group;
-        const char* object;
-    } acl; /* who calls; gone when the handler returns */
+    struct ubus_acl_key acl; /* gone when the handler returns */
     bool deferred;
     int fd;
     int req_fd;
@@ -159,8 +163,8 @@ static inline void ubus_handle_event(struct ubus_context* ctx) {
     ctx->sock.cb(&ctx->sock, ULOOP_READ);
 }
 
-/** Looks up `path` (exact, `prefix*`, or null for all) and calls `cb` for each object found.
- * Synchronous; other requests' callbacks may run inside. */
+/** Looks up `path` (exact, `prefix*`, or null for all) and calls `cb` for each object found that
+ * has a path and a type. Synchronous; other requests' callbacks may run inside. */
 int ubus_lookup(struct ubus_context* ctx, const char* path, ubus_lookup_handler_t cb, void* priv);
 /** Stores the id of the object at `path`. Synchronous. `id` stays as it was if the daemon names
  * no object, even with status 0. */
@@ -178,8 +182,8 @@ static inline int ubus_invoke(struct ubus_context* ctx, uint32_t obj, const char
 }
 
 /** Initialises `req` and sends the call. Set the callbacks afterwards, then hand the record to
- * one of the ubus_complete_... functions. A null `msg` sends a call without data. A message above
- * UBUS_MAX_MSGLEN and a failed write give UBUS_STATUS_INVALID_ARGUMENT. */
+ * one of the ubus_complete_... functions. A null `msg` sends a call without fields. A message above
+ * 1 MiB and a failed write give UBUS_STATUS_INVALID_ARGUMENT. */
 int ubus_invoke_async_fd(struct ubus_context* ctx, uint32_t obj, const char* method,
                          struct blob_attr* msg, struct ubus_request* req, int fd);
 
@@ -195,26 +199,22 @@ void ubus_complete_request_async(struct ubus_context* ctx, struct ubus_request* 
 /** Forgets a started request; no callback runs any more. */
 void ubus_abort_request(struct ubus_context* ctx, struct ubus_request* req);
 
-/** Publishes an object; its methods, type and name must stay valid. Synchronous. */
+/** Publishes an object; its methods, type and name must stay valid. Synchronous. With an id that
+ * another object of the context has already, it is not entered: calls go to the other one. */
 int ubus_add_object(struct ubus_context* ctx, struct ubus_object* obj);
 /** Withdraws an object. Synchronous. */
 int ubus_remove_object(struct ubus_context* ctx, struct ubus_object* obj);
 
 /** Sends one data reply. UBUS_STATUS_NO_DATA if it cannot be written. The size is not checked:
- * the daemon cuts off who sends more than UBUS_MAX_MSGLEN. */
+ * the daemon cuts off who sends more than 1 MiB. */
 int ubus_send_reply(struct ubus_context* ctx, struct ubus_request_data* req, struct blob_attr* msg);
 
 /** Copies what answering later takes into `new_req` and keeps the handler's return value from
- * being sent. */
+ * being sent. The pointers in the copy's `acl` are gone when the handler returns. */
 static inline void ubus_defer_request(struct ubus_context* ctx, struct ubus_request_data* req,
                                       struct ubus_request_data* new_req) {
     (void)ctx;
     *new_req = *req;
-    new_req->acl.user = NULL;
-    new_req->acl.group = NULL;
-    new_req->acl.object = NULL;
-    new_req->fd = -1;
-    new_req->req_fd = -1;
     req->deferred = true;
 }
 

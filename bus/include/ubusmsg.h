@@ -6,19 +6,12 @@
 
 #include <stdint.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
-
-/** Largest padded blob of a message, header not counted, in bytes. */
-#define UBUS_MAX_MSGLEN 1048576
-
 struct ubus_msghdr {
     uint8_t version; /* always 0 */
     uint8_t type;    /* enum ubus_msg_type */
     uint16_t seq;    /* the requester's running number; answers repeat it */
     uint32_t peer;   /* the other side: an object's or a client's id, or 0 */
-} __attribute__((packed));
+} __attribute__((packed, aligned(4)));
 
 enum ubus_msg_type {
     UBUS_MSG_HELLO,
@@ -71,7 +64,3 @@ enum ubus_msg_status {
     UBUS_STATUS_SYSTEM_ERROR,
     __UBUS_STATUS_LAST
 };
-
-#ifdef __cplusplus
-}
-#endif

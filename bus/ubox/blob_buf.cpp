@@ -5,15 +5,17 @@
 /// kept up to date; closing it passes the length on to its parent.
 #include "blob_buf.h"
 
-#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
+#include <endian.h>
+
+#include "limits.h"
 
 namespace {
 
-constexpr std::size_t smallest_buffer = 256;
+constexpr std::size_t growth_step = 256;
 
 std::size_t padded(std::size_t size) {
     return (size + BLOB_ATTR_ALIGN - 1) & ~std::size_t{BLOB_ATTR_ALIGN - 1};
@@ -28,13 +30,11 @@ blob_attr* attr_at(const blob_buf& buf, std::size_t offset) {
     return reinterpret_cast<blob_attr*>(static_cast<char*>(buf.buf) + offset);
 }
 
-// Doubles, so that a message of n bytes costs at most n bytes of moving, up to the limit.
+// To the next step above what is asked for: a message of n bytes may cost n / 256 moves.
 bool grow_on_heap(blob_buf* buf, int minlen) {
-    const auto old_size = static_cast<std::size_t>(buf->buflen);
-    const std::size_t needed = old_size + static_cast<std::size_t>(minlen);
-    const std::size_t size =
-        std::min<std::size_t>(std::max({needed, 2 * old_size, smallest_buffer}), BLOB_BUF_MAX);
-    if (size < needed) {
+    const std::size_t step = (static_cast<std::size_t>(minlen) / growth_step + 1) * growth_step;
+    const std::size_t size = static_cast<std::size_t>(buf->buflen) + step;
+    if (size > ubox::largest_buffer) {
         return false;
     }
     void* const memory = std::realloc(buf->buf, size);
@@ -49,11 +49,15 @@ bool grow_on_heap(blob_buf* buf, int minlen) {
 // Room for `size` bytes and the gap behind them, at the end of the open attribute, which it
 // lengthens. Null, and nothing changed, if there is none.
 char* append(blob_buf& buf, std::size_t size) {
-    if (buf.head == nullptr || size > BLOB_BUF_MAX) {
+    if (buf.head == nullptr || size > ubox::longest_attribute) {
         return nullptr;
     }
     const std::size_t start = offset_of(buf, buf.head) + blob_pad_len(buf.head);
     const std::size_t end = start + padded(size);
+    // Checked here and not only by the growing: a buffer may have a byte that no length can say.
+    if (end > ubox::longest_attribute) {
+        return nullptr;
+    }
     const auto have = static_cast<std::size_t>(buf.buflen);
     if (end > have && !blob_buf_grow(&buf, static_cast<int>(end - have))) {
         return nullptr;
@@ -67,7 +71,7 @@ char* append(blob_buf& buf, std::size_t size) {
 void write_header(blob_attr* attr, int id, std::size_t raw_length) {
     const std::uint32_t id_bits =
         (static_cast<std::uint32_t>(id) << BLOB_ATTR_ID_SHIFT) & BLOB_ATTR_ID_MASK;
-    attr->id_len = blob_be32(id_bits | static_cast<std::uint32_t>(raw_length));
+    attr->id_len = htobe32(id_bits | static_cast<std::uint32_t>(raw_length));
 }
 
 } // namespace
@@ -95,7 +99,8 @@ void blob_buf_free(blob_buf* buf) {
 
 bool blob_buf_grow(blob_buf* buf, int required) {
     if (buf->grow == nullptr || required < 0 ||
-        static_cast<unsigned>(required) > BLOB_BUF_MAX - static_cast<unsigned>(buf->buflen)) {
+        static_cast<std::size_t>(required) >
+            ubox::largest_buffer - static_cast<std::size_t>(buf->buflen)) {
         return false;
     }
     const int wanted = buf->buflen + required;
@@ -122,7 +127,8 @@ blob_attr* blob_new(blob_buf* buf, int id, int payload) {
 }
 
 blob_attr* blob_put(blob_buf* buf, int id, const void* ptr, unsigned len) {
-    blob_attr* const attr = len > BLOB_BUF_MAX ? nullptr : blob_new(buf, id, static_cast<int>(len));
+    blob_attr* const attr =
+        len > ubox::longest_attribute ? nullptr : blob_new(buf, id, static_cast<int>(len));
     if (attr == nullptr) {
         return nullptr;
     }
@@ -135,11 +141,18 @@ blob_attr* blob_put(blob_buf* buf, int id, const void* ptr, unsigned len) {
 }
 
 blob_attr* blob_put_raw(blob_buf* buf, const void* ptr, unsigned len) {
-    char* const place = len < sizeof(blob_attr) ? nullptr : append(*buf, len);
+    if (ptr == nullptr || len < sizeof(blob_attr)) {
+        return nullptr;
+    }
+    char* const place = append(*buf, len);
     if (place == nullptr) {
         return nullptr;
     }
     std::memcpy(place, ptr, len);
+    // What ends a message is sent without its gap.
+    blob_set_raw_len(buf->head,
+                     static_cast<unsigned>(offset_of(*buf, reinterpret_cast<blob_attr*>(place)) +
+                                           len - offset_of(*buf, buf->head)));
     return reinterpret_cast<blob_attr*>(place);
 }
 

@@ -1,7 +1,7 @@
 /// What blobmsg needs of the blob buffer beyond its public functions.
 #pragma once
 
-#include <libubox/blob.h>
+#include "headers.h"
 
 namespace ubox {
 

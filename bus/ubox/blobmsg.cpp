@@ -1,12 +1,12 @@
 /// blobmsg fields, for libubox's users: adding them to a buffer, and checking and finding them in a
 /// foreign message.
-#include <libubox/blobmsg.h>
-
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
+#include <endian.h>
 
 #include "blob_buf.h"
+#include "limits.h"
 
 namespace {
 
@@ -26,38 +26,52 @@ blob_attr* new_field(blob_buf& buf, int type, const char* name, std::size_t size
         name = "";
     }
     const std::size_t name_length = std::strlen(name);
-    if (name_length > BLOBMSG_NAME_MAX || size > BLOB_BUF_MAX) {
+    if (name_length > ubox::longest_name || size > ubox::longest_attribute) {
         return nullptr;
     }
-    const std::size_t header_length = blobmsg_hdrlen(static_cast<unsigned>(name_length));
+    const auto header_length =
+        static_cast<std::size_t>(blobmsg_hdrlen(static_cast<unsigned>(name_length)));
     blob_attr* const field = blob_new(&buf, type, static_cast<int>(header_length + size));
     if (field == nullptr) {
         return nullptr;
     }
-    field->id_len |= blob_be32(BLOB_ATTR_EXTENDED);
+    field->id_len |= htobe32(BLOB_ATTR_EXTENDED);
     auto* const header = reinterpret_cast<blobmsg_hdr*>(field->data);
-    header->namelen = blob_be16(static_cast<std::uint16_t>(name_length));
+    header->namelen = htobe16(static_cast<std::uint16_t>(name_length));
     std::memcpy(header->name, name, name_length);
     std::memset(header->name + name_length, 0, header_length - sizeof *header - name_length);
     return field;
+}
+
+// 0 for a field without a header, or with less of one than its length takes.
+unsigned name_length(const blob_attr* field) {
+    return blob_is_extended(field) && blob_len(field) >= sizeof(blobmsg_hdr)
+               ? blobmsg_namelen(reinterpret_cast<const blobmsg_hdr*>(field->data))
+               : 0;
 }
 
 bool header_is_sound(const blob_attr* attr, bool name_needed) {
     if (!blob_is_extended(attr)) {
         return !name_needed;
     }
-    const unsigned name_length = blobmsg_namelen(attr);
-    return blobmsg_hdrlen(name_length) <= blob_len(attr) &&
-           blobmsg_name(attr)[name_length] == '\0' && (name_length > 0 || !name_needed);
+    const unsigned length = name_length(attr);
+    return static_cast<std::size_t>(blobmsg_hdrlen(length)) <= blob_len(attr) &&
+           blobmsg_name(attr)[length] == '\0' && (length > 0 || !name_needed);
 }
 
 bool type_matches(const blob_attr* field, int type) {
     return type == BLOBMSG_TYPE_UNSPEC || type == blobmsg_type(field);
 }
 
+bool is_integer(const blob_attr* field) {
+    const int type = blobmsg_type(field);
+    return type == BLOBMSG_TYPE_INT64 || type == BLOBMSG_TYPE_INT32 || type == BLOBMSG_TYPE_INT16 ||
+           type == BLOBMSG_TYPE_INT8;
+}
+
 // The header's name may hold NULs, so it is compared by its length and not as text.
 bool name_matches(const blob_attr* field, const char* wanted) {
-    const std::size_t length = blobmsg_namelen(field);
+    const std::size_t length = name_length(field);
     return wanted != nullptr && length <= longest_found_name &&
            ::strnlen(wanted, longest_found_name + 1) == length &&
            std::memcmp(blobmsg_name(field), wanted, length) == 0;
@@ -104,7 +118,8 @@ bool blobmsg_check_attr_len(const blob_attr* attr, bool name, std::size_t len) {
 
 int blobmsg_check_array(const blob_attr* attr, int type) {
     const bool table = blobmsg_type(attr) == BLOBMSG_TYPE_TABLE;
-    if (!table && blobmsg_type(attr) != BLOBMSG_TYPE_ARRAY) {
+    if (type > BLOBMSG_TYPE_LAST || (!table && blobmsg_type(attr) != BLOBMSG_TYPE_ARRAY) ||
+        !blobmsg_check_attr(attr, false)) {
         return -1;
     }
     int count = 0;
@@ -135,8 +150,10 @@ int blobmsg_parse(const blobmsg_policy* policy, int policy_len, blob_attr** tb, 
             continue;
         }
         for (int i = 0; i < policy_len; ++i) {
-            if (tb[i] == nullptr && type_matches(field, policy[i].type) &&
-                name_matches(field, policy[i].name)) {
+            const bool right_type = policy[i].type == BLOBMSG_CAST_INT64
+                                        ? is_integer(field)
+                                        : type_matches(field, policy[i].type);
+            if (tb[i] == nullptr && right_type && name_matches(field, policy[i].name)) {
                 tb[i] = field;
             }
         }
@@ -151,13 +168,16 @@ int blobmsg_parse_array(const blobmsg_policy* policy, int policy_len, blob_attr*
     blob_attr* element;
     std::size_t left = data == nullptr ? 0 : len;
     __blob_for_each_attr(element, data, left) {
+        if (position == policy_len) {
+            return 0;
+        }
         if (!blobmsg_check_attr(element, false)) {
             return -1;
         }
-        if (position < policy_len && type_matches(element, policy[position].type)) {
+        if (type_matches(element, policy[position].type)) {
             tb[position] = element;
+            ++position;
         }
-        ++position;
     }
     return 0;
 }

@@ -1,16 +1,16 @@
 /// The loop itself: descriptors, over epoll, and the rounds that serve them, the timers and the
 /// signals.
 ///
-/// Events are fetched in batches and served one a round. The batch outlives the round and nested
-/// runs share it, so deleting a descriptor takes its event out of the batch.
-#include <libubox/uloop.h>
-
+/// Events are fetched in batches and served one a round. What a fetch says about the end of a
+/// descriptor is noted in all of its records before the first callback runs. The batch outlives the
+/// round and nested runs share it, so deleting a descriptor takes its event out of the batch.
 #include <cerrno>
 #include <cstdint>
 #include <fcntl.h>
 #include <sys/epoll.h>
 #include <unistd.h>
 
+#include "headers.h"
 #include "uloop_signals.h"
 #include "uloop_timers.h"
 
@@ -23,7 +23,13 @@ constexpr int batch_size = 10;
 int epoll = -1;
 int running = 0; // runs in progress, one inside the other
 
-epoll_event batch[batch_size];
+// An event that has been fetched and is yet to be served.
+struct fetched_event {
+    uloop_fd* sock; // null once the descriptor has been deleted
+    unsigned events;
+};
+
+fetched_event batch[batch_size];
 int batch_next = 0;
 int batch_end = 0;
 
@@ -36,8 +42,8 @@ bool cancelled() {
 
 void forget_events_of(const uloop_fd* sock) {
     for (int i = batch_next; i < batch_end; ++i) {
-        if (batch[i].data.ptr == sock) {
-            batch[i].data.ptr = nullptr;
+        if (batch[i].sock == sock) {
+            batch[i].sock = nullptr;
         }
     }
 }
@@ -77,8 +83,17 @@ void make_non_blocking(int fd) {
     }
 }
 
-// Nothing of the record is used after its callback, which may have freed it.
-void serve(uloop_fd* sock, std::uint32_t happened) {
+int stop_watching(uloop_fd* sock) {
+    if (!sock->registered) {
+        return 0;
+    }
+    sock->registered = false;
+    return ::epoll_ctl(epoll, EPOLL_CTL_DEL, sock->fd, nullptr);
+}
+
+// Notes in the record what has come to its end, and returns what its callback is to be told. What
+// it is watched for may change until then: the callback hears of the event all the same.
+unsigned note(uloop_fd* sock, std::uint32_t happened) {
     unsigned events = 0;
     if ((happened & (EPOLLIN | EPOLLRDHUP)) != 0) {
         events |= ULOOP_READ;
@@ -86,8 +101,6 @@ void serve(uloop_fd* sock, std::uint32_t happened) {
     if ((happened & EPOLLOUT) != 0) {
         events |= ULOOP_WRITE;
     }
-    // What it is watched for may have changed since the batch was fetched.
-    events &= sock->flags;
     if ((happened & EPOLLRDHUP) != 0) {
         sock->eof = true;
     }
@@ -95,17 +108,27 @@ void serve(uloop_fd* sock, std::uint32_t happened) {
         // Level-triggered and impossible to turn off: left in place it would keep the loop
         // spinning.
         sock->error = true;
-        uloop_fd_delete(sock);
-    } else if (events == 0) {
-        return;
+        stop_watching(sock);
     }
-    sock->cb(sock, events);
+    return events;
 }
 
 void fetch_batch(int wait) {
-    const int count = ::epoll_wait(epoll, batch, batch_size, wait);
+    epoll_event happened[batch_size];
+    const int count = ::epoll_wait(epoll, happened, batch_size, wait);
     batch_next = 0;
-    batch_end = count < 0 ? 0 : count;
+    batch_end = 0;
+    for (int i = 0; i < count; ++i) {
+        auto* const sock = static_cast<uloop_fd*>(happened[i].data.ptr);
+        if (sock == &signal_wakeup) {
+            batch[batch_end++] = {sock, 0};
+            continue;
+        }
+        const unsigned events = note(sock, happened[i].events);
+        if (events != 0 || sock->error) {
+            batch[batch_end++] = {sock, events};
+        }
+    }
 }
 
 // Serves one event, waiting at most `wait` milliseconds for one if none is left of the last batch.
@@ -114,14 +137,14 @@ void serve_one_event(int wait) {
         fetch_batch(wait);
     }
     while (batch_next < batch_end) {
-        const epoll_event event = batch[batch_next++];
-        auto* const sock = static_cast<uloop_fd*>(event.data.ptr);
-        if (sock == &signal_wakeup) {
+        const fetched_event event = batch[batch_next++];
+        if (event.sock == &signal_wakeup) {
             ubox::drain_signal_wakeup();
             return;
         }
-        if (sock != nullptr) {
-            serve(sock, event.events);
+        if (event.sock != nullptr) {
+            // Its last use here: the callback may free the record.
+            event.sock->cb(event.sock, event.events);
             return;
         }
     }
@@ -164,24 +187,17 @@ int uloop_run_timeout(int timeout) {
     if (epoll < 0) {
         return -1;
     }
-    const timeval deadline = ubox::later_by(ubox::monotonic_now(), timeout < 0 ? 0 : timeout);
     __atomic_store_n(&uloop_cancelled, false, __ATOMIC_RELAXED);
     ++running;
-    bool expired = false;
-    // A callback may even have called uloop_done().
-    while (!expired && !cancelled() && epoll >= 0) {
+    do {
         ubox::collect_children();
         ubox::run_due_timers();
         if (cancelled() || epoll < 0) {
             break;
         }
-        int left = -1;
-        if (timeout >= 0) {
-            left = ubox::milliseconds_until(deadline, ubox::monotonic_now());
-            expired = left == 0;
-        }
-        serve_one_event(shorter(left, ubox::milliseconds_to_next_timer()));
-    }
+        serve_one_event(shorter(timeout, ubox::milliseconds_to_next_timer()));
+        // A callback may even have called uloop_done().
+    } while (timeout < 0 && !cancelled() && epoll >= 0);
     --running;
     return 0;
 }
@@ -221,9 +237,5 @@ int uloop_fd_add(uloop_fd* sock, unsigned flags) {
 
 int uloop_fd_delete(uloop_fd* sock) {
     forget_events_of(sock);
-    if (!sock->registered) {
-        return 0;
-    }
-    sock->registered = false;
-    return ::epoll_ctl(epoll, EPOLL_CTL_DEL, sock->fd, nullptr);
+    return stop_watching(sock);
 }

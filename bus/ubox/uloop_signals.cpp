@@ -10,7 +10,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <libubox/uloop.h>
+#include "headers.h"
 
 bool uloop_handle_sigchld = true;
 

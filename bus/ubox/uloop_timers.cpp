@@ -4,7 +4,7 @@
 #include <climits>
 #include <ctime>
 
-#include <libubox/uloop.h>
+#include "headers.h"
 
 namespace {
 

@@ -1,17 +1,17 @@
 /// The balanced tree of libubox/avl.h: in every node the heights of the two sides differ by one at
 /// most, so that paths stay short enough for plain recursion.
-#include <libubox/avl.h>
+#include "ubox/headers.h"
 
 namespace {
 
 int height(const avl_node* node) {
-    return node == nullptr ? 0 : node->height;
+    return node == nullptr ? 0 : node->balance;
 }
 
 void measure(avl_node* node) {
     const int left = height(node->left);
     const int right = height(node->right);
-    node->height = 1 + (left > right ? left : right);
+    node->balance = static_cast<signed char>(1 + (left > right ? left : right));
 }
 
 avl_node* rotate_right(avl_node* node) {
@@ -107,7 +107,7 @@ int avl_insert(avl_tree* tree, avl_node* node) {
         return -1;
     }
     node->left = node->right = nullptr;
-    node->height = 1;
+    node->balance = 1;
     tree->root = insert(*tree, tree->root, node);
     ++tree->count;
     return 0;

@@ -1,9 +1,10 @@
 /// The life of a libubus context: connecting, and letting go.
 #include <cerrno>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <endian.h>
 #include <fcntl.h>
-#include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -53,25 +54,13 @@ int open_socket(const char* path) {
     return fd;
 }
 
-// Reads nothing beyond the daemon's first message: what follows must wake the loop.
 bool receive_hello(ubus_context& ctx) {
-    for (;;) {
-        bool filled = false;
-        const read_result result = read_input(ctx, true, filled);
-        if (result == read_result::ended) {
-            return false;
-        }
-        if (result == read_result::nothing) {
-            pollfd readable{ctx.sock.fd, POLLIN, 0};
-            ::poll(&readable, 1, -1);
-            continue;
-        }
-        const incoming hello(ctx);
-        if (hello) {
-            ctx.local_id = hello.head().peer;
-            return hello.head().type == UBUS_MSG_HELLO && ctx.local_id != 0;
-        }
+    message_head hello;
+    if (!read_hello(ctx, hello) || hello.type != UBUS_MSG_HELLO) {
+        return false;
     }
+    ctx.local_id = htobe32(hello.peer);
+    return ctx.local_id != 0;
 }
 
 } // namespace
@@ -89,7 +78,8 @@ int ubus_connect_ctx(ubus_context* ctx, const char* path) {
     uloop_init();
 
     ctx->sock.fd = bus::open_socket(path != nullptr ? path : bus::default_path());
-    if (ctx->sock.fd < 0 || !bus::receive_hello(*ctx) || !bus::reserve_send_buffer()) {
+    if (ctx->sock.fd < 0 || !bus::receive_hello(*ctx) || !bus::open_input(*ctx) ||
+        !bus::reserve_send_buffer()) {
         ubus_shutdown(ctx);
         return UBUS_STATUS_CONNECTION_FAILED;
     }
@@ -136,5 +126,10 @@ const char* ubus_strerror(int error) {
                                                           "Out of memory",
                                                           "Parsing message data failed",
                                                           "System error"};
-    return error >= 0 && error < __UBUS_STATUS_LAST ? texts[error] : "Unknown error";
+    if (error >= 0 && error < __UBUS_STATUS_LAST) {
+        return texts[error];
+    }
+    static char unknown[32];
+    std::snprintf(unknown, sizeof unknown, "Unknown error: %d", error);
+    return unknown;
 }

@@ -102,11 +102,12 @@ void on_socket(uloop_fd* sock, unsigned int) {
         if (!last_event && (!more || reads >= reads_per_event)) {
             return;
         }
-        const read_result result = read_input(ctx, false, more);
-        if (result == read_result::nothing) {
+        const read_result result = read_input(ctx, more);
+        if (result == read_result::nothing && !last_event) {
             return;
         }
-        if (result == read_result::ended) {
+        // A failed write is told by `eof` alone: nothing may be left to read.
+        if (result != read_result::data) {
             end_connection(ctx);
             return;
         }
@@ -127,10 +128,10 @@ void drop_pending(ubus_context& ctx) {
 }
 
 void end_connection(ubus_context& ctx) {
-    if (ctx.lost) {
+    if (is_lost(ctx)) {
         return;
     }
-    ctx.lost = true;
+    set_lost(ctx);
     ctx.sock.eof = true;
     // Nobody could be told the outcome of these any more.
     drop_pending(ctx);

@@ -3,8 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <libubus.h>
 
+#include "headers.h"
 #include "message.h"
 
 namespace bus {
@@ -33,7 +33,8 @@ void on_pending_timer(uloop_timeout* timer);
 /// Drops the calls that wait for the end of a synchronous request.
 void drop_pending(ubus_context& ctx);
 
-/// Runs the handler of one incoming call and answers it.
+/// Runs the handler of one incoming call and answers it. A call of an object that is not there, or
+/// without a method, is answered to nobody: its caller hears nothing.
 void handle_invoke(ubus_context& ctx, const message_head& head, const attributes& given);
 
 /// Answers an incoming call without running its handler.

@@ -4,8 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include <libubus.h>
-
+#include "headers.h"
 #include "message.h"
 
 namespace bus {
@@ -20,8 +19,7 @@ public:
 
     outgoing& put_u32(int id, std::uint32_t value);
     outgoing& put_text(int id, const char* text);
-    /// Copies what `message`, a blob of the caller's, holds; leaves the attribute out if it is
-    /// null.
+    /// Copies what `message`, a blob of the caller's, holds; nothing if it is null.
     outgoing& put_nested(int id, const blob_attr* message);
     /// The SIGNATURE attribute of an object with these methods.
     outgoing& put_signature(const ubus_method* methods, int count);
@@ -47,9 +45,17 @@ void free_send_buffer();
 
 enum class read_result { data, nothing, ended };
 
-/// Reads once from the socket, without waiting, and keeps the bytes; not more than one message's
-/// worth if `one_message`. Sets `filled` if there may be more to read.
-read_result read_input(ubus_context& ctx, bool one_message, bool& filled);
+/// Reads once from the socket, without waiting, and keeps the bytes. Sets `filled` if there may be
+/// more to read.
+read_result read_input(ubus_context& ctx, bool& filled);
+
+/// Waits for the daemon's first message and reads it: its head in one piece, and what its blob
+/// holds in one piece. False if either comes in more. Reads nothing beyond it: what follows must
+/// wake the loop.
+bool read_hello(ubus_context& ctx, message_head& hello);
+
+/// Takes memory for what is received. False if there is none.
+bool open_input(ubus_context& ctx);
 
 void free_input(ubus_context& ctx);
 
@@ -77,5 +83,9 @@ private:
 
 /// Makes the connection look closed by the daemon from here on.
 void break_connection(ubus_context& ctx);
+
+/// Whether the end of the connection has been told, and notes that it has.
+bool is_lost(const ubus_context& ctx);
+void set_lost(ubus_context& ctx);
 
 } // namespace bus

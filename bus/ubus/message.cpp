@@ -46,7 +46,7 @@ bool read_head(const void* bytes, message_head& head) {
     const std::uint32_t length = blob & length_mask;
     const std::uint32_t padded = (length + 3) & ~std::uint32_t{3};
     if (header.version != 0 || (blob & ~length_mask) != 0 || length < sizeof(blob_attr) ||
-        padded > UBUS_MAX_MSGLEN) {
+        padded > longest_blob) {
         return false;
     }
     head.type = header.type;
@@ -65,18 +65,17 @@ bool parse_attributes(const blob_attr* message, attributes& found) {
     found.fill(nullptr);
     const char* at = message->data;
     std::size_t left = (load_u32(message) & length_mask) - sizeof(blob_attr);
-    while (left > 0) {
-        if (left < sizeof(blob_attr)) {
-            return false;
-        }
+    bool well_formed = true;
+    while (left >= sizeof(blob_attr)) {
         const std::uint32_t word = load_u32(at);
         const std::size_t length = word & length_mask;
         const std::uint32_t id = (word >> id_shift) & id_mask;
-        if (length < sizeof(blob_attr) || length > left ||
-            !length_fits(id, at + sizeof(blob_attr), length - sizeof(blob_attr))) {
+        if (length < sizeof(blob_attr) || length > left) {
             return false;
         }
-        if (id < found.size() && found[id] == nullptr) {
+        if (!length_fits(id, at + sizeof(blob_attr), length - sizeof(blob_attr))) {
+            well_formed = false;
+        } else if (id < found.size()) {
             found[id] = reinterpret_cast<const blob_attr*>(at);
         }
         // The padding of the last attribute may be missing.
@@ -85,7 +84,7 @@ bool parse_attributes(const blob_attr* message, attributes& found) {
         at += step;
         left -= step;
     }
-    return true;
+    return well_formed && left == 0;
 }
 
 std::uint32_t get_u32(const blob_attr* attribute, std::uint32_t otherwise) {

@@ -5,10 +5,12 @@
 #include <cstddef>
 #include <cstdint>
 
-#include <libubox/blob.h>
-#include <ubusmsg.h>
+#include "headers.h"
 
 namespace bus {
+
+/// Largest padded blob of a message, its 8-byte header not counted, in bytes.
+inline constexpr std::size_t longest_blob = 1048576;
 
 /// Bytes before a message's attributes: the header and the header word of its blob.
 inline constexpr std::size_t message_head_size = sizeof(ubus_msghdr) + sizeof(blob_attr);
@@ -35,9 +37,10 @@ void write_header(void* bytes, std::uint8_t type, std::uint16_t seq, std::uint32
 using attributes = std::array<const blob_attr*, UBUS_ATTR_MAX>;
 
 /// Finds the attributes of a message, `message` being its blob, all of whose blob_raw_len() bytes
-/// are there. Of several with one id the first counts; unknown ids are passed over. False if they
-/// do not fill the blob exactly or one has the wrong length for its type. What nested attributes
-/// hold is not looked at.
+/// are there. Of several with one id the last counts; unknown ids and those with the wrong length
+/// for their type are passed over, and nothing is looked for behind the first that does not fit.
+/// False if there was any such thing, or if the attributes do not fill the blob. What nested
+/// attributes hold is not looked at.
 bool parse_attributes(const blob_attr* message, attributes& found);
 
 /// Value of an int32 attribute that parse_attributes() has found, or `otherwise` for a null one.

@@ -5,35 +5,41 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <utility>
 
-// Received bytes in the order of the stream: [begin, end) are not taken yet.
-struct ubus_input {
+namespace bus {
+namespace {
+
+// What belongs to one context beyond what its public record has room for. It hangs on
+// `msgbuf.data`, which is the library's own.
+struct connection_input {
+    // Received bytes in the order of the stream: [begin, end) are not taken yet.
     char* bytes;
     std::size_t capacity;
     std::size_t begin;
     std::size_t end;
+    // The stream has no meaning any more.
     bool broken;
+    // connection_lost has been called.
+    bool lost;
+    // Memory for the next received message.
+    blob_attr* spare;
+    std::uint32_t spare_size;
 };
 
-namespace bus {
-namespace {
+connection_input* input_of(const ubus_context& ctx) {
+    return reinterpret_cast<connection_input*>(ctx.msgbuf.data);
+}
 
 constexpr std::size_t input_size = 16 * 1024;
 // Memory beyond this is not kept for the next message.
 constexpr std::size_t kept_size = 64 * 1024;
 
-ubus_input* get_input(ubus_context& ctx) {
-    if (ctx.input == nullptr) {
-        ctx.input = static_cast<ubus_input*>(std::calloc(1, sizeof(ubus_input)));
-    }
-    return ctx.input;
-}
-
 // Makes room for `wanted` bytes from `begin` on.
-bool reserve(ubus_input& input, std::size_t wanted) {
+bool reserve(connection_input& input, std::size_t wanted) {
     const std::size_t used = input.end - input.begin;
     if (used == 0 && input.capacity > kept_size && wanted <= input_size) {
         std::free(std::exchange(input.bytes, nullptr));
@@ -56,31 +62,50 @@ bool reserve(ubus_input& input, std::size_t wanted) {
     return true;
 }
 
+// Waits for the first byte and takes what one read() gives.
+bool read_piece(int fd, void* bytes, std::size_t size) {
+    for (;;) {
+        const ssize_t count = ::read(fd, bytes, size);
+        if (count < 0 && errno == EAGAIN) {
+            pollfd readable{fd, POLLIN, 0};
+            ::poll(&readable, 1, -1);
+        } else if (count >= 0 || errno != EINTR) {
+            return count == static_cast<ssize_t>(size);
+        }
+    }
+}
+
 } // namespace
 
-read_result read_input(ubus_context& ctx, bool one_message, bool& filled) {
-    ubus_input* input = get_input(ctx);
-    if (input == nullptr || input->broken) {
+bool open_input(ubus_context& ctx) {
+    if (ctx.msgbuf.data == nullptr) {
+        ctx.msgbuf.data = static_cast<blob_attr*>(std::calloc(1, sizeof(connection_input)));
+    }
+    return ctx.msgbuf.data != nullptr;
+}
+
+read_result read_input(ubus_context& ctx, bool& filled) {
+    if (!open_input(ctx) || input_of(ctx)->broken) {
         return read_result::ended;
     }
+    connection_input& input = *input_of(ctx);
     std::size_t wanted = message_head_size;
-    const std::size_t used = input->end - input->begin;
-    if (used >= message_head_size) {
+    if (input.end - input.begin >= message_head_size) {
         message_head head;
-        if (!read_head(input->bytes + input->begin, head)) {
+        if (!read_head(input.bytes + input.begin, head)) {
             break_connection(ctx);
             return read_result::ended;
         }
         wanted = head.size;
     }
-    if (!reserve(*input, wanted)) {
+    if (!reserve(input, wanted)) {
         break_connection(ctx);
         return read_result::ended;
     }
-    const std::size_t room = one_message ? wanted - used : input->capacity - input->end;
+    const std::size_t room = input.capacity - input.end;
     ssize_t count = 0;
     do {
-        count = ::read(ctx.sock.fd, input->bytes + input->end, room);
+        count = ::read(ctx.sock.fd, input.bytes + input.end, room);
     } while (count < 0 && errno == EINTR);
     if (count < 0 && errno == EAGAIN) {
         return read_result::nothing;
@@ -88,23 +113,39 @@ read_result read_input(ubus_context& ctx, bool one_message, bool& filled) {
     if (count <= 0) {
         return read_result::ended;
     }
-    input->end += static_cast<std::size_t>(count);
+    input.end += static_cast<std::size_t>(count);
     filled = static_cast<std::size_t>(count) == room;
     return read_result::data;
 }
 
-void free_input(ubus_context& ctx) {
-    if (ctx.input != nullptr) {
-        std::free(ctx.input->bytes);
-        std::free(std::exchange(ctx.input, nullptr));
+bool read_hello(ubus_context& ctx, message_head& hello) {
+    char head[message_head_size];
+    if (!read_piece(ctx.sock.fd, head, sizeof head) || !read_head(head, hello)) {
+        return false;
     }
-    std::free(std::exchange(ctx.msgbuf.data, nullptr));
-    ctx.msgbuf_size = 0;
+    const std::size_t rest = hello.size - sizeof head;
+    if (rest == 0) {
+        return true;
+    }
+    // What it holds means nothing.
+    void* const memory = std::malloc(rest);
+    const bool read = memory != nullptr && read_piece(ctx.sock.fd, memory, rest);
+    std::free(memory);
+    return read;
+}
+
+void free_input(ubus_context& ctx) {
+    if (connection_input* const input = input_of(ctx)) {
+        std::free(input->bytes);
+        std::free(input->spare);
+        std::free(input);
+        ctx.msgbuf.data = nullptr;
+    }
 }
 
 incoming::incoming(ubus_context& ctx)
     : ctx_(ctx) {
-    ubus_input* input = ctx.input;
+    connection_input* const input = input_of(ctx);
     if (input == nullptr || input->broken || input->end - input->begin < message_head_size) {
         return;
     }
@@ -116,8 +157,8 @@ incoming::incoming(ubus_context& ctx)
     if (input->end - input->begin < head_.size) {
         return;
     }
-    memory_ = std::exchange(ctx.msgbuf.data, nullptr);
-    size_ = std::exchange(ctx.msgbuf_size, 0);
+    memory_ = std::exchange(input->spare, nullptr);
+    size_ = std::exchange(input->spare_size, 0);
     const auto length = static_cast<std::uint32_t>(head_.size - sizeof(ubus_msghdr));
     if (length > size_) {
         std::free(memory_);
@@ -135,21 +176,32 @@ incoming::incoming(ubus_context& ctx)
 }
 
 incoming::~incoming() {
-    if (memory_ != nullptr && ctx_.msgbuf.data == nullptr && size_ <= kept_size) {
-        ctx_.msgbuf.data = memory_;
-        ctx_.msgbuf_size = size_;
+    connection_input* const input = input_of(ctx_);
+    if (memory_ != nullptr && input != nullptr && input->spare == nullptr && size_ <= kept_size) {
+        input->spare = memory_;
+        input->spare_size = size_;
     } else {
         std::free(memory_);
     }
 }
 
 void break_connection(ubus_context& ctx) {
-    if (ctx.input != nullptr) {
-        ctx.input->broken = true;
+    if (open_input(ctx)) {
+        input_of(ctx)->broken = true;
     }
     ctx.sock.eof = true;
     // So that the loop reports the socket even if the daemon leaves it open.
     ::shutdown(ctx.sock.fd, SHUT_RDWR);
+}
+
+bool is_lost(const ubus_context& ctx) {
+    return input_of(ctx) != nullptr && input_of(ctx)->lost;
+}
+
+void set_lost(ubus_context& ctx) {
+    if (open_input(ctx)) {
+        input_of(ctx)->lost = true;
+    }
 }
 
 } // namespace bus

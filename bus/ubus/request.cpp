@@ -26,14 +26,14 @@ int wait_for(ubus_context& ctx, const ubus_request& request, const clock::time_p
         if (request.status_msg) {
             return request.status_code;
         }
-        if (request.cancelled || ctx.lost) {
+        if (request.cancelled || is_lost(ctx)) {
             return request.cancelled ? UBUS_STATUS_NO_DATA : UBUS_STATUS_CONNECTION_FAILED;
         }
         if (handle_one(ctx)) {
             continue;
         }
         bool filled = false;
-        const read_result result = read_input(ctx, false, filled);
+        const read_result result = read_input(ctx, filled);
         if (result == read_result::ended) {
             end_connection(ctx);
         } else if (result == read_result::nothing) {
@@ -67,9 +67,15 @@ struct lookup_call {
     void* priv;
 };
 
+// The id of an object that the daemon tells of; null if it does not say.
+const blob_attr* id_told(blob_attr* message, attributes& given) {
+    return parse_attributes(message, given) ? given[UBUS_ATTR_OBJID] : nullptr;
+}
+
 void on_found(ubus_request* request, int, blob_attr* message) {
     attributes given;
-    if (!parse_attributes(message, given) || given[UBUS_ATTR_OBJID] == nullptr) {
+    if (id_told(message, given) == nullptr || given[UBUS_ATTR_OBJPATH] == nullptr ||
+        given[UBUS_ATTR_OBJTYPE] == nullptr) {
         return;
     }
     ubus_object_data found{};
@@ -81,8 +87,26 @@ void on_found(ubus_request* request, int, blob_attr* message) {
     call->handler(request->ctx, &found, call->priv);
 }
 
-void store_id(ubus_context*, ubus_object_data* found, void* priv) {
-    *static_cast<std::uint32_t*>(priv) = found->id;
+void store_id(ubus_request* request, int, blob_attr* message) {
+    attributes given;
+    if (const blob_attr* id = id_told(message, given)) {
+        *static_cast<std::uint32_t*>(request->priv) = get_u32(id);
+    }
+}
+
+int look_up(ubus_context& ctx, const char* path, ubus_data_handler_t each, void* priv) {
+    ubus_request request;
+    outgoing message;
+    if (path != nullptr) {
+        message.put_text(UBUS_ATTR_OBJPATH, path);
+    }
+    const int started = start_request(ctx, request, message, UBUS_MSG_LOOKUP, 0);
+    if (started != UBUS_STATUS_OK) {
+        return started;
+    }
+    request.raw_data_cb = each;
+    request.priv = priv;
+    return ubus_complete_request(&ctx, &request, 0);
 }
 
 } // namespace
@@ -136,7 +160,7 @@ int ubus_invoke_async_fd(ubus_context* ctx, std::uint32_t obj, const char* metho
     if (fd >= 0) {
         return UBUS_STATUS_NOT_SUPPORTED;
     }
-    if (msg != nullptr && blob_pad_len(msg) > UBUS_MAX_MSGLEN) {
+    if (msg != nullptr && blob_pad_len(msg) > bus::longest_blob) {
         return UBUS_STATUS_INVALID_ARGUMENT;
     }
     bus::outgoing call;
@@ -187,20 +211,9 @@ int ubus_invoke_fd(ubus_context* ctx, std::uint32_t obj, const char* method, blo
 
 int ubus_lookup(ubus_context* ctx, const char* path, ubus_lookup_handler_t cb, void* priv) {
     bus::lookup_call call{cb, priv};
-    ubus_request request;
-    bus::outgoing message;
-    if (path != nullptr) {
-        message.put_text(UBUS_ATTR_OBJPATH, path);
-    }
-    const int started = bus::start_request(*ctx, request, message, UBUS_MSG_LOOKUP, 0);
-    if (started != UBUS_STATUS_OK) {
-        return started;
-    }
-    request.raw_data_cb = bus::on_found;
-    request.priv = &call;
-    return ubus_complete_request(ctx, &request, 0);
+    return bus::look_up(*ctx, path, bus::on_found, &call);
 }
 
 int ubus_lookup_id(ubus_context* ctx, const char* path, std::uint32_t* id) {
-    return ubus_lookup(ctx, path, bus::store_id, id);
+    return bus::look_up(*ctx, path, bus::store_id, id);
 }

@@ -3,7 +3,6 @@
 
 #include <cerrno>
 #include <poll.h>
-#include <sys/socket.h>
 #include <sys/uio.h>
 
 namespace bus {
@@ -55,10 +54,9 @@ outgoing& outgoing::put_text(int id, const char* text) {
 }
 
 outgoing& outgoing::put_nested(int id, const blob_attr* message) {
-    if (message != nullptr) {
-        failed_ = failed_ || blob_put(&send_buffer, id, blob_data(message),
-                                      static_cast<unsigned>(blob_len(message))) == nullptr;
-    }
+    const auto size = static_cast<unsigned>(message == nullptr ? 0 : blob_len(message));
+    failed_ = failed_ || blob_put(&send_buffer, id, message == nullptr ? "" : blob_data(message),
+                                  size) == nullptr;
     return *this;
 }
 
@@ -88,7 +86,7 @@ outgoing& outgoing::put_signature(const ubus_method* methods, int count) {
 }
 
 bool outgoing::too_long() const {
-    return blob_pad_len(send_buffer.head) > UBUS_MAX_MSGLEN;
+    return blob_pad_len(send_buffer.head) > longest_blob;
 }
 
 bool outgoing::send(ubus_context& ctx, std::uint8_t type, std::uint16_t seq,
@@ -99,14 +97,12 @@ bool outgoing::send(ubus_context& ctx, std::uint8_t type, std::uint16_t seq,
     ubus_msghdr header;
     write_header(&header, type, seq, peer);
     iovec parts[2] = {{&header, sizeof header}, {send_buffer.head, blob_raw_len(send_buffer.head)}};
-    if (!ctx.lost && write_all(ctx.sock.fd, parts, 2)) {
+    if (write_all(ctx.sock.fd, parts, 2)) {
         return true;
     }
+    // All that tells of it: the connection ends when the loop next reports the socket, which a
+    // daemon that has only stopped reading may put off for ever.
     ctx.sock.eof = true;
-    // The daemon may have read the half of it, and may keep its end open: nothing that is written
-    // from here on would be understood, so the loop has to report the end. What has been received
-    // already can still be read.
-    ::shutdown(ctx.sock.fd, SHUT_RDWR);
     return false;
 }
 

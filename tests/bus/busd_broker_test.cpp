@@ -8,7 +8,7 @@
 
 namespace {
 
-constexpr std::size_t limit = UBUS_MAX_MSGLEN;
+constexpr std::size_t limit = bus::longest_blob;
 
 // A client in memory. Unless told to, it does not read.
 class memory_client : public busd::client {
@@ -69,6 +69,21 @@ protected:
         return service.take().at(0).number(3);
     }
 
+    // The service has just published it.
+    void expect_object_without_a_type(const std::string& path) {
+        const auto answers = service.take();
+        ASSERT_EQ(answers.size(), 2u);
+        EXPECT_TRUE(answers[0].attribute(5).empty());
+        EXPECT_EQ(answers[1].number(1), 0u);
+        // It is there, and nothing is told of it.
+        ASSERT_TRUE(send(caller, wire::message(wire::lookup, 1, 0, wire::objpath(path))));
+        EXPECT_EQ(caller.take().at(0).raw, wire::message(wire::status, 1, 0, wire::status_is(0)));
+        const std::uint32_t id = answers[0].number(3);
+        ASSERT_TRUE(
+            send(caller, wire::message(wire::invoke, 2, id, wire::objid(id) + wire::method("m"))));
+        EXPECT_EQ(service.take().at(0).type(), wire::invoke);
+    }
+
     std::uint32_t last_status(memory_client& of) {
         const auto messages = of.take();
         EXPECT_FALSE(messages.empty());
@@ -105,17 +120,26 @@ TEST_F(BusdBroker, TakesMessagesInPiecesOfAnySize) {
                 broker.receive(caller, calls.data() + at, std::min(piece, calls.size() - at)));
         }
         const auto answers = caller.take();
-        ASSERT_EQ(answers.size(), 3u) << piece;
-        EXPECT_EQ(answers[0].raw, wire::message(wire::status, 1, 0, wire::status_is(0)));
-        EXPECT_EQ(answers[1].type(), wire::data);
-        EXPECT_EQ(answers[2].raw, wire::message(wire::status, 3, 0, wire::status_is(0)));
+        ASSERT_EQ(answers.size(), 4u) << piece;
+        EXPECT_EQ(answers[1].raw, wire::message(wire::status, 1, 0, wire::status_is(0)));
+        EXPECT_EQ(answers[2].type(), wire::data);
+        EXPECT_EQ(answers[3].raw, wire::message(wire::status, 3, 0, wire::status_is(0)));
         ASSERT_EQ(service.take().size(), 1u);
     }
 }
 
-TEST_F(BusdBroker, AnswersPing) {
-    ASSERT_TRUE(send(caller, wire::message(wire::ping, 77, 5, {})));
-    EXPECT_EQ(caller.take().at(0).raw, wire::message(wire::status, 77, 5, wire::status_is(0)));
+TEST_F(BusdBroker, AnswersPingWithWhatItHoldsAndAStatus) {
+    for (const wire::bytes& inside :
+         {wire::bytes{}, wire::status_is(3), wire::bytes{7, 0, 0, 5, 1}}) {
+        ASSERT_TRUE(send(caller, wire::message(wire::ping, 77, 5, inside)));
+        const auto answers = caller.take();
+        ASSERT_EQ(answers.size(), 2u);
+        EXPECT_EQ(answers[0].raw, wire::message(wire::data, 77, 5, inside));
+        EXPECT_EQ(answers[1].raw, wire::message(wire::status, 77, 5, wire::status_is(0)));
+    }
+    // What is not well formed does not go out.
+    ASSERT_TRUE(send(caller, wire::message(wire::ping, 77, 5, {1, 2, 3})));
+    EXPECT_EQ(caller.take().at(0).raw, wire::message(wire::data, 77, 5, {}));
 }
 
 TEST_F(BusdBroker, AnswersTypesItDoesNotServeWithInvalidCommand) {
@@ -157,8 +181,10 @@ TEST_F(BusdBroker, LooksUpExactPathsPrefixesAndAll) {
     EXPECT_EQ(paths(wire::objpath("")), list{"status 2"});
 }
 
-TEST_F(BusdBroker, LookingUpAllOnAnEmptyBusFindsNothing) {
+TEST_F(BusdBroker, LookingUpAllOnAnEmptyBusSucceedsAndTellsNothing) {
     ASSERT_TRUE(send(caller, wire::message(wire::lookup, 1, 0, {})));
+    EXPECT_EQ(caller.take().at(0).raw, wire::message(wire::status, 1, 0, wire::status_is(0)));
+    ASSERT_TRUE(send(caller, wire::message(wire::lookup, 1, 0, wire::objpath("*"))));
     EXPECT_EQ(last_status(caller), 4u);
 }
 
@@ -179,7 +205,10 @@ TEST_F(BusdBroker, PublishesWithAKnownTypeAndKeepsItUntilItsLastObjectGoes) {
     ASSERT_TRUE(send(
         service, wire::message(wire::add_object, 2, 0, wire::objpath("b") + wire::objtype(type))));
     const auto second = service.take().at(0);
-    EXPECT_EQ(second.number(5), type);
+    // Who names a type knows it.
+    EXPECT_TRUE(second.attribute(5).empty());
+    ASSERT_TRUE(send(caller, wire::message(wire::lookup, 1, 0, wire::objpath("b"))));
+    EXPECT_EQ(caller.take().at(0).number(5), type);
 
     ASSERT_TRUE(
         send(service, wire::message(wire::remove_object, 3, 0, wire::objid(first.number(3)))));
@@ -190,32 +219,88 @@ TEST_F(BusdBroker, PublishesWithAKnownTypeAndKeepsItUntilItsLastObjectGoes) {
 
     ASSERT_TRUE(send(
         service, wire::message(wire::add_object, 5, 0, wire::objpath("c") + wire::objtype(type))));
-    EXPECT_EQ(last_status(service), 4u);
+    expect_object_without_a_type("c");
+}
+
+TEST_F(BusdBroker, PrefersANamedTypeToASignature) {
+    ASSERT_TRUE(send(service, wire::message(wire::add_object, 1, 0,
+                                            wire::objpath("a") + wire::one_method("m"))));
+    const std::uint32_t type = service.take().at(0).number(5);
+    ASSERT_TRUE(send(service, wire::message(wire::add_object, 2, 0,
+                                            wire::objpath("b") + wire::objtype(type) +
+                                                wire::one_method("other"))));
+    EXPECT_EQ(service.take().at(0).number(5), type);
 }
 
 TEST_F(BusdBroker, AnAnonymousObjectCanBeCalledButNotLookedUp) {
     ASSERT_TRUE(send(service, wire::message(wire::add_object, 1, 0, {})));
     const std::uint32_t id = service.take().at(0).number(3);
-    ASSERT_TRUE(send(caller, wire::message(wire::lookup, 1, 0, {})));
+    ASSERT_TRUE(send(caller, wire::message(wire::lookup, 1, 0, wire::objpath("*"))));
     EXPECT_EQ(last_status(caller), 4u);
     ASSERT_TRUE(
         send(caller, wire::message(wire::invoke, 2, id, wire::objid(id) + wire::method("m"))));
     EXPECT_EQ(service.take().at(0).type(), wire::invoke);
 }
 
-TEST_F(BusdBroker, RefusesAnIllFormedSignature) {
-    const wire::bytes not_a_table = wire::field(3, "m", {'x', 0});
-    ASSERT_TRUE(send(service, wire::message(wire::add_object, 1, 0,
-                                            wire::objpath("a") + wire::signature(not_a_table))));
-    EXPECT_EQ(last_status(service), 2u);
-    ASSERT_TRUE(send(service, wire::message(wire::add_object, 2, 0,
-                                            wire::objpath("a") + wire::signature({1, 2, 3}))));
-    EXPECT_EQ(last_status(service), 2u);
+TEST_F(BusdBroker, AMethodThatIsNoSoundFieldWithANameLeavesTheObjectWithoutAType) {
+    const std::vector<wire::bytes> signatures{
+        wire::field(2, "", {}),                           // no name
+        wire::field(2, "m", {}) + wire::field(2, "", {}), // no name, behind a good one
+        {2, 0, 0, 4},                                     // no header
+        {0x82, 0, 0, 2},                                  // shorter than its own head
+        {0x82, 0, 0, 8, 0, 2, 'a', 'b'},                  // a name without its end
+        wire::field(5, "m", {0, 0}),                      // a short number
+    };
+    int made = 0;
+    for (const wire::bytes& signature : signatures) {
+        const std::string path = "o" + std::to_string(++made);
+        ASSERT_TRUE(send(service, wire::message(wire::add_object, 1, 0,
+                                                wire::objpath(path) + wire::signature(signature))));
+        SCOPED_TRACE(wire::hex(signature));
+        expect_object_without_a_type(path);
+    }
 }
 
-TEST_F(BusdBroker, APathNeedsAType) {
+TEST_F(BusdBroker, WhatBeginsNoWholeMethodIsLeftOutOfTheSignature) {
+    const wire::bytes good = wire::field(2, "m", {});
+    const wire::bytes other = wire::field(3, "text", {'x', 0});
+    const std::vector<std::pair<wire::bytes, wire::bytes>> cases{
+        {{}, {}},
+        {good + wire::bytes{0, 0}, good},
+        {good + wire::bytes{0x82, 0, 0, 0x20, 0, 1, 'm', 0}, good},
+        {{0x82, 0, 0, 8, 0, 1}, {}},
+        {good + other, good + other},
+    };
+    int made = 0;
+    for (const auto& [sent, told] : cases) {
+        const std::string path = "o" + std::to_string(++made);
+        ASSERT_TRUE(send(service, wire::message(wire::add_object, 1, 0,
+                                                wire::objpath(path) + wire::signature(sent))));
+        EXPECT_NE(service.take().at(0).number(5), 0u);
+        ASSERT_TRUE(send(caller, wire::message(wire::lookup, 1, 0, wire::objpath(path))));
+        EXPECT_EQ(caller.take().at(0).attribute(6), told) << wire::hex(sent);
+    }
+}
+
+TEST_F(BusdBroker, APathWithoutATypeIsTakenButNotTold) {
     ASSERT_TRUE(send(service, wire::message(wire::add_object, 1, 0, wire::objpath("a"))));
-    EXPECT_EQ(last_status(service), 2u);
+    expect_object_without_a_type("a");
+    ASSERT_TRUE(send(
+        caller, wire::message(wire::add_object, 1, 0, wire::objpath("a") + wire::one_method("m"))));
+    EXPECT_EQ(last_status(caller), 2u);
+}
+
+TEST_F(BusdBroker, TheEmptyPathIsAPathThatOnlyAPatternFinds) {
+    const std::uint32_t id = publish("");
+    EXPECT_NE(id, 0u);
+    ASSERT_TRUE(send(
+        caller, wire::message(wire::add_object, 1, 0, wire::objpath("") + wire::one_method("m"))));
+    EXPECT_EQ(last_status(caller), 2u);
+    ASSERT_TRUE(send(caller, wire::message(wire::lookup, 2, 0, wire::objpath("*"))));
+    EXPECT_EQ(caller.take().at(0).number(3), id);
+    ASSERT_TRUE(send(service, wire::message(wire::remove_object, 3, 0, wire::objid(id))));
+    EXPECT_EQ(last_status(service), 0u);
+    EXPECT_NE(publish(""), 0u);
 }
 
 TEST_F(BusdBroker, RefusesAnObjectThatCouldNotBeDescribed) {
@@ -267,13 +352,21 @@ TEST_F(BusdBroker, ForwardsACallWithoutDataAsItIs) {
     EXPECT_TRUE(caller.take().empty());
 }
 
-TEST_F(BusdBroker, RefusesACallThatTheNamesMakeTooLong) {
+TEST_F(BusdBroker, DoesNotPassOnThatACallWantsNoReply) {
+    const std::uint32_t id = publish("demo");
+    ASSERT_TRUE(send(caller, wire::message(wire::invoke, 7, id,
+                                           wire::objid(id) + wire::method("m") +
+                                               wire::nested(10, {1}) + wire::data_of({}))));
+    EXPECT_TRUE(service.take().at(0).attribute(10).empty());
+}
+
+TEST_F(BusdBroker, DropsACallThatTheNamesMakeTooLong) {
     const std::uint32_t id = publish("demo");
     const wire::bytes head = wire::objid(id) + wire::method("m");
     const wire::bytes largest = wire::data_of(wire::bytes(limit - 4 - head.size() - 4));
     ASSERT_TRUE(send(caller, wire::message(wire::invoke, 7, id, head + largest)));
     EXPECT_TRUE(service.take().empty());
-    EXPECT_EQ(caller.take().at(0).raw, wire::message(wire::status, 7, id, wire::status_is(2)));
+    EXPECT_TRUE(caller.take().empty());
 }
 
 TEST_F(BusdBroker, ForwardsTheLongestMessageThatFits) {
@@ -308,6 +401,16 @@ TEST_F(BusdBroker, ForwardsAnswersOnlyFromTheObjectsOwner) {
     broker.detach(stranger);
 }
 
+TEST_F(BusdBroker, DropsAnswersThatLackWhatTheyAreAbout) {
+    const std::uint32_t id = publish("demo");
+    ASSERT_TRUE(send(service, wire::message(wire::data, 7, caller.id(), wire::objid(id))));
+    ASSERT_TRUE(send(service, wire::message(wire::data, 7, caller.id(), wire::data_of({}))));
+    ASSERT_TRUE(send(service, wire::message(wire::status, 7, caller.id(), wire::objid(id))));
+    ASSERT_TRUE(send(service, wire::message(wire::status, 7, caller.id(), wire::status_is(0))));
+    EXPECT_TRUE(caller.take().empty());
+    EXPECT_TRUE(service.take().empty());
+}
+
 TEST_F(BusdBroker, DropsAnswersForAClientThatHasGone) {
     const std::uint32_t id = publish("demo");
     const std::uint32_t gone = caller.id();
@@ -329,18 +432,33 @@ TEST_F(BusdBroker, AClientThatGoesTakesItsObjectsWithIt) {
     broker.attach(service);
 }
 
-TEST_F(BusdBroker, AnswersIllFormedAttributesWithInvalidArgument) {
-    const std::vector<wire::bytes> wrong{
+TEST_F(BusdBroker, TakesAnIllFormedAttributeForAMissingOne) {
+    publish("demo");
+    const std::vector<wire::bytes> without_a_path{
         wire::nested(2, {'n', 'o', 'n', 'u', 'l'}), // a path without its end
-        wire::nested(3, {0, 1}),                    // a short number
+        {2, 0, 0, 4},                               // a path of no bytes
         {2, 0, 0, 3},                               // shorter than its own head
         {2, 0, 0, 9, 'a', 0, 0, 0},                 // longer than the message
         {2, 0, 0},                                  // less than a head
     };
-    for (const wire::bytes& attributes : wrong) {
+    for (const wire::bytes& attributes : without_a_path) {
         ASSERT_TRUE(send(caller, wire::message(wire::lookup, 1, 0, attributes)));
-        EXPECT_EQ(last_status(caller), 2u) << wire::hex(attributes);
+        const auto answers = caller.take();
+        ASSERT_EQ(answers.size(), 2u) << wire::hex(attributes);
+        EXPECT_EQ(answers[1].number(1), 0u);
     }
+    ASSERT_TRUE(send(caller, wire::message(wire::remove_object, 2, 0, wire::nested(3, {0, 1}))));
+    EXPECT_EQ(last_status(caller), 2u);
+}
+
+TEST_F(BusdBroker, OfTwoAttributesWithOneIdTheLastCounts) {
+    publish("demo");
+    ASSERT_TRUE(send(caller, wire::message(wire::lookup, 1, 0,
+                                           wire::objpath("nothing") + wire::objpath("demo"))));
+    EXPECT_EQ(last_status(caller), 0u);
+    ASSERT_TRUE(send(caller, wire::message(wire::lookup, 1, 0,
+                                           wire::objpath("demo") + wire::objpath("nothing"))));
+    EXPECT_EQ(last_status(caller), 4u);
 }
 
 TEST_F(BusdBroker, CutsOffAnotherVersion) {

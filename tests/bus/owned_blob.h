@@ -7,7 +7,7 @@
 #include <stdexcept>
 #include <string>
 
-#include <libubox/blob.h>
+#include "bus.h"
 
 namespace ubox_test {
 

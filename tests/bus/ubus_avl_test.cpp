@@ -1,5 +1,5 @@
 /// The balanced tree that libubus keeps its objects in.
-#include <libubox/avl.h>
+#include "bus.h"
 
 #include <algorithm>
 #include <cstdint>
@@ -22,7 +22,7 @@ int compare(const void* left, const void* right, void*) {
     return a < b ? -1 : (a > b ? 1 : 0);
 }
 
-// The height of a tree whose heights are right and whose keys stand in order; -1 otherwise.
+// The height of a tree that is balanced and whose keys stand in order; -1 otherwise.
 int checked_height(const avl_node* node, std::int64_t above, std::int64_t below) {
     if (node == nullptr) {
         return 0;
@@ -30,9 +30,9 @@ int checked_height(const avl_node* node, std::int64_t above, std::int64_t below)
     const std::int64_t key = *static_cast<const std::uint32_t*>(node->key);
     const int left = checked_height(node->left, above, key);
     const int right = checked_height(node->right, key, below);
-    const bool sound = left >= 0 && right >= 0 && std::abs(left - right) <= 1 && above < key &&
-                       key < below && node->height == 1 + std::max(left, right);
-    return sound ? node->height : -1;
+    const bool sound =
+        left >= 0 && right >= 0 && std::abs(left - right) <= 1 && above < key && key < below;
+    return sound ? 1 + std::max(left, right) : -1;
 }
 
 bool sound(const avl_tree& tree) {

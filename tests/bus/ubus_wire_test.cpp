@@ -1,6 +1,6 @@
 /// What libubus puts on the wire, byte for byte against recorded exchanges. The test plays the
 /// daemon and hands out the recorded ids, so nothing has to be mapped.
-#include <libubus.h>
+#include "bus.h"
 
 #include <gtest/gtest.h>
 #include <thread>
@@ -125,7 +125,7 @@ TEST(UbusWire, AServiceSendsTheRecordedBytes) {
     const played_bus bus("wire-service.txt");
     ubus_context* ctx = service_context = ubus_connect(bus.path());
     ASSERT_NE(ctx, nullptr);
-    EXPECT_EQ(ctx->local_id, 0x1f90a54du);
+    EXPECT_EQ(be32toh(ctx->local_id), 0x1f90a54du);
     EXPECT_EQ(ubus_add_object(ctx, &demo), 0);
     EXPECT_EQ(demo.id, 0x6ff235c3u);
     EXPECT_EQ(type.id, 0x857a37deu);

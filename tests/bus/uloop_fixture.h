@@ -12,28 +12,9 @@
 #include <unistd.h>
 #include <utility>
 
-#include <libubox/uloop.h>
+#include "bus.h"
 
 namespace ubox_test {
-
-/// A loop that is ready at the start of each test and gone at its end.
-class uloop_test : public testing::Test {
-protected:
-    uloop_test() {
-        for (const int number : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE}) {
-            std::signal(number, SIG_DFL);
-        }
-        uloop_handle_sigchld = true;
-        EXPECT_EQ(uloop_init(), 0);
-    }
-    ~uloop_test() override { uloop_done(); }
-
-    /// Runs until a handler ends the loop; one that does not is a failure.
-    static void run() {
-        EXPECT_EQ(uloop_run_timeout(20000), 0);
-        EXPECT_TRUE(uloop_cancelled) << "nothing has ended the loop";
-    }
-};
 
 struct timer : uloop_timeout {
     explicit timer(std::function<void(timer&)> handler)
@@ -52,6 +33,38 @@ struct timer : uloop_timeout {
 
 private:
     std::function<void(timer&)> handler_;
+};
+
+/// A loop that is ready at the start of each test and gone at its end.
+class uloop_test : public testing::Test {
+protected:
+    uloop_test() {
+        for (const int number : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE}) {
+            std::signal(number, SIG_DFL);
+        }
+        uloop_handle_sigchld = true;
+        EXPECT_EQ(uloop_init(), 0);
+    }
+    ~uloop_test() override { uloop_done(); }
+
+    /// Runs until a handler ends the loop; one that does not is a failure.
+    static void run() {
+        bool ended_by_test = true;
+        timer too_long([&](timer&) {
+            ended_by_test = false;
+            uloop_end();
+        });
+        uloop_timeout_set(&too_long, 20000);
+        EXPECT_EQ(uloop_run(), 0);
+        EXPECT_TRUE(ended_by_test) << "nothing has ended the loop";
+    }
+
+    /// Serves what there is by now: one event, and timers, a round.
+    static void run_rounds(int rounds = 10) {
+        for (int i = 0; i < rounds; ++i) {
+            EXPECT_EQ(uloop_run_timeout(0), 0);
+        }
+    }
 };
 
 /// A watched descriptor, which it owns.

@@ -1,5 +1,5 @@
 /// The four signals that uloop takes while nobody else wants them.
-#include <libubox/uloop.h>
+#include "bus.h"
 
 #include <cerrno>
 #include <csignal>

@@ -1,6 +1,7 @@
 /// uloop's rounds and descriptors.
-#include <libubox/uloop.h>
+#include "bus.h"
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <fcntl.h>
@@ -51,7 +52,7 @@ TEST_F(UloopFd, WritableDescriptorIsServedWithWrite) {
     });
     ASSERT_EQ(uloop_fd_add(&writable, ULOOP_WRITE), 0);
     run();
-    EXPECT_EQ(seen, ULOOP_WRITE);
+    EXPECT_EQ(seen, unsigned{ULOOP_WRITE});
 }
 
 TEST_F(UloopFd, BothEventsComeInOneCall) {
@@ -84,9 +85,7 @@ TEST_F(UloopFd, EdgeTriggeredDescriptorIsReportedOnce) {
     event_fd ready([&](event_fd&, unsigned) { ++calls; });
     ready.raise();
     uloop_fd_add(&ready, ULOOP_READ | ULOOP_EDGE_TRIGGER);
-    for (int i = 0; i < 5; ++i) {
-        uloop_run_timeout(0);
-    }
+    run_rounds();
     EXPECT_EQ(calls, 1);
 }
 
@@ -101,7 +100,7 @@ TEST_F(UloopFd, BlockingFlagLeavesItBlocking) {
     event_fd ready([](event_fd&, unsigned) {});
     uloop_fd_add(&ready, ULOOP_READ | ULOOP_BLOCKING);
     EXPECT_FALSE(is_non_blocking(ready.fd));
-    EXPECT_EQ(ready.flags, ULOOP_READ | ULOOP_BLOCKING);
+    EXPECT_EQ(unsigned{ready.flags}, unsigned{ULOOP_READ | ULOOP_BLOCKING});
 }
 
 TEST_F(UloopFd, AddingClearsEofAndError) {
@@ -123,7 +122,7 @@ TEST_F(UloopFd, AddingAgainChangesWhatItIsWatchedFor) {
     uloop_fd_add(&both, ULOOP_READ);
     EXPECT_EQ(uloop_fd_add(&both, ULOOP_WRITE), 0);
     run();
-    EXPECT_EQ(seen, ULOOP_WRITE);
+    EXPECT_EQ(seen, unsigned{ULOOP_WRITE});
 }
 
 TEST_F(UloopFd, AddingForNothingDeletes) {
@@ -132,7 +131,7 @@ TEST_F(UloopFd, AddingForNothingDeletes) {
     uloop_fd_add(&ready, ULOOP_READ);
     EXPECT_EQ(uloop_fd_add(&ready, 0), 0);
     EXPECT_FALSE(ready.registered);
-    uloop_run_timeout(0);
+    run_rounds();
 }
 
 TEST_F(UloopFd, AddingWhatCannotBeWatchedFailsAndChangesNothing) {
@@ -161,7 +160,7 @@ TEST_F(UloopFd, DeletedIsNotServed) {
     uloop_fd_add(&ready, ULOOP_READ);
     EXPECT_EQ(uloop_fd_delete(&ready), 0);
     EXPECT_FALSE(ready.registered);
-    uloop_run_timeout(0);
+    run_rounds();
 }
 
 TEST_F(UloopFd, HangUpSetsEofBeforeTheCallbackEvenWithUnreadData) {
@@ -169,7 +168,7 @@ TEST_F(UloopFd, HangUpSetsEofBeforeTheCallbackEvenWithUnreadData) {
     std::string got;
     bool eof_at_first_call = false;
     watched reader(ends[0], [&](watched& self, unsigned events) {
-        EXPECT_EQ(events, ULOOP_READ);
+        EXPECT_EQ(events, unsigned{ULOOP_READ});
         eof_at_first_call = self.eof;
         char data[8];
         const ssize_t count = read(self.fd, data, sizeof data);
@@ -193,16 +192,14 @@ TEST_F(UloopFd, ClosedPeerSetsErrorToo) {
     int calls = 0;
     watched reader(ends[0], [&](watched& self, unsigned events) {
         ++calls;
-        EXPECT_EQ(events, ULOOP_READ);
+        EXPECT_EQ(events, unsigned{ULOOP_READ});
         EXPECT_TRUE(self.eof);
         EXPECT_TRUE(self.error);
         EXPECT_FALSE(self.registered);
     });
     uloop_fd_add(&reader, ULOOP_READ);
     close(ends[1]);
-    for (int i = 0; i < 5; ++i) {
-        uloop_run_timeout(0);
-    }
+    run_rounds();
     EXPECT_EQ(calls, 1);
 }
 
@@ -217,9 +214,7 @@ TEST_F(UloopFd, HangUpWithoutDataIsReportedOnceWithoutEvents) {
     });
     uloop_fd_add(&reader, ULOOP_READ);
     close(ends[1]);
-    for (int i = 0; i < 5; ++i) {
-        uloop_run_timeout(0);
-    }
+    run_rounds();
     EXPECT_EQ(calls, 1);
     EXPECT_FALSE(reader.registered);
 }
@@ -235,9 +230,7 @@ TEST_F(UloopFd, ErrorDeletesItBeforeTheCallbackWhichRunsOnce) {
     });
     uloop_fd_add(&writer, ULOOP_WRITE);
     close(ends[0]);
-    for (int i = 0; i < 5; ++i) {
-        uloop_run_timeout(0);
-    }
+    run_rounds();
     EXPECT_EQ(calls, 1);
 }
 
@@ -280,9 +273,7 @@ TEST_F(UloopFd, CallbackMayFreeAllOthersOfTheBatch) {
         all.back()->raise();
         uloop_fd_add(all.back().get(), ULOOP_READ);
     }
-    for (int i = 0; i < 10; ++i) {
-        uloop_run_timeout(0);
-    }
+    run_rounds();
     EXPECT_EQ(calls, 1);
 }
 
@@ -301,13 +292,11 @@ TEST_F(UloopFd, EventFetchedBeforeADeleteIsNotServedAfterAddingAgain) {
         both.back()->raise();
         uloop_fd_add(both.back().get(), ULOOP_READ);
     }
-    for (int i = 0; i < 5; ++i) {
-        uloop_run_timeout(0);
-    }
+    run_rounds();
     EXPECT_EQ(calls, 1);
 }
 
-TEST_F(UloopFd, EventOfTheBatchThatIsNotWatchedForAnyMoreIsDropped) {
+TEST_F(UloopFd, EventOfTheBatchIsServedThoughItIsNotWatchedForAnyMore) {
     std::vector<std::unique_ptr<event_fd>> both;
     std::vector<unsigned> seen;
     for (int i = 0; i < 2; ++i) {
@@ -321,10 +310,66 @@ TEST_F(UloopFd, EventOfTheBatchThatIsNotWatchedForAnyMoreIsDropped) {
         both.back()->raise();
         uloop_fd_add(both.back().get(), ULOOP_READ);
     }
-    for (int i = 0; i < 5; ++i) {
-        uloop_run_timeout(0);
+    run_rounds();
+    EXPECT_EQ(seen, (std::vector<unsigned>{ULOOP_READ, ULOOP_READ}));
+}
+
+TEST_F(UloopFd, HangUpOfEveryDescriptorOfABatchIsNotedBeforeTheFirstCallback) {
+    std::array<std::array<int, 2>, 2> pairs{socket_pair(), socket_pair()};
+    std::vector<std::unique_ptr<watched>> both;
+    int calls = 0;
+    for (const auto& ends : pairs) {
+        both.push_back(std::make_unique<watched>(ends[0], [&](watched& self, unsigned) {
+            ++calls;
+            for (const auto& each : both) {
+                EXPECT_TRUE(each->eof);
+                EXPECT_FALSE(each->error);
+            }
+            uloop_fd_delete(&self);
+        }));
+        uloop_fd_add(both.back().get(), ULOOP_READ);
+        shutdown(ends[1], SHUT_WR);
     }
-    EXPECT_EQ(seen, (std::vector<unsigned>{ULOOP_READ, ULOOP_WRITE}));
+    run_rounds();
+    EXPECT_EQ(calls, 2);
+    for (const auto& ends : pairs) {
+        close(ends[1]);
+    }
+}
+
+TEST_F(UloopFd, ErrorOfEveryDescriptorOfABatchDeletesAllBeforeTheFirstCallback) {
+    std::array<std::array<int, 2>, 2> pairs{socket_pair(), socket_pair()};
+    std::vector<std::unique_ptr<watched>> both;
+    int calls = 0;
+    for (const auto& ends : pairs) {
+        both.push_back(std::make_unique<watched>(ends[0], [&](watched&, unsigned) {
+            ++calls;
+            for (const auto& each : both) {
+                EXPECT_TRUE(each->error);
+                EXPECT_FALSE(each->registered);
+            }
+        }));
+        uloop_fd_add(both.back().get(), ULOOP_READ);
+        close(ends[1]);
+    }
+    run_rounds();
+    EXPECT_EQ(calls, 2);
+}
+
+TEST_F(UloopFd, OneOfABatchThatIsDeletedAfterAnErrorIsNotServed) {
+    std::array<std::array<int, 2>, 2> pairs{socket_pair(), socket_pair()};
+    std::vector<std::unique_ptr<watched>> both;
+    int calls = 0;
+    for (const auto& ends : pairs) {
+        both.push_back(std::make_unique<watched>(ends[0], [&](watched& self, unsigned) {
+            ++calls;
+            both[both[0].get() == &self ? 1 : 0].reset();
+        }));
+        uloop_fd_add(both.back().get(), ULOOP_READ);
+        close(ends[1]);
+    }
+    run_rounds();
+    EXPECT_EQ(calls, 1);
 }
 
 TEST_F(UloopFd, MoreThanABatchAreAllServed) {
@@ -426,6 +471,29 @@ TEST_F(UloopRun, WithATimeOfZeroServesWhatIsThere) {
     EXPECT_EQ(calls, 1);
     EXPECT_EQ(uloop_run_timeout(0), 0);
     EXPECT_EQ(calls, 1);
+}
+
+TEST_F(UloopRun, WithATimeEndsAfterOneRound) {
+    std::string order;
+    timer soon([&](timer&) { order += 't'; });
+    event_fd ready([&](event_fd&, unsigned) { order += 'd'; });
+    ready.raise();
+    uloop_fd_add(&ready, ULOOP_READ);
+    uloop_timeout_set(&soon, 0);
+    EXPECT_EQ(uloop_run_timeout(20000), 0);
+    EXPECT_EQ(order, "td");
+    EXPECT_EQ(uloop_run_timeout(20000), 0);
+    EXPECT_EQ(order, "tdd");
+}
+
+TEST_F(UloopRun, WithATimeWaitsNoLongerThanForTheNextTimerAndLeavesItToTheNextRound) {
+    bool fired = false;
+    timer soon([&](timer&) { fired = true; });
+    uloop_timeout_set(&soon, 1);
+    EXPECT_EQ(uloop_run_timeout(20000), 0);
+    EXPECT_FALSE(fired);
+    EXPECT_EQ(uloop_run_timeout(0), 0);
+    EXPECT_TRUE(fired);
 }
 
 TEST_F(UloopRun, WithATimeEndsAfterIt) {

@@ -5,7 +5,8 @@
 /// "extended" (the payload starts with a blobmsg header), 7 bits id, 24 bits raw length (header and
 /// payload, in bytes). Attributes start at multiples of 4 within their parent; the gaps are zero.
 ///
-/// Nothing here is safe to use on one buffer from two threads.
+/// Nothing here is safe to use on one buffer from two threads. Like the libubox of a system it has
+/// no `extern "C"` of its own: C++ code puts one around the include.
 #pragma once
 
 #include <stdbool.h>
@@ -13,18 +14,13 @@
 #include <stdint.h>
 #include <string.h>
 
-#ifdef __cplusplus
-extern "C" {
-#endif
+#include <libubox/utils.h>
 
 #define BLOB_ATTR_ID_MASK 0x7f000000u
 #define BLOB_ATTR_ID_SHIFT 24
 #define BLOB_ATTR_LEN_MASK 0x00ffffffu
 #define BLOB_ATTR_ALIGN 4u
 #define BLOB_ATTR_EXTENDED 0x80000000u
-
-/** Largest size of a buffer, in bytes: what the length field can say. */
-#define BLOB_BUF_MAX 0xffffffu
 
 /** What a payload is, for blob_check_type() and blob_parse(). */
 enum {
@@ -48,9 +44,9 @@ struct blob_attr {
 
 /** What blob_parse() expects of the attribute with one id. */
 struct blob_attr_info {
-    unsigned int type;   /* BLOB_ATTR_...; UNSPEC accepts anything */
-    unsigned int minlen; /* of the payload, in bytes; 0: as the type asks */
-    unsigned int maxlen; /* of the payload, in bytes; 0: as the type asks */
+    unsigned int type;   /* BLOB_ATTR_...; UNSPEC and unknown ones accept anything */
+    unsigned int minlen; /* of header and payload, in bytes; 0: as the type asks */
+    unsigned int maxlen; /* of header and payload, in bytes; 0: as the type asks */
     bool (*validate)(const struct blob_attr_info* info, struct blob_attr* attr); /* or null */
 };
 
@@ -70,20 +66,6 @@ struct blob_buf {
     void* buf;
 };
 
-/* ---- byte order: to big-endian and back (<endian.h> has these only outside of strict C) ------ */
-
-static inline uint16_t blob_be16(uint16_t value) {
-    return __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? value : __builtin_bswap16(value);
-}
-
-static inline uint32_t blob_be32(uint32_t value) {
-    return __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? value : __builtin_bswap32(value);
-}
-
-static inline uint64_t blob_be64(uint64_t value) {
-    return __BYTE_ORDER__ == __ORDER_BIG_ENDIAN__ ? value : __builtin_bswap64(value);
-}
-
 /* ---- one attribute ------------------------------------------------------------------------- */
 
 static inline void* blob_data(const struct blob_attr* attr) {
@@ -91,16 +73,16 @@ static inline void* blob_data(const struct blob_attr* attr) {
 }
 
 static inline unsigned int blob_id(const struct blob_attr* attr) {
-    return (blob_be32(attr->id_len) & BLOB_ATTR_ID_MASK) >> BLOB_ATTR_ID_SHIFT;
+    return (be32_to_cpu(attr->id_len) & BLOB_ATTR_ID_MASK) >> BLOB_ATTR_ID_SHIFT;
 }
 
 static inline bool blob_is_extended(const struct blob_attr* attr) {
-    return (blob_be32(attr->id_len) & BLOB_ATTR_EXTENDED) != 0;
+    return (be32_to_cpu(attr->id_len) & BLOB_ATTR_EXTENDED) != 0;
 }
 
 /** Length of header and payload, in bytes. A foreign attribute may claim less than a header. */
 static inline size_t blob_raw_len(const struct blob_attr* attr) {
-    return blob_be32(attr->id_len) & BLOB_ATTR_LEN_MASK;
+    return be32_to_cpu(attr->id_len) & BLOB_ATTR_LEN_MASK;
 }
 
 /** Length of the payload, in bytes; 0 for an attribute that claims less than a header. */
@@ -128,19 +110,19 @@ static inline uint8_t blob_get_u8(const struct blob_attr* attr) {
 static inline uint16_t blob_get_u16(const struct blob_attr* attr) {
     uint16_t value;
     memcpy(&value, attr->data, sizeof value);
-    return blob_be16(value);
+    return be16_to_cpu(value);
 }
 
 static inline uint32_t blob_get_u32(const struct blob_attr* attr) {
     uint32_t value;
     memcpy(&value, attr->data, sizeof value);
-    return blob_be32(value);
+    return be32_to_cpu(value);
 }
 
 static inline uint64_t blob_get_u64(const struct blob_attr* attr) {
     uint64_t value;
     memcpy(&value, attr->data, sizeof value);
-    return blob_be64(value);
+    return be64_to_cpu(value);
 }
 
 static inline int8_t blob_get_int8(const struct blob_attr* attr) {
@@ -165,24 +147,23 @@ static inline const char* blob_get_string(const struct blob_attr* attr) {
 
 /* ---- walks --------------------------------------------------------------------------------- */
 
-/** Whether `rem` bytes at `attr` hold a whole attribute, the gap behind it included. A walk stops
- * where they do not, without an error. */
-static inline bool blob_attr_fits(const struct blob_attr* attr, size_t rem) {
-    return rem >= sizeof(struct blob_attr) && blob_pad_len(attr) >= sizeof(struct blob_attr) &&
-           blob_pad_len(attr) <= rem;
-}
+/* A walk stops, without an error, where the bytes left do not hold a whole attribute with the gap
+ * behind it. */
 
 /** Walks over the attributes in the `rem` bytes at `attr`; `rem` is an integer variable that
  * counts down. An attribute visited lies within these bytes, but may claim less than a header. */
 #define __blob_for_each_attr(pos, attr, rem)                                                       \
-    for (pos = (struct blob_attr*)(attr); blob_attr_fits(pos, (rem) > 0 ? (size_t)(rem) : 0);      \
+    for (pos = (struct blob_attr*)(attr);                                                          \
+         (rem) > 0 && (size_t)(rem) >= sizeof(struct blob_attr) &&                                 \
+         blob_pad_len(pos) >= sizeof(struct blob_attr) && blob_pad_len(pos) <= (size_t)(rem);      \
          rem -= blob_pad_len(pos), pos = blob_next(pos))
 
 /** Walks over the children of `attr`, which may be null. */
 #define blob_for_each_attr(pos, attr, rem)                                                         \
     for (pos = (struct blob_attr*)((attr) ? blob_data(attr) : NULL),                               \
         rem = (attr) ? blob_len(attr) : 0;                                                         \
-         blob_attr_fits(pos, (rem) > 0 ? (size_t)(rem) : 0);                                       \
+         (rem) > 0 && (size_t)(rem) >= sizeof(struct blob_attr) &&                                 \
+         blob_pad_len(pos) >= sizeof(struct blob_attr) && blob_pad_len(pos) <= (size_t)(rem);      \
          rem -= blob_pad_len(pos), pos = blob_next(pos))
 
 /* ---- buffers ------------------------------------------------------------------------------- */
@@ -193,12 +174,14 @@ int blob_buf_init(struct blob_buf* buf, int id);
 /** Gives the memory back. blob_buf_init() starts again. */
 void blob_buf_free(struct blob_buf* buf);
 
-/** Makes room for `required` more bytes. False, with everything as it was, if the memory is
- * exhausted or the buffer would exceed BLOB_BUF_MAX. */
+/** Makes room for more than `required` bytes: the heap is asked for the next multiple of 256 above
+ * it. False, with everything as it was, if the memory is exhausted or the buffer would exceed
+ * 0x1000000 bytes. */
 bool blob_buf_grow(struct blob_buf* buf, int required);
 
 /* What follows adds to the innermost open attribute. All return null, with the message as it was,
- * if the buffer cannot grow or has not been initialised. */
+ * if the buffer cannot grow or has not been initialised, or if the message would exceed 0xffffff
+ * bytes, the longest that its length can say. */
 
 /** Adds an attribute with a payload of `payload` bytes, to be written by the caller. */
 struct blob_attr* blob_new(struct blob_buf* buf, int id, int payload);
@@ -206,7 +189,8 @@ struct blob_attr* blob_new(struct blob_buf* buf, int id, int payload);
 /** Adds an attribute with a copy of the `len` bytes at `ptr`; of zeros if `ptr` is null. */
 struct blob_attr* blob_put(struct blob_buf* buf, int id, const void* ptr, unsigned int len);
 
-/** Adds a copy of the `len` bytes at `ptr`, which are whole attributes. */
+/** Adds a copy of the `len` bytes at `ptr`, which are whole attributes; the gap behind the last is
+ * zeroed, but counted in the message only when something follows. Null for a null `ptr`. */
 struct blob_attr* blob_put_raw(struct blob_buf* buf, const void* ptr, unsigned int len);
 
 /** Opens an attribute for others to go into. The cookie is for blob_nest_end() and stays valid
@@ -221,17 +205,17 @@ static inline struct blob_attr* blob_put_u8(struct blob_buf* buf, int id, uint8_
 }
 
 static inline struct blob_attr* blob_put_u16(struct blob_buf* buf, int id, uint16_t value) {
-    value = blob_be16(value);
+    value = cpu_to_be16(value);
     return blob_put(buf, id, &value, sizeof value);
 }
 
 static inline struct blob_attr* blob_put_u32(struct blob_buf* buf, int id, uint32_t value) {
-    value = blob_be32(value);
+    value = cpu_to_be32(value);
     return blob_put(buf, id, &value, sizeof value);
 }
 
 static inline struct blob_attr* blob_put_u64(struct blob_buf* buf, int id, uint64_t value) {
-    value = blob_be64(value);
+    value = cpu_to_be64(value);
     return blob_put(buf, id, &value, sizeof value);
 }
 
@@ -242,7 +226,7 @@ static inline struct blob_attr* blob_put_u64(struct blob_buf* buf, int id, uint6
 
 static inline struct blob_attr* blob_put_string(struct blob_buf* buf, int id, const char* text) {
     const size_t size = strlen(text) + 1;
-    return size > BLOB_BUF_MAX ? NULL : blob_put(buf, id, text, (unsigned int)size);
+    return size > BLOB_ATTR_LEN_MASK ? NULL : blob_put(buf, id, text, (unsigned int)size);
 }
 
 /* ---- whole attributes ---------------------------------------------------------------------- */
@@ -259,21 +243,18 @@ bool blob_check_type(const void* ptr, unsigned int len, int type);
 
 /** Sorts the children of `attr`, whose length must be trusted, by id: `data[id]` becomes the last
  * child with that id, or null. Ids from `max` on, and children that do not fit `info[id]`, are
- * skipped; a null `info` accepts all. Returns how many children it accepted. */
+ * skipped; a null `info` accepts all. Returns how many slots it filled; for a null `attr`, 0. */
 int blob_parse(struct blob_attr* attr, struct blob_attr** data, const struct blob_attr_info* info,
                int max);
 
-/** The same for an attribute of which `attr_len` bytes are there. One that claims more, or less
- * than a header, counts as empty. */
+/** The same for an attribute of which `attr_len` bytes are there. Of one that is null or claims
+ * more it does not even clear the slots; one that claims less than a header is empty. */
 int blob_parse_untrusted(struct blob_attr* attr, size_t attr_len, struct blob_attr** data,
                          const struct blob_attr_info* info, int max);
 
-/** Same id, flag, length and payload, or both null. */
+/** Same id, flag, length, payload and gap, or both null. Both gaps must be there. */
 bool blob_attr_equal(const struct blob_attr* a1, const struct blob_attr* a2);
 
-/** A copy from malloc(), for the caller to free; its gap is zeroed. Null if out of memory. */
-struct blob_attr* blob_memdup(struct blob_attr* attr);
-
-#ifdef __cplusplus
-}
-#endif
+/** A copy from malloc(), for the caller to free, of the attribute and the gap behind it, which must
+ * be there. Null if out of memory. */
+struct blob_attr* blob_memdup(const struct blob_attr* attr);

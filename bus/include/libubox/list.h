@@ -1,13 +1,9 @@
 /// Doubly linked lists whose nodes live in the caller's records, for uloop, libubus and their
-/// users.
+/// users. C++ code puts `extern "C"` around the include.
 #pragma once
 
 #include <stdbool.h>
 #include <stddef.h>
-
-#ifdef __cplusplus
-extern "C" {
-#endif
 
 /** A list's head, and a node in a list: a ring that runs through the head. */
 struct list_head {
@@ -54,7 +50,3 @@ static inline void list_del_init(struct list_head* node) {
     list_del(node);
     INIT_LIST_HEAD(node);
 }
-
-#ifdef __cplusplus
-}
-#endif

@@ -3,6 +3,7 @@
 /// There is one loop, and all of its state belongs to the process: everything here may be called
 /// from one thread only. Records are the caller's and must stay where they are while registered.
 /// A callback may delete and free any record, its own included, and may run the loop again inside.
+/// C++ code puts `extern "C"` around the include.
 #pragma once
 
 #include <stdbool.h>
@@ -10,10 +11,6 @@
 #include <sys/time.h>
 
 #include <libubox/list.h>
-
-#ifdef __cplusplus
-extern "C" {
-#endif
 
 struct uloop_fd;
 struct uloop_timeout;
@@ -63,9 +60,10 @@ extern bool uloop_handle_sigchld;
  */
 int uloop_init(void);
 
-/** Runs the loop for `timeout` milliseconds, without a limit if negative, or until
- * uloop_cancelled, which it sets to false first. Ended by uloop_cancelled inside another
- * uloop_run(), it ends that one too. 0, or -1 if the loop is not ready. */
+/** Runs the loop until uloop_cancelled, which it sets to false first; with a `timeout` of 0 or more
+ * for one round: timers that are due, then one event, waiting for it at most that many
+ * milliseconds and not beyond the next timer. Ended by uloop_cancelled inside another uloop_run(),
+ * it ends that one too. 0, or -1 if the loop is not ready. */
 int uloop_run_timeout(int timeout);
 
 static inline int uloop_run(void) {
@@ -104,7 +102,3 @@ int uloop_timeout_cancel(struct uloop_timeout* timeout);
 
 /** Milliseconds, rounded up, until it fires; 0 if it is overdue, -1 if it is not pending. */
 int uloop_timeout_remaining(struct uloop_timeout* timeout);
-
-#ifdef __cplusplus
-}
-#endif
