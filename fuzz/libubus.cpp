@@ -76,7 +76,6 @@ public:
         avl_init(&ctx.objects, compare_ids, false, nullptr);
         ctx.sock.cb = bus::on_socket;
         ctx.sock.fd = ends[0];
-        ctx.pending_timer.cb = bus::on_pending_timer;
         ctx.connection_lost = on_lost;
         daemon_ = ends[1];
     }

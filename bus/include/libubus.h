@@ -81,10 +81,10 @@ struct ubus_object {
 struct ubus_context {
     struct list_head requests; /* asynchronous and waiting ones, the newest first */
     struct avl_tree objects;   /* published ones, by id */
-    struct list_head pending;  /* calls that came in during a synchronous request */
+    struct list_head pending;  /* calls that came in during a synchronous request, until its end */
     struct uloop_fd sock;      /* `eof` is set when a write has failed or the peer hung up */
-    struct uloop_timeout pending_timer;
-    uint32_t local_id; /* as it came, big-endian */
+    struct uloop_timeout pending_timer; /* not used by the bundled bus */
+    uint32_t local_id;                  /* as it came, big-endian */
     uint16_t request_seq;
     bool cancel_poll; /* not used by the bundled bus */
     int stack_depth;  /* synchronous requests in progress, one inside the other */

@@ -188,6 +188,7 @@ int uloop_run_timeout(int timeout) {
         return -1;
     }
     __atomic_store_n(&uloop_cancelled, false, __ATOMIC_RELAXED);
+    ubox::forget_ending_signal();
     ++running;
     do {
         ubox::collect_children();
@@ -199,7 +200,7 @@ int uloop_run_timeout(int timeout) {
         // A callback may even have called uloop_done().
     } while (timeout < 0 && !cancelled() && epoll >= 0);
     --running;
-    return 0;
+    return ubox::last_ending_signal();
 }
 
 bool uloop_cancelling() {

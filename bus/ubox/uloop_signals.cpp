@@ -16,11 +16,12 @@ bool uloop_handle_sigchld = true;
 
 namespace {
 
-constexpr int taken_signals[] = {SIGINT, SIGTERM, SIGCHLD, SIGPIPE};
+constexpr int handled_signals[] = {SIGINT, SIGTERM, SIGCHLD};
 
 std::atomic<int> wakeup_fd{-1};
 std::atomic<int> handlers_running{0};
 std::atomic<bool> child_has_ended{false};
+std::atomic<int> ending_signal{0};
 static_assert(std::atomic<int>::is_always_lock_free && std::atomic<bool>::is_always_lock_free,
               "the signal handler must not meet a lock");
 
@@ -30,6 +31,7 @@ void on_signal(int number) {
     if (number == SIGCHLD) {
         child_has_ended.store(true);
     } else {
+        ending_signal.store(number);
         __atomic_store_n(&uloop_cancelled, true, __ATOMIC_RELAXED);
     }
     const int fd = wakeup_fd.load();
@@ -42,20 +44,16 @@ void on_signal(int number) {
     errno = saved_errno;
 }
 
-// On SIGCHLD it means what it says. Elsewhere it has no meaning and nobody sets it, so that it
-// tells our SIG_IGN from one that the application has set meanwhile and that must stay.
-constexpr int mark = SA_NOCLDSTOP;
-
-struct sigaction action_for(int number) {
-    struct sigaction action {};
-    action.sa_handler = number == SIGPIPE ? SIG_IGN : on_signal;
-    action.sa_flags = SA_RESTART | mark;
-    return action;
-}
-
-bool is_ours(int number, const struct sigaction& current) {
-    return (current.sa_flags & SA_SIGINFO) == 0 && (current.sa_flags & mark) != 0 &&
-           current.sa_handler == action_for(number).sa_handler;
+// Replaces the disposition `from`, if it is the one, by `to`.
+void replace(int number, void (*from)(int), void (*to)(int)) {
+    struct sigaction current {};
+    if (::sigaction(number, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) == 0 &&
+        current.sa_handler == from) {
+        struct sigaction next {};
+        next.sa_handler = to;
+        next.sa_flags = to == on_signal ? SA_RESTART : 0;
+        ::sigaction(number, &next, nullptr);
+    }
 }
 
 } // namespace
@@ -88,28 +86,27 @@ void ubox::close_signal_wakeup() {
 }
 
 void ubox::take_signals() {
-    for (const int number : taken_signals) {
-        if (number == SIGCHLD && !uloop_handle_sigchld) {
-            continue;
-        }
-        struct sigaction current {};
-        if (::sigaction(number, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) == 0 &&
-            current.sa_handler == SIG_DFL) {
-            const struct sigaction ours = action_for(number);
-            ::sigaction(number, &ours, nullptr);
+    for (const int number : handled_signals) {
+        if (number != SIGCHLD || uloop_handle_sigchld) {
+            replace(number, SIG_DFL, on_signal);
         }
     }
+    replace(SIGPIPE, SIG_DFL, SIG_IGN);
 }
 
 void ubox::give_signals_back() {
-    for (const int number : taken_signals) {
-        struct sigaction current {};
-        if (::sigaction(number, nullptr, &current) == 0 && is_ours(number, current)) {
-            struct sigaction plain {};
-            plain.sa_handler = SIG_DFL;
-            ::sigaction(number, &plain, nullptr);
-        }
+    // Nothing tells an ignored SIGPIPE from one that the application ignores.
+    for (const int number : handled_signals) {
+        replace(number, on_signal, SIG_DFL);
     }
+}
+
+void ubox::forget_ending_signal() {
+    ending_signal.store(0);
+}
+
+int ubox::last_ending_signal() {
+    return ending_signal.load();
 }
 
 void ubox::collect_children() {

@@ -20,8 +20,12 @@ void close_signal_wakeup();
 /// only if uloop_handle_sigchld says so.
 void take_signals();
 
-/// Gives those back to SIG_DFL that are still as take_signals() left them.
+/// Gives those with a handler back to SIG_DFL that still have it. SIGPIPE stays ignored.
 void give_signals_back();
+
+/// The last signal that has cancelled the loop since forget_ending_signal(); 0 if there is none.
+int last_ending_signal();
+void forget_ending_signal();
 
 /// Waits for all children that have ended, if SIGCHLD has come.
 void collect_children();

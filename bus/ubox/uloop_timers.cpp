@@ -58,7 +58,7 @@ void ubox::run_due_timers() {
     // One look at the clock: a timer that sets itself again with 0 waits for the next round
     // instead of keeping the descriptors from theirs.
     const timeval now = monotonic_now();
-    while (!list_empty(&pending) && !__atomic_load_n(&uloop_cancelled, __ATOMIC_RELAXED)) {
+    while (!list_empty(&pending)) {
         uloop_timeout* const timer = timer_of(pending.next);
         if (before(now, timer->time)) {
             return;

@@ -14,7 +14,8 @@ int milliseconds_until(const timeval& when, const timeval& now);
 
 timeval later_by(const timeval& start, int milliseconds);
 
-/// Runs the handlers of the timers that are due, the earliest first, until the loop is cancelled.
+/// Runs the handlers of the timers that are due by now, the earliest first, also when one of them
+/// ends the loop.
 void run_due_timers();
 
 /// How long the loop may wait for the first timer; -1 if there is none.

@@ -21,9 +21,12 @@ int compare_ids(const void* left, const void* right, void*) {
     return a < b ? -1 : (a > b ? 1 : 0);
 }
 
-// What a program gets that does not care: its loop ends.
-void end_loop(ubus_context*) {
-    uloop_end();
+// What a program gets that does not care: its loop ends, unless the socket is out of it already,
+// as it is when the daemon has closed both directions.
+void end_loop(ubus_context* ctx) {
+    if (ctx->sock.registered) {
+        uloop_end();
+    }
 }
 
 const char* default_path() {
@@ -73,7 +76,6 @@ int ubus_connect_ctx(ubus_context* ctx, const char* path) {
     avl_init(&ctx->objects, bus::compare_ids, false, nullptr);
     ctx->sock.cb = bus::on_socket;
     ctx->sock.fd = -1;
-    ctx->pending_timer.cb = bus::on_pending_timer;
     ctx->connection_lost = bus::end_loop;
     uloop_init();
 

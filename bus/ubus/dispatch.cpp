@@ -34,21 +34,6 @@ void postpone(ubus_context& ctx, const incoming& call, const attributes& given) 
     kept->head = call.head();
     std::memcpy(static_cast<void*>(kept->message()), call.blob(), length);
     list_add_tail(&kept->list, &ctx.pending);
-    if (!ctx.pending_timer.pending) {
-        uloop_timeout_set(&ctx.pending_timer, 1);
-    }
-}
-
-void run_pending(ubus_context& ctx) {
-    while (ctx.stack_depth == 0 && !list_empty(&ctx.pending)) {
-        pending_call* call = first_pending(ctx);
-        list_del(&call->list);
-        attributes given;
-        if (parse_attributes(call->message(), given)) {
-            handle_invoke(ctx, call->head, given);
-        }
-        std::free(call);
-    }
 }
 
 void handle(ubus_context& ctx, const incoming& message) {
@@ -66,7 +51,6 @@ void handle(ubus_context& ctx, const incoming& message) {
         if (ctx.stack_depth > 0) {
             postpone(ctx, message, given);
         } else {
-            run_pending(ctx);
             handle_invoke(ctx, message.head(), given);
         }
         break;
@@ -93,7 +77,6 @@ void handle_buffered(ubus_context& ctx) {
 
 void on_socket(uloop_fd* sock, unsigned int) {
     ubus_context& ctx = *record_of<ubus_context>(sock, offsetof(ubus_context, sock));
-    run_pending(ctx);
     bool more = true;
     for (int reads = 0;; ++reads) {
         handle_buffered(ctx);
@@ -114,8 +97,16 @@ void on_socket(uloop_fd* sock, unsigned int) {
     }
 }
 
-void on_pending_timer(uloop_timeout* timer) {
-    run_pending(*record_of<ubus_context>(timer, offsetof(ubus_context, pending_timer)));
+void run_pending(ubus_context& ctx) {
+    while (!list_empty(&ctx.pending)) {
+        pending_call* call = first_pending(ctx);
+        list_del(&call->list);
+        attributes given;
+        if (parse_attributes(call->message(), given)) {
+            handle_invoke(ctx, call->head, given);
+        }
+        std::free(call);
+    }
 }
 
 void drop_pending(ubus_context& ctx) {
@@ -124,7 +115,6 @@ void drop_pending(ubus_context& ctx) {
         list_del(&call->list);
         std::free(call);
     }
-    uloop_timeout_cancel(&ctx.pending_timer);
 }
 
 void end_connection(ubus_context& ctx) {

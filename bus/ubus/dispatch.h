@@ -26,9 +26,11 @@ bool handle_one(ubus_context& ctx);
 /// no synchronous request is in progress.
 void end_connection(ubus_context& ctx);
 
-/// Callbacks of the context's socket and timer in uloop.
+/// Callback of the context's socket in uloop.
 void on_socket(uloop_fd* sock, unsigned int events);
-void on_pending_timer(uloop_timeout* timer);
+
+/// Handles the calls that have waited for the end of a synchronous request.
+void run_pending(ubus_context& ctx);
 
 /// Drops the calls that wait for the end of a synchronous request.
 void drop_pending(ubus_context& ctx);

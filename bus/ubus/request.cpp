@@ -184,8 +184,12 @@ int ubus_complete_request(ubus_context* ctx, ubus_request* req, int timeout) {
     const int status = bus::wait_for(*ctx, *req, timeout > 0 ? &deadline : nullptr);
     // What has been read already would not wake the loop any more.
     bus::handle_buffered(*ctx);
-    --ctx->stack_depth;
     list_del_init(&req->list);
+    // Those that came in meanwhile. Whatever their handlers wait for in turn counts as inside.
+    if (ctx->stack_depth == 1) {
+        bus::run_pending(*ctx);
+    }
+    --ctx->stack_depth;
     return status;
 }
 

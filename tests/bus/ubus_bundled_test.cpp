@@ -124,6 +124,34 @@ TEST_F(BundledUbus, TheEndOfAConnectionIsToldOnce) {
     EXPECT_EQ(lost.times, 1);
 }
 
+TEST_F(BundledUbus, AnEndInsideAHandlersRequestIsReportedOnce) {
+    static int result = -1;
+    const scripted_bus bus([](wire::peer& client) {
+        client.send(added(client.receive(), object_id));
+        // Now the service is in its loop, or on the way there.
+        EXPECT_EQ(client.receive().type(), wire::data);
+        client.send(call_of(1, "m"));
+        EXPECT_EQ(client.receive().type(), wire::lookup);
+    });
+    const context ctx(ubus_connect(bus.path()));
+    ASSERT_NE(ctx, nullptr);
+    ctx->connection_lost = on_lost;
+    published demo([](ubus_context* c, ubus_object*, ubus_request_data*, const char*, blob_attr*) {
+        std::uint32_t id = 0;
+        result = ubus_lookup_id(c, "other", &id);
+        return 0;
+    });
+    ASSERT_EQ(ubus_add_object(ctx.get(), &demo.object), 0);
+    std::signal(SIGPIPE, SIG_IGN);
+    ubus_request_data call{};
+    EXPECT_EQ(ubus_send_reply(ctx.get(), &call, nullptr), 0);
+    ubus_add_uloop(ctx.get());
+    uloop_run();
+    EXPECT_EQ(result, UBUS_STATUS_CONNECTION_FAILED);
+    EXPECT_EQ(lost.times, 1);
+    EXPECT_EQ(lost.stack_depth, 1);
+}
+
 TEST_F(BundledUbus, WithdrawingAnObjectThatIsNotEnteredLeavesTheOthers) {
     const scripted_bus bus([](wire::peer& client) {
         for (int i = 0; i < 2; ++i) {

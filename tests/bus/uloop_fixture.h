@@ -47,15 +47,16 @@ protected:
     }
     ~uloop_test() override { uloop_done(); }
 
-    /// Runs until a handler ends the loop; one that does not is a failure.
-    static void run() {
+    /// Runs until a handler ends the loop, or the signal with the number `ending`; without either
+    /// it is a failure.
+    static void run(int ending = 0) {
         bool ended_by_test = true;
         timer too_long([&](timer&) {
             ended_by_test = false;
             uloop_end();
         });
         uloop_timeout_set(&too_long, 20000);
-        EXPECT_EQ(uloop_run(), 0);
+        EXPECT_EQ(uloop_run(), ending);
         EXPECT_TRUE(ended_by_test) << "nothing has ended the loop";
     }
 

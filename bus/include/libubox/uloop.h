@@ -63,7 +63,8 @@ int uloop_init(void);
 /** Runs the loop until uloop_cancelled, which it sets to false first; with a `timeout` of 0 or more
  * for one round: timers that are due, then one event, waiting for it at most that many
  * milliseconds and not beyond the next timer. Ended by uloop_cancelled inside another uloop_run(),
- * it ends that one too. 0, or -1 if the loop is not ready. */
+ * it ends that one too. 0, or the number of the signal that has ended it; -1 if the loop is not
+ * ready. */
 int uloop_run_timeout(int timeout);
 
 static inline int uloop_run(void) {
@@ -78,8 +79,8 @@ static inline void uloop_end(void) {
 /** Whether the loop is running and about to end. */
 bool uloop_cancelling(void);
 
-/** Cancels all timers, forgets all descriptors and gives those signals back to SIG_DFL that are
- * still uloop's. */
+/** Cancels all timers, forgets all descriptors and gives those signals back to SIG_DFL whose
+ * handler is still uloop's; SIGPIPE stays ignored. */
 void uloop_done(void);
 
 /** Watches a descriptor for the given ULOOP_... flags, or changes what a watched one is watched
