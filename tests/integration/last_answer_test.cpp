@@ -3,16 +3,20 @@
 #include "integration/processes.h"
 
 #include "robustness/rounds.h"
+#include "support/brief_end.h"
 
 namespace tarn::test {
 namespace {
 
 class LastAnswer : public processes_test {
 protected:
-    void SetUp() override { connect(); }
+    void SetUp() override {
+        end_briefly();
+        connect();
+    }
 
     void reaches_the_caller(const std::string& way) {
-        const int times = rounds(200);
+        const int times = rounds(many_starts(200));
         for (int round = 0; round < times; ++round) {
             child_process service({TARN_TEST_LAST_ANSWER, way});
             service.wait_for_line("last_answer: ready");
@@ -30,7 +34,7 @@ TEST_F(LastAnswer, OfAHandlerThatExitsReachesItsCaller) {
 }
 
 TEST_F(LastAnswer, OfAHandlerThatExitsWithoutRespondingBringsItsRepliesToTheCaller) {
-    const int times = rounds(50);
+    const int times = rounds(many_starts(50));
     for (int round = 0; round < times; ++round) {
         child_process service({TARN_TEST_LAST_ANSWER, "drop"});
         service.wait_for_line("last_answer: ready");

@@ -2,6 +2,7 @@
 /// runs TARN_TEST_ROUNDS times (a few without).
 #include "rounds.h"
 
+#include "support/brief_end.h"
 #include "support/bus_daemon.h"
 #include "support/child_process.h"
 
@@ -38,12 +39,7 @@ protected:
                   << longest.count() << " ms\n";
     }
 
-    // ThreadSanitizer's processes wait at their end for races; a moment will do.
-    ProcessEnd() {
-        const char* const given = std::getenv("TSAN_OPTIONS");
-        const std::string options = given != nullptr ? given : "";
-        ::setenv("TSAN_OPTIONS", (options + ":atexit_sleep_ms=50").c_str(), 1);
-    }
+    ProcessEnd() { end_briefly(); }
 
     bus_daemon daemon_;
 };
