@@ -47,8 +47,8 @@ TEST_F(Load, NoCallIsLostWithManyCallersAndOneThatNeverReads) {
     const auto begin = clock::now();
     std::vector<std::unique_ptr<child_process>> processes;
     for (int i = 0; i < callers; ++i) {
-        processes.push_back(std::make_unique<child_process>(
-            std::vector<std::string>{TARN_TEST_LOAD_CALLER, std::to_string(calls), "100"}));
+        processes.push_back(std::make_unique<child_process>(std::vector<std::string>{
+            TARN_TEST_LOAD_CALLER, std::to_string(calls), TARN_TEST_IN_FLIGHT}));
     }
     const std::string all = "load_caller: answered " + std::to_string(calls) + ", failed 0\n";
     for (const auto& process : processes) {
@@ -56,8 +56,9 @@ TEST_F(Load, NoCallIsLostWithManyCallersAndOneThatNeverReads) {
         EXPECT_EQ(process->wait(), 0);
     }
     const long took = milliseconds_since(begin);
-    std::cout << callers << " processes, " << calls << " calls each, 100 in flight: " << took
-              << " ms, " << 1000L * callers * calls / std::max(took, 1L) << " calls/s\n";
+    std::cout << callers << " processes, " << calls
+              << " calls each, " TARN_TEST_IN_FLIGHT " in flight: " << took << " ms, "
+              << 1000L * callers * calls / std::max(took, 1L) << " calls/s\n";
 }
 
 /// What has become of the calls that nobody answers.
