@@ -137,6 +137,54 @@ TEST(Attr, ABoolIsNoIntegerAndADoubleIsNeither) {
     EXPECT_EQ(number.get<double>(), 1.5);
 }
 
+/// Every type that can be asked for, with the type that it is stored as.
+template <class Action>
+void for_each_getter(const Action& act) {
+    act(stores<bool, bool>());
+    act(stores<unsigned char, unsigned char>());
+    act(stores<signed char, unsigned char>());
+    act(stores<unsigned short, unsigned short>());
+    act(stores<short, unsigned short>());
+    act(stores<unsigned int, unsigned int>());
+    act(stores<int, unsigned int>());
+    act(stores<unsigned long long, unsigned long long>());
+    act(stores<long long, unsigned long long>());
+    act(stores<unsigned long, long_stored>());
+    act(stores<long, long_stored>());
+    act(stores<double, double>());
+    act(stores<std::string, std::string>());
+    act(stores<bytes, bytes>());
+    act(stores<list, list>());
+    act(stores<table, table>());
+}
+
+/// Expects `held`, which stores a `from`, to be read as that type only.
+void expect_read_as(attr held, const std::type_info& from) {
+    for_each_getter([&](auto getter) {
+        using T = typename decltype(getter)::given;
+        const std::type_info& wanted = typeid(typename decltype(getter)::stored);
+        const attr& unchangeable = held;
+        if (wanted == from) {
+            EXPECT_NO_THROW(held.get<T>());
+            EXPECT_NO_THROW(unchangeable.get<T>());
+        } else {
+            const std::string text = mismatch(from, wanted);
+            expect_throw_msg<std::runtime_error>([&] { held.get<T>(); }, text);
+            expect_throw_msg<std::runtime_error>([&] { unchangeable.get<T>(); }, text);
+        }
+    });
+}
+
+TEST(Attr, AGetterNamesTheTypeHeldAndTheOneAskedForWhateverTheyAre) {
+    expect_read_as(attr(), typeid(void));
+    for_each_getter([](auto setter) {
+        using kind = decltype(setter);
+        attr held;
+        held.set<typename kind::given>(typename kind::given());
+        expect_read_as(held, typeid(typename kind::stored));
+    });
+}
+
 TEST(Attr, ANarrowTextIsStoredAsString) {
     attr a;
     a.set<char>("abc");

@@ -4,6 +4,7 @@
 #include "blob/json.h"
 #include "blob/message.h"
 
+#include <cstring>
 #include <gtest/gtest.h>
 #include <random>
 #include <stdexcept>
@@ -36,6 +37,8 @@ bool read_all(const std::string& bytes) {
         utils::to_array(received.get());
     } catch (const std::runtime_error&) {
     } catch (const std::logic_error&) {}
+    // Good or bad, it is the caller's.
+    EXPECT_EQ(std::memcmp(received.get(), bytes.data(), bytes.size()), 0);
     return good;
 }
 

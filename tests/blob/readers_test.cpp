@@ -191,6 +191,29 @@ TEST(Readers, AFieldShorterThanItsTypeIsABadAttrForToAttr) {
     EXPECT_EQ(utils::to_attr(first(unterminated), false).get<std::string>(), "abcd");
 }
 
+TEST(Readers, AMessageStaysUntouched) {
+    const std::string inside = field(0, "u", "\1\2") + field(3, "s", std::string("a\0b\0", 4)) +
+                               field(4, "q", std::string(8, '\1')) + field(5, "i", five) +
+                               field(6, "h", "\1\2") + field(7, "b", "\2") +
+                               field(8, "d", std::string(8, '\1'));
+    const std::string before = whole(field(2, "t", inside) + field(1, "l", inside) +
+                                     field(3, "s", std::string("b\0", 2)) + inside);
+    const message received(before);
+    utils::to_table(received.get());
+    utils::to_table(first(received));
+    utils::to_array(first(received));
+    utils::to_unspec(first(received));
+    for (const bool as_flag : {false, true}) {
+        utils::to_attr(first(received), as_flag);
+    }
+    utils::to_table(received.get(), {{"b", typeid(bool)},
+                                     {"l", typeid(list)},
+                                     {"s", typeid(std::string)},
+                                     {"t", typeid(table)},
+                                     {"u", typeid(bytes)}});
+    EXPECT_EQ(to_hex(received.get(), before.size()), to_hex(before.data(), before.size()));
+}
+
 TEST(Policy, LeavesOutWhatHasAnotherTypeOrIsNotNamed) {
     const policy expected = {{"a", typeid(std::string)}};
     EXPECT_TRUE(
@@ -207,6 +230,53 @@ TEST(Policy, AnUnspecEntryTakesAFieldOfAnyTypeAsItIs) {
     EXPECT_EQ(decode(field(0, "u", "\2"), expected).find("u")->second.get<bytes>(), bytes{2});
     const std::string nested = field(1, "u", field(5, "", five));
     EXPECT_EQ(decode(nested, expected).find("u")->second.get<list>().front().get<int>(), 5);
+}
+
+TEST(Policy, EachEntryOfOneNameTakesTheFirstFieldOfItsOwnType) {
+    const std::string six("\0\0\0\6", 4);
+    const std::string fields = field(3, "x", std::string("q\0", 2)) + field(5, "x", five) +
+                               field(5, "x", six) + field(3, "x", std::string("r\0", 2));
+    const table read = decode(fields, {{"x", typeid(unsigned int)}, {"x", typeid(std::string)}});
+    ASSERT_EQ(read.size(), 2u);
+    EXPECT_EQ(read.begin()->second.get<int>(), 5) << "in the order of the policy";
+    EXPECT_EQ(std::next(read.begin())->second.get<std::string>(), "q");
+}
+
+TEST(Policy, TwoEqualEntriesBothTakeTheFirstField) {
+    const std::string six("\0\0\0\6", 4);
+    const table read = decode(field(5, "x", five) + field(5, "x", six),
+                              {{"x", typeid(unsigned int)}, {"x", typeid(unsigned int)}});
+    ASSERT_EQ(read.size(), 2u);
+    EXPECT_EQ(read.begin()->second.get<int>(), 5);
+    EXPECT_EQ(std::next(read.begin())->second.get<int>(), 5);
+}
+
+TEST(Policy, OfTwoEntriesOfOneNameOnlyTheOneThatAsksForAFlagGetsAFlag) {
+    for (const policy& expected : {policy{{"b", typeid(bool)}, {"b", typeid(unsigned char)}},
+                                   policy{{"b", typeid(unsigned char)}, {"b", typeid(bool)}}}) {
+        const table read = decode(field(7, "b", "\2"), expected);
+        ASSERT_EQ(read.size(), 2u);
+        auto entry = expected.begin();
+        for (const auto& [name, value] : read) {
+            EXPECT_EQ(value.type(), entry->second) << name;
+            ++entry;
+        }
+    }
+}
+
+TEST(Policy, ABadChildOfAFieldThatIsAskedForIsABadAttr) {
+    const std::string bad = field(5, "a", std::string("\0\0\1", 3));
+    const auto expect_bad = [](const std::string& fields, const policy& expected,
+                               const std::string& in) {
+        expect_throw_msg<std::runtime_error>([&] { decode(fields, expected); }, in + "Bad attr");
+    };
+    expect_bad(field(2, "f", bad), {{"f", typeid(table)}}, in_table);
+    expect_bad(field(1, "f", bad), {{"f", typeid(list)}}, in_array);
+    expect_bad(field(2, "f", field(1, "l", bad)), {{"f", typeid(table)}}, in_array);
+    expect_bad(field(1, "f", field(2, "", bad)), {{"f", typeid(list)}}, in_table);
+    expect_bad(field(2, "f", bad), {{"f", typeid(bytes)}}, in_table);
+    EXPECT_TRUE(decode(field(2, "f", bad), {{"g", typeid(table)}}).empty())
+        << "what is not asked for is not looked into";
 }
 
 TEST(Policy, AFieldThatIsAbsentIsMissingFromTheResult) {
