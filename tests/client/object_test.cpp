@@ -409,6 +409,109 @@ TEST_F(Object, AMethodHandlerMayInvokeAndAnswerFromTheResult) {
     EXPECT_EQ(relayed.reply().find("n")->second.get<int>(), 5);
 }
 
+/// Says when and where what a method handler has captured is destroyed.
+class capture_watch {
+public:
+    /// A method map whose only owner of the capture is the handler of "serve".
+    client::method_map methods(const client::method_policy& policy = {}) {
+        const std::shared_ptr<void> capture(nullptr, [record = record_](void*) {
+            record->where = std::this_thread::get_id();
+            ++record->destroyed;
+        });
+        return {{"serve", {[capture](const context&) {}, policy}}};
+    }
+    int destroyed() const { return record_->destroyed; }
+    /// Where the last one was destroyed.
+    std::thread::id where() const { return record_->where; }
+
+private:
+    struct record {
+        std::thread::id where;
+        std::atomic<int> destroyed{0};
+    };
+    std::shared_ptr<record> record_ = std::make_shared<record>();
+};
+
+class CapturesOfMethodHandlers : public Object {
+protected:
+    /// Waits until the capture is gone, which must happen here: this thread plays the loop's.
+    void expect_gone() const {
+        run_until([this] { return watch_.destroyed() != 0; });
+        settle();
+        EXPECT_EQ(watch_.destroyed(), 1);
+        EXPECT_EQ(watch_.where(), std::this_thread::get_id()) << "not on the loop's thread";
+    }
+    capture_watch watch_;
+};
+
+TEST_F(CapturesOfMethodHandlers, LiveAsLongAsTheObjectAndGoWithItOnTheApplicationsLoop) {
+    for (const bool stop_serving : {true, false}) {
+        watch_ = capture_watch();
+        ASSERT_FALSE(add("own", watch_.methods()));
+        EXPECT_FALSE(call("own", "serve").code());
+        settle();
+        EXPECT_EQ(watch_.destroyed(), 0);
+        bus().del_object("own", stop_serving, {});
+        settle();
+        expect_gone();
+    }
+}
+
+TEST_F(CapturesOfMethodHandlers, GoWithAnAdditionThatFails) {
+    start_service();
+    // Handed over as temporaries, so that nobody but the client keeps the capture.
+    outcome taken;
+    bus().add_object("demo", watch_.methods(), taken.handler());
+    run_until([&] { return taken.reported(); });
+    EXPECT_TRUE(taken.code());
+    expect_gone();
+    watch_ = capture_watch();
+    outcome bad;
+    bus().add_object("own", watch_.methods({{"n", typeid(int)}}), bad.handler());
+    run_until([&] { return bad.reported(); });
+    EXPECT_TRUE(bad.code());
+    expect_gone();
+}
+
+TEST_F(CapturesOfMethodHandlers, GoWithTheConnection) {
+    ASSERT_FALSE(add("own", watch_.methods()));
+    daemon_.kill9();
+    expect_gone();
+    EXPECT_EQ(bus().get_state(), client::state::disconnected);
+    watch_ = capture_watch();
+    daemon_.restart();
+    connect();
+    ASSERT_FALSE(add("own", watch_.methods()));
+    bus().disconnect({});
+    expect_gone();
+}
+
+TEST_F(CapturesOfMethodHandlers, GoWithACancelOnceTheConnectionIsClosed) {
+    ASSERT_FALSE(add("own", watch_.methods()));
+    bus().cancel();
+    EXPECT_EQ(bus().get_state(), client::state::disconnected);
+    connect();
+    expect_gone();
+}
+
+TEST_F(CapturesOfMethodHandlers, OutliveARemovalInsideTheHandlerItself) {
+    int after_removal = -1;
+    outcome removed;
+    auto methods = watch_.methods();
+    methods["serve"].first = [&, inner = methods["serve"].first](const context& ctx) {
+        bus().del_object("own", true, removed.handler());
+        on_loop_thread([] {});
+        after_removal = watch_.destroyed();
+        inner(ctx);
+    };
+    ASSERT_FALSE(add("own", methods));
+    methods.clear();
+    bus().invoke("own", "serve", {}, {}, seconds(0));
+    run_until([&] { return removed.reported(); });
+    EXPECT_EQ(after_removal, 0);
+    expect_gone();
+}
+
 /// Uses the whole client from another thread, and waits for it: hangs if a lock is held here.
 void use_the_client_elsewhere() {
     std::thread([] {
