@@ -11,7 +11,7 @@
 #include <cstring>
 #include <endian.h>
 
-#include "limits.h"
+#include "format_limits.h"
 
 namespace {
 

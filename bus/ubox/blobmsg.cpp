@@ -6,7 +6,7 @@
 #include <endian.h>
 
 #include "blob_buf.h"
-#include "limits.h"
+#include "format_limits.h"
 
 namespace {
 

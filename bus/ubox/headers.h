@@ -2,10 +2,9 @@
 /// C library's headers come first, so that none of them is read inside it.
 #pragma once
 
-#include <stdbool.h>
-#include <stddef.h>
-#include <stdint.h>
-#include <string.h>
+#include <cstddef>
+#include <cstdint>
+#include <cstring>
 #include <sys/time.h>
 
 extern "C" {

@@ -79,7 +79,8 @@ bool read_piece(int fd, void* bytes, std::size_t size) {
 
 bool open_input(ubus_context& ctx) {
     if (ctx.msgbuf.data == nullptr) {
-        ctx.msgbuf.data = static_cast<blob_attr*>(std::calloc(1, sizeof(connection_input)));
+        auto* const made = static_cast<connection_input*>(std::calloc(1, sizeof(connection_input)));
+        ctx.msgbuf.data = reinterpret_cast<blob_attr*>(made);
     }
     return ctx.msgbuf.data != nullptr;
 }
