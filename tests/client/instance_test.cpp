@@ -85,13 +85,6 @@ TEST(Instance, StartsDisconnectedAndInactive) {
     EXPECT_FALSE(bus.is_active());
 }
 
-TEST(Instance, AnEmptyStateSubscriberGivesAnInactiveLink) {
-    client& bus = client::get_instance(keep(std::make_shared<hand_loop>()));
-    auto link = bus.notify_on_state_change({});
-    EXPECT_FALSE(link.active());
-    EXPECT_NO_THROW(link.release());
-}
-
 /// The signals that the calling thread has blocked, as the kernel tells them.
 unsigned long long blocked_signals() {
     std::ifstream status("/proc/thread-self/status");

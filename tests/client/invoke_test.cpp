@@ -236,16 +236,33 @@ TEST_F(Invoke, ATimeoutOfZeroMakesNoTimer) {
 }
 
 TEST_F(Invoke, TheTimeLimitEndsTheCallAndDiscardsTheRepliesSoFar) {
+    std::shared_ptr<client::exchange_ctx> open;
+    const auto answer_in_part = [&open](const auto& ctx) {
+        ctx->send({{"part", 1}}, {});
+        open = ctx;
+    };
+    outcome added;
+    bus().add_object("own", {{"parts", {answer_in_part, {}}}}, added.handler());
+    run_until([&] { return added.reported(); });
     call_outcome late;
-    const auto link = call("late", {{"ms", 60000}}, late.handler(), seconds(5));
+    const auto link = bus().invoke("own", "parts", {}, late.handler(), seconds(5));
+    run_until([&] { return open != nullptr; });
+    // Sent after the part and answered by the same daemon: when it is over, the part is here.
+    call_outcome after;
+    bus().invoke("own", "nosuch", {}, after.handler(), seconds(0));
+    finish(after);
     loop()->advance(seconds(4));
     loop()->drain();
     EXPECT_FALSE(late.reported());
+    EXPECT_TRUE(link.active());
     loop()->advance(seconds(1));
     finish(late);
     EXPECT_EQ(late.code(), make_error_code(msg::timeout));
     EXPECT_TRUE(late.replies().empty());
     EXPECT_FALSE(link.active());
+    open.reset();
+    settle();
+    EXPECT_EQ(late.count(), 1U);
 }
 
 TEST_F(Invoke, TheTimerGoesWithTheCall) {

@@ -568,24 +568,43 @@ TEST_F(Object, NothingIsLockedWhileAHandlerRunsOrIsDestroyed) {
 TEST_F(Object, ManyThreadsMayAddAndDeleteAtOnce) {
     constexpr int threads = 4;
     constexpr int rounds = 50;
+    // Names that two threads share may be taken or gone when one gets there; of the thread's own
+    // every operation finds what the one before has left.
     std::atomic<int> heard{0};
+    std::atomic<int> own_done{0};
+    const auto count_own = [&](const std::error_code& code) {
+        EXPECT_FALSE(code) << code.message();
+        ++own_done;
+    };
     std::vector<std::thread> workers;
     for (int n = 0; n < threads; ++n) {
-        workers.emplace_back([&heard, n] {
+        workers.emplace_back([&heard, &count_own, n] {
+            const std::string shared = "object" + std::to_string(n % 2);
+            const std::string own = "own" + std::to_string(n);
             for (int round = 0; round < rounds; ++round) {
-                const std::string name = "object" + std::to_string(n % 2);
-                bus().add_object(name, echo(), [&heard](const std::error_code&) { ++heard; });
-                bus().del_object(name, round % 2 == 0,
+                bus().add_object(shared, echo(), [&heard](const std::error_code&) { ++heard; });
+                bus().add_object(own, echo(), count_own);
+                bus().del_object(shared, round % 2 == 0,
                                  [&heard](const std::error_code&) { ++heard; });
+                bus().del_object(own, round % 2 == 0, count_own);
             }
         });
     }
-    run_until([&] { return heard == 2 * threads * rounds; });
+    constexpr int operations = 2 * threads * rounds;
+    run_until([&] { return heard == operations && own_done == operations; });
     for (auto& worker : workers) {
         worker.join();
     }
-    loop()->drain();
-    EXPECT_EQ(heard, 2 * threads * rounds);
+    settle();
+    EXPECT_EQ(heard, operations);
+    EXPECT_EQ(own_done, operations);
+    for (int n = 0; n < threads; ++n) {
+        const std::string own = "own" + std::to_string(n);
+        EXPECT_EQ(remove(own), make_error_code(msg::not_found));
+        EXPECT_EQ(call(own, "echo").code(), make_error_code(msg::not_found));
+        EXPECT_FALSE(add(own, echo())) << "the name is free";
+        EXPECT_FALSE(call(own, "echo").code());
+    }
 }
 
 } // namespace

@@ -5,7 +5,9 @@
 #include "support/expect_throw.h"
 
 #include <csignal>
+#include <cstdio>
 #include <cstdlib>
+#include <exception>
 #include <gtest/gtest.h>
 #include <memory>
 #include <stdexcept>
@@ -256,7 +258,16 @@ TEST_F(Uloop, AnExceptionReportedOutsideRunIsForgottenByTheNextRun) {
 using UloopDeathTest = Uloop;
 
 TEST_F(UloopDeathTest, ReportingWithoutAnExceptionEndsTheProcess) {
-    EXPECT_DEATH(loop.exception_handler(), "");
+    constexpr int terminated = 3;
+    EXPECT_EXIT(
+        {
+            std::set_terminate([] {
+                std::fputs("std::terminate\n", stderr);
+                std::_Exit(terminated);
+            });
+            loop.exception_handler();
+        },
+        testing::ExitedWithCode(terminated), "std::terminate");
 }
 
 TEST_F(UloopDeathTest, TasksStillQueuedAtTheEndOfTheProcessAreDestroyed) {
