@@ -5,16 +5,24 @@
 #include "support/faults.h"
 
 #include <cerrno>
+#include <chrono>
 #include <csignal>
+#include <cstdio>
+#include <cstdlib>
 #include <cstring>
 #include <fcntl.h>
 #include <filesystem>
+#include <functional>
+#include <future>
 #include <gtest/gtest.h>
 #include <memory>
 #include <set>
 #include <stdexcept>
 #include <string>
+#include <sys/socket.h>
 #include <sys/stat.h>
+#include <utility>
+#include <vector>
 
 namespace {
 
@@ -142,10 +150,39 @@ TEST_F(UloopFaults, AnExitThatCameBeforeAFailedStartIsNotRemembered) {
     }
 }
 
-TEST_F(UloopFaults, FailingToReadADispositionIsReported) {
-    const intercept fault(call::sigaction_read, fail_calls(EINVAL, 1, 2));
-    expect_run_fails("unix_signal_actions failed to get old action of signal 17 [22]: " +
-                     std::string(std::strerror(EINVAL)));
+TEST_F(UloopFaults, FailingToReadADispositionIsReportedInTheOrderOfReading) {
+    int number = 0;
+    for (const int signo : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE}) {
+        const intercept fault(call::sigaction_read, fail_calls(EINVAL, 1, number));
+        expect_run_fails("unix_signal_actions failed to get old action of signal " +
+                         std::to_string(signo) + " [22]: " + std::strerror(EINVAL));
+        ++number;
+    }
+}
+
+TEST_F(UloopFaults, DispositionsArePutBackBeforeTheLoopWatchesAnything) {
+    const auto changed = [](int) {
+    };
+    bool put_back = false;
+    const intercept start(call::uloop_init, [&changed] {
+        for (const int signo : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE}) {
+            std::signal(signo, changed);
+        }
+        return 0;
+    });
+    // libubox's own descriptors may come before; the last one is the wake-up's.
+    const intercept watch(call::uloop_fd_add, [&put_back] {
+        put_back = true;
+        for (const int signo : {SIGINT, SIGTERM, SIGCHLD, SIGPIPE}) {
+            struct sigaction current = {};
+            ::sigaction(signo, nullptr, &current);
+            put_back = put_back && current.sa_handler == SIG_DFL;
+        }
+        return 0;
+    });
+    loop.post([this] { loop.exit(); });
+    loop.run();
+    EXPECT_TRUE(put_back);
 }
 
 TEST_F(UloopFaults, FailingToPutBackADispositionIsReported) {
@@ -379,6 +416,136 @@ TEST_F(UloopFaults, TheWakeUpDescriptorsAreClosedOnExec) {
         loop.exit();
     });
     loop.run();
+}
+
+TEST_F(UloopFaults, TheWakeUpIsOneByteOfOneFromTheFirstEndOfAStreamToTheSecond) {
+    const std::set<int> before = open_descriptors();
+    loop.post([&] {
+        std::vector<int> pair; // the system gives the first end the lower number
+        for (const int descriptor : open_descriptors()) {
+            int type = 0;
+            socklen_t size = sizeof type;
+            if (before.count(descriptor) == 0 &&
+                ::getsockopt(descriptor, SOL_SOCKET, SO_TYPE, &type, &size) == 0 &&
+                type == SOCK_STREAM) {
+                pair.push_back(descriptor);
+            }
+        }
+        loop.post([this] { loop.exit(); });
+        ASSERT_EQ(pair.size(), 2U);
+        char bytes[2] = {};
+        EXPECT_LT(::recv(pair[0], bytes, sizeof bytes, MSG_PEEK | MSG_DONTWAIT), 0);
+        ASSERT_EQ(::recv(pair[1], bytes, sizeof bytes, MSG_PEEK | MSG_DONTWAIT), 1);
+        EXPECT_EQ(bytes[0], 1);
+    });
+    loop.run();
+}
+
+TEST_F(UloopFaults, TheWakeUpByteOfAnExitIsNotRead) {
+    int writes = 0;
+    int reads = 0;
+    const intercept watch_writes(call::write, count_calls(writes));
+    const intercept watch_reads(call::read, count_calls(reads));
+    loop.post([this] { loop.exit(); });
+    loop.run();
+    EXPECT_EQ(writes, 1);
+    EXPECT_EQ(reads, 0);
+}
+
+/// Whether `use` ends on a thread of its own while this one goes no further. If it waits for this
+/// one, it ends later.
+class elsewhere {
+public:
+    explicit elsewhere(const std::function<void()>& use)
+        : done_(std::async(std::launch::async, use)) {}
+    bool ends() const {
+        return done_.wait_for(std::chrono::seconds(10)) == std::future_status::ready;
+    }
+
+private:
+    std::future<void> done_;
+};
+
+TEST_F(UloopFaults, PostingAnEmptyFunctionWaitsForNobody) {
+    std::vector<std::unique_ptr<elsewhere>> waiting; // until the lock is free, if it must
+    bool tried = false;
+    loop.post([&] {
+        // The lock is held while the byte is written.
+        const intercept locked(call::write, [&] {
+            if (!std::exchange(tried, true)) {
+                waiting.push_back(std::make_unique<elsewhere>([this] {
+                    loop.post(nullptr);
+                    const std::function<void()> empty;
+                    loop.post(empty);
+                }));
+                EXPECT_TRUE(waiting.back()->ends());
+            }
+            return 0;
+        });
+        loop.exit();
+    });
+    loop.run();
+    EXPECT_TRUE(tried);
+}
+
+TEST_F(UloopFaults, NoLockIsHeldWhileATaskRuns) {
+    const auto check = [this] {
+        EXPECT_TRUE(elsewhere([this] { loop.post([] {}); }).ends());
+    };
+    loop.post([&] {
+        check(); // in the batch of the start
+        loop.post([&] {
+            check(); // in one that a wake-up has brought
+            loop.exit();
+        });
+    });
+    loop.run();
+}
+
+TEST_F(UloopFaults, NoLockIsHeldWhileATaskIsDestroyed) {
+    int destroyed = 0;
+    const auto checks_its_end = [&] {
+        const std::shared_ptr<void> kept(nullptr, [&](void*) {
+            EXPECT_TRUE(elsewhere([this] { loop.exit(); }).ends());
+            ++destroyed;
+        });
+        return [kept] {
+        };
+    };
+    loop.post(checks_its_end()); // has run
+    loop.post([&] {
+        loop.post(checks_its_end()); // is still queued
+        loop.exit();
+    });
+    loop.run();
+    EXPECT_EQ(destroyed, 2);
+    loop.post([&] {
+        loop.post(checks_its_end());
+        throw std::out_of_range("x");
+    });
+    loop.post(checks_its_end()); // is dropped with its batch
+    EXPECT_THROW(loop.run(), std::out_of_range);
+    EXPECT_EQ(destroyed, 4);
+    const intercept fault(call::read, fail_calls(EIO));
+    loop.post([&] { loop.post(checks_its_end()); });
+    EXPECT_THROW(loop.run(), std::runtime_error);
+    EXPECT_EQ(destroyed, 5);
+}
+
+using UloopFaultsDeathTest = UloopFaults;
+
+TEST_F(UloopFaultsDeathTest, NoLockIsHeldWhileTheEndOfTheProcessDestroysATask) {
+    testing::GTEST_FLAG(death_test_style) = "threadsafe";
+    EXPECT_EXIT(
+        {
+            std::shared_ptr<void> kept(nullptr, [](void*) {
+                const bool free = elsewhere([] { uloop::get_instance().exit(); }).ends();
+                std::fputs(free ? "free\n" : "locked\n", stderr);
+            });
+            loop.post([kept = std::move(kept)] {});
+            std::exit(0);
+        },
+        testing::ExitedWithCode(0), "free");
 }
 
 TEST_F(UloopFaults, AFailingTaskLeavesNoDescriptorOpen) {
