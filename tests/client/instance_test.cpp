@@ -9,8 +9,10 @@
 
 #include <csignal>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace tarn::test {
@@ -83,6 +85,47 @@ TEST(Instance, StartsDisconnectedAndInactive) {
     client& bus = client::get_instance(keep(std::make_shared<hand_loop>()));
     EXPECT_EQ(bus.get_state(), client::state::disconnected);
     EXPECT_FALSE(bus.is_active());
+}
+
+/// A loop whose timers note what is asked of them.
+class noting_loop final : public utils::event_loop {
+public:
+    void post(const std::function<void()>& task) override { tasks_.post(task); }
+    std::shared_ptr<timer> create_timer() override {
+        return std::make_shared<noting_timer>(noted, tasks_.create_timer());
+    }
+    std::vector<std::string> noted;
+
+private:
+    class noting_timer final : public timer {
+    public:
+        noting_timer(std::vector<std::string>& noted, std::shared_ptr<timer> inner)
+            : noted_(noted)
+            , inner_(std::move(inner)) {}
+        void set_handler(std::function<void()> action) override {
+            noted_.emplace_back("handler");
+            inner_->set_handler(std::move(action));
+        }
+        void set_timeout(const std::chrono::seconds& delay) override {
+            noted_.push_back("timeout of " + std::to_string(delay.count()));
+            inner_->set_timeout(delay);
+        }
+        void stop() override { inner_->stop(); }
+
+    private:
+        std::vector<std::string>& noted_;
+        const std::shared_ptr<timer> inner_;
+    };
+
+    hand_loop tasks_;
+};
+
+TEST(Instance, ATimeLimitIsSetBeforeTheTimersHandler) {
+    static const auto loop = std::make_shared<noting_loop>();
+    client& bus = client::get_instance(loop);
+    loop->noted.clear();
+    bus.invoke("demo", "echo", {}, {}, std::chrono::seconds(7)).release();
+    EXPECT_EQ(loop->noted, (std::vector<std::string>{"timeout of 7", "handler"}));
 }
 
 /// The signals that the calling thread has blocked, as the kernel tells them.

@@ -1,6 +1,7 @@
 /// Calls of objects that another process publishes through plain libubus.
 #include "client/client_fixture.h"
 
+#include "support/scripted_bus.h"
 #include "tarn/error.h"
 
 #include <gmock/gmock.h>
@@ -472,6 +473,49 @@ TEST_F(Invoke, AHandlerMayInvokeAgain) {
     call("echo", {}, [&](const auto&, const auto&) { call("twice", {}, second.handler()); });
     finish(second);
     EXPECT_EQ(second.replies().size(), 2U);
+}
+
+class InvokeOnAScriptedBus : public client_test {
+protected:
+    void SetUp() override {
+        outcome connected;
+        bus().connect(connected.handler());
+        run_until([&] { return connected.reported(); });
+        ASSERT_FALSE(connected.code());
+    }
+    static void call_remote(call_outcome& done) {
+        bus().invoke(scripted_bus::remote_path, scripted_bus::remote_method, {}, done.handler(),
+                     seconds(0));
+        run_until([&] { return done.reported(); });
+    }
+    scripted_bus scripted_;
+};
+
+TEST_F(InvokeOnAScriptedBus, AnEmptyTableStandsForAReplyThatDoesNotDecode) {
+    scripted_.on_next(wire::invoke, [](const wire::bytes& healthy, const wire::received& request) {
+        // A field whose type does not exist.
+        const wire::bytes odd = wire::message(wire::data, request.seq(), request.peer(),
+                                              wire::objid(scripted_bus::remote_id) +
+                                                  wire::data_of(wire::field(9, "x", {0, 0, 0, 0})));
+        return scripted_bus::answer{odd + healthy};
+    });
+    call_outcome done;
+    call_remote(done);
+    EXPECT_EQ(done.code(), make_error_code(msg::parse_error));
+    ASSERT_EQ(done.replies().size(), 2U);
+    EXPECT_TRUE(done.replies().front().get<blob::table>().empty());
+    EXPECT_EQ(done.replies().back().get<blob::table>().size(), 1U);
+}
+
+TEST_F(InvokeOnAScriptedBus, ALookUpThatNamesNoObjectIsNotFoundAndNothingIsCalled) {
+    scripted_.on_next(wire::lookup, [](const wire::bytes&, const wire::received& request) {
+        // A call of object 0 would be left without an answer.
+        return scripted_bus::answer{scripted_bus::status_message(request, 0),
+                                    scripted_bus::afterwards::stop_answering};
+    });
+    call_outcome done;
+    call_remote(done);
+    EXPECT_EQ(done.code(), make_error_code(msg::not_found));
 }
 
 class InvokeWithoutAConnection : public client_test {
