@@ -1,0 +1,14 @@
+/// The rows about calls over the bus, as caller and as service.
+#pragma once
+
+#include "options.h"
+#include "sample.h"
+
+#include <vector>
+
+namespace tarn::bench {
+
+/// Measures and appends them. Throws std::runtime_error, also when a call was not answered rightly.
+void measure_bus(const options& chosen, std::vector<row>& rows);
+
+} // namespace tarn::bench

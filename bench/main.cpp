@@ -1,0 +1,66 @@
+/// Measures libtarn beside plain libubus and libubox and prints one table: see docs/performance.md.
+#include "bus_rows.h"
+#include "micro_rows.h"
+#include "options.h"
+#include "table.h"
+
+#include <exception>
+#include <filesystem>
+#include <iostream>
+#include <sched.h>
+#include <stdexcept>
+
+namespace {
+
+using namespace tarn::bench;
+
+/// On the first processor that is allowed; what is started from here stays there too.
+void pin() {
+    cpu_set_t allowed;
+    if (::sched_getaffinity(0, sizeof(allowed), &allowed) == 0) {
+        for (unsigned i = 0; i < CPU_SETSIZE; ++i) {
+            if (CPU_ISSET(i, &allowed)) {
+                CPU_ZERO(&allowed);
+                CPU_SET(i, &allowed);
+                if (::sched_setaffinity(0, sizeof(allowed), &allowed) == 0) {
+                    return;
+                }
+            }
+        }
+    }
+    throw std::runtime_error("cannot stay on one processor");
+}
+
+void explain(const options& chosen) {
+    cpu_set_t allowed;
+    ::sched_getaffinity(0, sizeof(allowed), &allowed);
+    std::cout << "Daemon: " << std::filesystem::path(chosen.daemon).filename().string()
+              << ". Processors: " << CPU_COUNT(&allowed) << ". Build: " << TARN_BENCH_BUILD
+              << ". Medians of " << chosen.repetitions
+              << (chosen.quick ? " repetition, too short to say how fast" : " repetitions") << ".\n"
+              << "Posts stand beside nothing: libubox has no function that hands its loop work"
+                 " from another thread.\n\n";
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    const options chosen = parse_options(argc, argv);
+    try {
+        if (chosen.pin) {
+            pin();
+        }
+        std::vector<row> rows;
+        measure_bus(chosen, rows);
+        measure_micro(chosen, rows);
+        if (rows.empty()) {
+            throw std::runtime_error("no row holds '" + chosen.only + "'");
+        }
+        explain(chosen);
+        print_table(std::cout, rows);
+    } catch (const std::exception& failure) {
+        std::cerr << "tarn_bench: " << failure.what() << '\n';
+        return 1;
+    }
+    return 0;
+}

@@ -1,0 +1,14 @@
+/// The rows about one function each: encoding, decoding, posts.
+#pragma once
+
+#include "options.h"
+#include "sample.h"
+
+#include <vector>
+
+namespace tarn::bench {
+
+/// Measures and appends them. Throws std::runtime_error.
+void measure_micro(const options& chosen, std::vector<row>& rows);
+
+} // namespace tarn::bench

@@ -1,0 +1,20 @@
+/// The command line of the driver.
+#pragma once
+
+#include <string>
+
+namespace tarn::bench {
+
+struct options {
+    std::string daemon;
+    std::string socket; ///< compiled into libubus; empty with the bundled one
+    std::string only;   ///< rows whose name holds this; empty: all
+    unsigned repetitions = 5;
+    bool quick = false;
+    bool pin = false;
+};
+
+/// Ends the process with a message for an argument that it does not know, and for --help.
+options parse_options(int argc, char** argv);
+
+} // namespace tarn::bench
