@@ -25,12 +25,12 @@ struct scenario {
                (look_up_each ? "" : ", one look-up in all");
     }
 
-    /// How many calls take long enough to measure by: one or two seconds.
+    /// How many calls take long enough to measure by: up to a second.
     unsigned long calls(const options& chosen) const {
         if (chosen.quick) {
             return window == 1 ? 50 : 2UL * window;
         }
-        return window == 1 ? 5000 : 20000;
+        return window == 1 ? 3000 : 10000;
     }
 };
 

@@ -1,6 +1,5 @@
 /* A library to load before a program (LD_PRELOAD), so that all its allocations are counted: those
  * of malloc() and its kin, which operator new and every library of the process end in. */
-#define _GNU_SOURCE
 #include <dlfcn.h>
 #include <stdatomic.h>
 #include <stddef.h>

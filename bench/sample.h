@@ -37,6 +37,7 @@ inline double median(std::vector<double> values) {
 /// The median of one member over samples.
 inline double median(const std::vector<sample>& samples, double sample::*member) {
     std::vector<double> values;
+    values.reserve(samples.size());
     for (const sample& each : samples) {
         values.push_back(each.*member);
     }

@@ -26,6 +26,7 @@ worker::worker(std::vector<std::string> arguments, const std::string& preload)
         throw std::runtime_error(std::string("socketpair: ") + std::strerror(errno));
     }
     std::vector<char*> words;
+    words.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
         words.push_back(argument.data());
     }
