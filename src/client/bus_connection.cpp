@@ -7,6 +7,7 @@
 #include "tarn/uloop.h"
 #include "uloop/default_signals.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <utility>
 
@@ -17,6 +18,9 @@ namespace {
 /// How long the end of a connection waits for a daemon that does not read. One that does has read
 /// everything after microseconds.
 constexpr std::chrono::milliseconds delivery_limit{500};
+
+/// How often caught_up_bus() reads: more than what a socket and the daemon's queue behind it hold.
+constexpr int most_turns = 100;
 
 } // namespace
 
@@ -80,6 +84,19 @@ void client_impl::on_connection_lost(ubus_context* context) {
     with_reserve([this] {
         post_from_uloop([this, connection = bus_token_] { request_disconnect(connection); });
     });
+}
+
+ubus_context* client_impl::caught_up_bus() const {
+    ubus_context* const bus = usable_bus();
+    // Bounded, since others may send without a pause.
+    for (int turn = 0; turn < most_turns && bus != nullptr && usable_bus() == bus; ++turn) {
+        pollfd readable{bus->sock.fd, POLLIN, 0};
+        if (::poll(&readable, 1, 0) <= 0) {
+            break;
+        }
+        ubus_handle_event(bus);
+    }
+    return usable_bus() == bus ? bus : nullptr;
 }
 
 ubus_context* client_impl::usable_bus() const {

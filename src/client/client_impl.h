@@ -148,6 +148,10 @@ private:
     static void connection_lost_handler(ubus_context* context);
     /// The connection if calls can go out on it, else null.
     ubus_context* usable_bus() const;
+    /// The same for a request whose answer libubus awaits without a limit: takes in first what has
+    /// arrived. While its queue for this process is full the daemon drops its own answers too; it
+    /// makes room there before it reads a request.
+    ubus_context* caught_up_bus() const;
     void end_unwritable_bus() const;
 
     // invoke.cpp

@@ -114,7 +114,7 @@ void client_impl::add_object_sync(const std::weak_ptr<object_ctx>& object, const
     std::shared_ptr<ubus_object_ctx> records;
     if (const auto alive = object.lock()) {
         records = alive->ubus_ctx;
-        if (ubus_context* const bus = usable_bus()) {
+        if (ubus_context* const bus = caught_up_bus()) {
             try {
                 status = register_object(bus, records);
             } catch (const std::bad_alloc&) {
@@ -214,9 +214,9 @@ void client_impl::del_object_sync(std::shared_ptr<object_ctx> object, bool stop_
 
 std::error_code client_impl::unregister_object(const std::shared_ptr<ubus_object_ctx>& records,
                                                bool stop_serving) {
+    ubus_context* const bus = caught_up_bus();
     const auto entry = ubus_objects_.find(&records->object);
     const bool registered = entry != ubus_objects_.end();
-    ubus_context* const bus = usable_bus();
     if (registered) {
         // Kept until the connection ends unless libubus has let go of it: it may still look there.
         with_reserve([&] { retired_objects_.push_back(records); });

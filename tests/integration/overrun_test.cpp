@@ -137,6 +137,27 @@ TEST_F(Overrun, LosesWholeAnswersAndTheirCallsEndByTheirTimeLimits) {
     EXPECT_EQ(bus().get_state(), client::state::connected);
 }
 
+TEST_F(Overrun, DoesNotLoseTheAnswersThatTheLibraryWaitsFor) {
+    outcome early;
+    bus().add_object("tarn.early", {}, early.handler());
+    run_until([&] { return early.reported(); });
+    ASSERT_FALSE(early.code());
+    ASSERT_NO_FATAL_FAILURE(hold_enough());
+    outcome added;
+    outcome deleted;
+    {
+        const unread_bus unread;
+        // These go out before the loop has read anything.
+        bus().add_object("tarn.late", {}, added.handler());
+        bus().del_object("tarn.early", true, deleted.handler());
+        call_holder("release");
+    }
+    run_until([&] { return added.reported() && deleted.reported(); });
+    EXPECT_EQ(added.code(), make_error_code(msg::success));
+    EXPECT_EQ(deleted.code(), make_error_code(msg::success));
+    loop()->advance(time_limit);
+}
+
 TEST_F(Overrun, LosesWholeCallsOfAServiceThatIsHeld) {
     ASSERT_EQ(call("holder", "echo").code(), make_error_code(msg::success));
     holder_->pause();
