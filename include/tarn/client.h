@@ -194,6 +194,8 @@ public:
     ///   msg::not_found             no such object here (or it is being removed already), or it was
     ///                              never registered with the bus;
     ///   msg::connection_failed     not connected; the object is forgotten all the same;
+    ///   msg::no_response           the daemon said success but named no object; the object is
+    ///                              forgotten all the same;
     ///   msg::no_memory             memory ran out on the private thread;
     ///   generic::aborted           cancel() ended it;
     ///   any other msg              the status with which the daemon refused.
