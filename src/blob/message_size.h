@@ -53,8 +53,9 @@ constexpr std::size_t call(std::size_t method, std::size_t data) {
     return head + number + text(method) + attribute(data);
 }
 
-/// The daemon adds the names of the caller's user and group to a call that it passes on, and drops
-/// one that does not fit the limit any more, which nobody would hear of. A name may have 255 bytes.
+/// The daemon adds the names of the caller's user and group to a call that it passes on. One that
+/// outgrows the limit by that, its receiver cannot take, and nobody hears of it. A name may have 255
+/// bytes.
 constexpr std::size_t call_limit = limit - 2 * text(255);
 
 /// A reply with `data` bytes.
