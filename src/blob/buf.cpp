@@ -5,6 +5,7 @@
 #include "blob/message_size.h"
 #include "bus.h"
 
+#include <algorithm>
 #include <new>
 #include <stdexcept>
 #include <utility>
@@ -160,9 +161,25 @@ void buf::make_sure_it_fits(const std::string& name, std::size_t size, const cha
     }
 }
 
+void buf::make_room(std::size_t size, const char* failure) {
+    // libubox makes the buffer longer by what a field takes: a message of many fields would be
+    // moved many times. Doubled, it is moved a few times. Near the limit libubox does it its own
+    // way.
+    const auto length = static_cast<std::size_t>(b_->buflen);
+    const std::size_t needed = end_of(*b_) + size;
+    if (needed <= length || 2 * length > message_size::blob_limit) {
+        return;
+    }
+    const std::size_t more = std::max(length, needed - length);
+    if (!::blob_buf_grow(b_.get(), static_cast<int>(more))) {
+        throw std::runtime_error(prefix_ + failure);
+    }
+}
+
 void buf::put(int type, const std::string& name, const void* data, std::size_t size,
               const char* failure) {
     make_sure_it_fits(name, size, failure);
+    make_room(message_size::field(std::strlen(name.c_str()), size), failure);
     if (::blobmsg_add_field(b_.get(), type, name.c_str(), data, static_cast<unsigned int>(size)) !=
         0) {
         throw std::runtime_error(prefix_ + failure);
@@ -183,6 +200,7 @@ void buf::add_nest_converter(bool array, const char* failure) {
     converters_.emplace(
         typeid(Container), [this, array, failure](const std::string& name, const attr& value) {
             make_sure_it_fits(name, 0, failure);
+            make_room(message_size::field(std::strlen(name.c_str()), 0), failure);
             void* const cookie = ::blobmsg_open_nested(b_.get(), name.c_str(), array);
             if (!cookie) {
                 throw std::runtime_error(prefix_ + failure);

@@ -156,7 +156,8 @@ std::error_code client_impl::register_object(ubus_context* bus,
     } catch (const std::bad_alloc&) {
         status = error::msg::no_memory;
     }
-    if (!status || records->object.id == 0) {
+    // The key is set when libubus enters the record, whatever becomes of the request after that.
+    if (!status || records->object.avl.key == nullptr) {
         retired_objects_.remove(records);
     }
     if (status) {

@@ -84,6 +84,7 @@ private:
     template <class Container>
     void add_nest_converter(bool array, const char* failure);
     void make_sure_it_fits(const std::string& name, std::size_t size, const char* failure);
+    void make_room(std::size_t size, const char* failure);
     void put(int type, const std::string& name, const void* data, std::size_t size,
              const char* failure);
 
