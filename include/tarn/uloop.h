@@ -5,12 +5,14 @@
 #include "tarn/export.h"
 #include "tarn/misc/unix_signal_actions.h"
 
+#include <condition_variable>
 #include <exception>
 #include <functional>
 #include <list>
 #include <mutex>
 #include <string>
 #include <sys/types.h>
+#include <thread>
 
 namespace tarn {
 
@@ -78,20 +80,35 @@ public:
 
 private:
     friend class client_impl;
-    friend struct incoming_call;
+    friend class task_bridge;
 
-    /// A task in memory that has been taken for it in advance: a list of one.
-    using ready_task = std::list<std::function<void()>>;
+    using task_list = std::list<std::function<void()>>;
 
     uloop();
     ~uloop() = default;
 
-    /// post() for such a task. Needs no memory.
-    void post_ready(ready_task&& task);
+    // What the client alone uses.
+
+    /// Sets the task that post_source() queues.
+    void set_source(std::function<void()>&& source);
+    /// post() for the source, which is queued once until it runs, and outlives the end of a run in
+    /// the queue. Needs no memory.
+    void post_source();
+    /// run(), when a run that is under way has been asked to stop and has ended. Calls `started`
+    /// when tasks are about to be run.
+    void run_after_others(const std::function<void()>& started);
+    /// Whether a run() is under way on the calling thread.
+    bool runs_here();
 
     void open_wakeup();
     void close_wakeup() noexcept;
-    void run_libubox();
+    void run_opened(const std::function<void()>& started);
+    void run_libubox(const std::function<void()>& started);
+    bool needs_wakeup() const noexcept;
+    void write_wakeup();
+    void wake_up(const std::function<void()>* queued, task_list& refused);
+    void run_batch(task_list& batch);
+    void drop_queue(task_list& dropped) noexcept;
     void drop_tasks() noexcept;
 
     std::exception_ptr pending_exception_;
@@ -101,10 +118,18 @@ private:
     bool exiting_ = false;
     pid_t owner_; ///< the process that ran the loop last, or made the instance
     /// Guards everything here. No task runs and none is destroyed while it is held. Recursive,
-    /// since notify() is part of post() and exit() and also stands alone.
+    /// since notify() is part of exit() and also stands alone.
     std::recursive_mutex lock_;
     /// A list, since taking it whole must not allocate: nobody could report a failure there.
-    std::list<std::function<void()>> queue_;
+    task_list queue_;
+    task_list source_;                                     ///< the source while it is not queued
+    const std::function<void()>* queued_source_ = nullptr; ///< the source while it is
+    std::thread::id runner_;                               ///< the thread inside run()
+    std::condition_variable_any ended_;                    ///< a run has come to its end
+    bool wakeup_failed_ = false; ///< a task is queued that the loop could not be woken for
+    /// Guards the write end while a byte is written: with lock_ held the thread that the byte wakes
+    /// would have to wait for the writer. Taken after lock_.
+    std::mutex wakeup_lock_;
 };
 
 } // namespace tarn

@@ -63,37 +63,47 @@ client_impl& client_impl::get_instance(const std::weak_ptr<utils::event_loop>& l
 client_impl::client_impl(const std::weak_ptr<utils::event_loop>& loop)
     : prefix_("tarn_impl::client: ")
     , loop_(loop)
+    , bridge_(loop)
+    , app_side_(bridge_, loop_side_)
+    , loop_side_(bridge_, app_side_)
     , owner_(::getpid()) {
     // Made first, so that they outlive the exit handler that stops the client.
     error::msg_category::get_inst();
     error::generic_category::get_inst();
-    reconnect_timer_ = get_eloop()->create_timer();
-    life_token_ = std::make_shared<char>('\0');
+    app_side_.make_timer();
     if (loop.use_count() == 0) {
         throw std::runtime_error(prefix_ + "Missing/expired event loop");
     }
-    reconnect_timer_->set_handler([this] { reconnect(); });
-    last_task_.emplace_back([this] {
-        release_bus();
-        uloop::get_instance().exit();
-    });
+    app_side_.set_timer_handler();
     start_loop_thread();
 }
 
 void client_impl::start_loop_thread() {
     uloop& loop = uloop::get_instance();
+    // The application may run the loop itself; that ends, and this thread's run comes after it.
+    const bool called_inside = loop.runs_here();
     loop.exit();
+    loop.set_source([this] { loop_side_.run_batch(); });
+    const auto started = std::make_shared<std::promise<void>>();
+    {
+        const signals_blocked inherited;
+        loop_thread_ = std::thread([this, &loop, started] {
+            is_loop_thread = true;
+            loop.run_after_others([&started] { started->set_value(); });
+            loop_ended_.set_value();
+        });
+    }
     // The loop saves, lets libubox change, and puts back the process's signal dispositions while
     // it starts. The caller may want to install its own right after get_instance(), so that must
-    // be over by then.
-    const auto started = std::make_shared<std::promise<void>>();
-    loop.post([started] { started->set_value(); });
-    const signals_blocked inherited;
-    loop_thread_ = std::thread([this, &loop] {
-        loop.run();
-        loop_ended_.set_value();
-    });
-    started->get_future().wait();
+    // be over by then. A task of the run that is to end cannot wait for that.
+    if (!called_inside) {
+        started->get_future().wait();
+    }
+}
+
+void client_impl::end_loop() {
+    loop_side_.release_bus();
+    uloop::get_instance().exit();
 }
 
 void client_impl::stop() noexcept {
@@ -102,64 +112,19 @@ void client_impl::stop() noexcept {
         // been copied while held.
         return;
     }
-    // In this order: a cancel() on another thread makes no new life token once it sees the flag.
-    {
-        const std::lock_guard<std::mutex> guard(delivery_lock_);
-        stopped_ = true;
-    }
-    {
-        std::shared_ptr<void> life;
-        const std::lock_guard<std::mutex> guard(state_lock_);
-        life.swap(life_token_);
-    }
+    bridge_.close();
     auto ended = loop_ended_.get_future();
-    uloop::get_instance().post_ready(std::move(last_task_));
+    bridge_.post_last(last_task_);
     if (ended.wait_for(end_limit) != std::future_status::ready) {
         loop_thread_.detach();
         return;
     }
     loop_thread_.join();
-    state_ = state::disconnected;
-
     // What the application left pending goes unheard; its captures are destroyed here, outside
     // every lock.
-    state_signal changed;
-    std::shared_ptr<void> connection;
-    std::shared_ptr<utils::event_loop::timer> timer;
-    std::shared_ptr<const backoff_function> backoff;
-    {
-        const std::lock_guard<std::mutex> guard(state_lock_);
-        std::swap(changed, state_changed_);
-        connection.swap(connection_token_);
-        teardown_.clear();
-        timer.swap(reconnect_timer_);
-        if (reconnection_) {
-            backoff.swap(reconnection_->backoff);
-            reconnection_.reset();
-        }
-    }
-    std::list<std::function<void()>> tasks;
-    {
-        const std::lock_guard<std::mutex> guard(task_lock_);
-        tasks.swap(task_queue_);
-    }
-    while (invokes_.take_any()) {}
-    objects_.take_all();
-    for (auto* handlers : {&connect_handlers_, &disconnect_handlers_, &add_handlers_,
-                           &del_handlers_, &send_handlers_}) {
-        while (handlers->take_oldest()) {}
-    }
-    requests_.take_all();
-    ubus_objects_.clear();
-    retired_objects_.clear();
-}
-
-std::shared_ptr<utils::event_loop> client_impl::get_eloop() const {
-    auto loop = loop_.lock();
-    if (!loop) {
-        throw std::runtime_error(prefix_ + "No event loop");
-    }
-    return loop;
+    app_side_.drop_all();
+    bridge_.drop_tasks();
+    loop_side_.drop_all();
 }
 
 } // namespace tarn

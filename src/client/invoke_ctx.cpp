@@ -1,80 +1,46 @@
-/// The table of pending invocations.
+/// The steps of an outgoing call.
 #include "client/invoke_ctx.h"
+
+#include "client/app_side.h"
+#include "client/loop_side.h"
 
 namespace tarn {
 
-invoke_ctx::invoke_ctx(invoke_ctx&& other) noexcept
-    : status(other.status)
-    , replies(std::move(other.replies))
-    , request(std::move(other.request))
-    , handler(std::move(other.handler))
-    , timer(std::move(other.timer))
-    , each(std::move(other.each)) {
-    // A moved-from std::function need not be empty; this one must not keep what it captured.
-    other.handler = nullptr;
+invoke_ctx::invoke_ctx(app_side& app, loop_side& loop, const std::string& called_path,
+                       const std::string& called_method,
+                       const std::multimap<std::string, blob::attr>& call_args,
+                       const client::result_handler& result_handler,
+                       const std::shared_ptr<const client::reply_handler>& reply_handler)
+    : handler(result_handler)
+    , each(reply_handler)
+    , path(called_path)
+    , method(called_method)
+    , args(call_args)
+    , app_(app)
+    , loop_(loop) {}
+
+void invoke_ctx::release() {
+    app_.cancel_invoke(*this);
 }
 
-void invoke_table::insert(const std::shared_ptr<invoke_ctx>& ctx) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    invokes_.emplace(ctx->request.get(), ctx);
+void invoke_ctx::begin() {
+    loop_.invoke_sync(shared_from_this());
 }
 
-void invoke_table::set_timer(key request, const std::weak_ptr<invoke_ctx>& ctx,
-                             const std::shared_ptr<utils::event_loop::timer>& timer) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    if (ctx.expired()) {
-        return;
-    }
-    const auto entry = invokes_.find(request);
-    if (entry != invokes_.end()) {
-        entry->second->timer = timer;
-    }
+void invoke_ctx::abort() {
+    loop_.abort_sync(*this);
 }
 
-std::shared_ptr<const client::reply_handler>
-invoke_table::add_reply(key request, std::list<blob::attr>& reply, const std::error_code& status) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    const auto entry = invokes_.find(request);
-    if (entry == invokes_.end()) {
-        return nullptr;
-    }
-    invoke_ctx& ctx = *entry->second;
-    if (!ctx.status) {
-        ctx.status = status;
-    }
-    if (!ctx.each) {
-        ctx.replies.splice(ctx.replies.end(), reply);
-    }
-    return ctx.each;
+void invoke_ctx::complete() {
+    app_.complete_invoke(*this);
 }
 
-std::optional<invoke_ctx> invoke_table::take(key request) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    return take_locked(request);
+void invoke_ctx::complete_unheard() noexcept {
+    app_.drop_invoke(*this);
 }
 
-std::optional<invoke_ctx> invoke_table::take(key request, const std::weak_ptr<invoke_ctx>& ctx) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    // Contexts end under the lock only, so one that is still alive here is still in the table.
-    if (ctx.expired()) {
-        return std::nullopt;
-    }
-    return take_locked(request);
-}
-
-std::optional<invoke_ctx> invoke_table::take_locked(key request) {
-    const auto entry = invokes_.find(request);
-    if (entry == invokes_.end()) {
-        return std::nullopt;
-    }
-    std::optional<invoke_ctx> taken(std::move(*entry->second));
-    invokes_.erase(entry);
-    return taken;
-}
-
-std::optional<invoke_ctx> invoke_table::take_any() {
-    const std::lock_guard<std::mutex> guard(lock_);
-    return invokes_.empty() ? std::nullopt : take_locked(invokes_.begin()->first);
+void reply_task::run() {
+    app_.tell_reply(*call_, reply);
 }
 
 } // namespace tarn

@@ -1,65 +1,59 @@
-/// The table of published objects.
+/// The records of published objects.
 #include "client/object_ctx.h"
 
+#include "blob/policy.h"
+#include "client/served_call.h"
+
 #include <algorithm>
-#include <utility>
 
 namespace tarn {
 
-std::shared_ptr<object_ctx> object_table::find_by_name(const std::string& name) const {
-    const auto found = std::find_if(objects_.begin(), objects_.end(), [&name](const auto& entry) {
-        return entry.second->name == name && !entry.second->removing;
-    });
-    return found == objects_.end() ? nullptr : found->second;
-}
-
-bool object_table::insert(const std::shared_ptr<object_ctx>& object) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    if (find_by_name(object->name)) {
-        return false;
-    }
-    objects_.emplace(&object->ubus_ctx->object, object);
-    return true;
-}
-
-std::shared_ptr<object_ctx> object_table::begin_removal(const std::string& name,
-                                                        bool stop_serving) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    auto object = find_by_name(name);
-    if (object) {
-        object->active = !stop_serving;
-        object->removing = true;
-    }
-    return object;
-}
-
-std::shared_ptr<object_ctx> object_table::find_active(key object) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    const auto found = objects_.find(object);
-    return found != objects_.end() && found->second->active ? found->second : nullptr;
-}
-
-void object_table::deactivate_all() {
-    const std::lock_guard<std::mutex> guard(lock_);
-    for (auto& entry : objects_) {
-        entry.second->active = false;
+object_ctx::object_ctx(const std::string& object_name, const client::method_map& methods)
+    : name(object_name)
+    , ubus_ctx(std::make_shared<ubus_object_ctx>()) {
+    ubus_ctx->name = name;
+    for (const auto& [method, description] : methods) {
+        handlers.emplace(method, description.first);
+        ubus_ctx->method_policies.emplace(method, description.second);
     }
 }
 
-std::shared_ptr<object_ctx> object_table::take(key object) {
-    const std::lock_guard<std::mutex> guard(lock_);
-    const auto found = objects_.find(object);
-    if (found == objects_.end()) {
-        return nullptr;
+void ubus_object_ctx::build(ubus_handler_t handler) {
+    methods.clear();
+    policies.clear();
+    methods.reserve(method_policies.size());
+    for (const auto& [method_name, policy] : method_policies) {
+        ubus_method method{};
+        method.name = method_name.c_str();
+        method.handler = handler;
+        if (!policy.empty()) {
+            auto& fields = policies.emplace_back(blob::detail::policy_records(policy));
+            method.policy = fields.data();
+            method.n_policy = static_cast<int>(fields.size());
+        }
+        methods.push_back(method);
     }
-    auto taken = std::move(found->second);
-    objects_.erase(found);
-    return taken;
+    type = {};
+    type.name = name.c_str();
+    type.methods = methods.data();
+    type.n_methods = static_cast<int>(methods.size());
+    object = {};
+    object.name = name.c_str();
+    object.type = &type;
+    object.methods = methods.data();
+    object.n_methods = static_cast<int>(methods.size());
 }
 
-std::map<object_table::key, std::shared_ptr<object_ctx>> object_table::take_all() {
-    const std::lock_guard<std::mutex> guard(lock_);
-    return std::exchange(objects_, {});
+void ubus_object_ctx::note_call(const std::shared_ptr<served_call>& call) {
+    if (calls.size() >= tidy_calls_at) {
+        const auto settled = [](const std::weak_ptr<served_call>& listed) {
+            const auto alive = listed.lock();
+            return !alive || alive->settled;
+        };
+        calls.erase(std::remove_if(calls.begin(), calls.end(), settled), calls.end());
+        tidy_calls_at = std::max<std::size_t>(64, 2 * calls.size());
+    }
+    calls.push_back(call);
 }
 
 } // namespace tarn

@@ -1,13 +1,14 @@
 /// The requests that libubus is working on.
 #include "client/request_table.h"
 
+#include <type_traits>
 #include <utility>
 
 namespace tarn {
 
 namespace {
 
-constexpr std::size_t numbers_per_object = 65536;
+constexpr int numbers_per_object = 65536;
 
 std::uint64_t in_object(std::uint32_t peer, std::uint16_t number) {
     return (std::uint64_t{peer} << 16U) | number;
@@ -15,52 +16,65 @@ std::uint64_t in_object(std::uint32_t peer, std::uint16_t number) {
 
 } // namespace
 
-bool request_table::insert(ubus_context& bus, std::uint32_t peer, const record& request) {
-    const auto pending = pending_.try_emplace(peer, 0).first;
-    if (pending->second == numbers_per_object) {
-        return false;
+bus_request::bus_request() noexcept {
+    static_assert(std::is_standard_layout_v<record>, "a record is found by its first member");
+    record_.whole = this;
+}
+
+bus_request& bus_request::of(ubus_request& native) noexcept {
+    return *reinterpret_cast<record&>(native).whole;
+}
+
+request_table::~request_table() {
+    while (take_oldest()) {}
+}
+
+bool request_table::in_use(std::uint64_t number) noexcept {
+    const bus_request* entry = bucket(number);
+    while (entry && entry->number_ != number) {
+        entry = entry->next_of_bucket_;
     }
+    return entry != nullptr;
+}
+
+bool request_table::insert(ubus_context& bus, std::uint32_t peer, const record& request) noexcept {
     const auto next = [&bus, peer] {
         return in_object(peer, static_cast<std::uint16_t>(bus.request_seq + 1));
     };
-    while (numbers_.count(next()) != 0) {
-        ++bus.request_seq;
+    for (int tried = 0; in_use(next()); ++bus.request_seq) {
+        if (++tried == numbers_per_object) {
+            return false;
+        }
     }
-    const auto number = numbers_.insert(next()).first;
-    try {
-        requests_.emplace(request.get(), entry{request, *number});
-    } catch (...) {
-        numbers_.erase(number);
-        throw;
-    }
-    ++pending->second;
+    request->number_ = next();
+    request->next_of_bucket_ = std::exchange(bucket(request->number_), request.get());
+    request->older_ = std::exchange(newest_, request.get());
+    request->newer_ = nullptr;
+    (request->older_ ? request->older_->newer_ : oldest_) = request.get();
+    request->kept_ = request;
     return true;
 }
 
-request_table::record request_table::find(ubus_request* request) const {
-    const auto found = requests_.find(request);
-    return found == requests_.end() ? nullptr : found->second.request;
+request_table::record request_table::find(ubus_request& native) noexcept {
+    return bus_request::of(native).kept_;
 }
 
-bool request_table::erase(ubus_request* request) {
-    const auto found = requests_.find(request);
-    if (found == requests_.end()) {
-        return false;
+request_table::record request_table::erase(bus_request& request) noexcept {
+    if (!request.kept_) {
+        return nullptr;
     }
-    const std::uint64_t number = found->second.number;
-    requests_.erase(found);
-    numbers_.erase(number);
-    const auto pending = pending_.find(static_cast<std::uint32_t>(number >> 16U));
-    if (--pending->second == 0) {
-        pending_.erase(pending);
+    bus_request** link = &bucket(request.number_);
+    while (*link != &request) {
+        link = &(*link)->next_of_bucket_;
     }
-    return true;
+    *link = request.next_of_bucket_;
+    (request.older_ ? request.older_->newer_ : oldest_) = request.newer_;
+    (request.newer_ ? request.newer_->older_ : newest_) = request.older_;
+    return std::move(request.kept_);
 }
 
-request_table::entries request_table::take_all() {
-    numbers_.clear();
-    pending_.clear();
-    return std::exchange(requests_, {});
+request_table::record request_table::take_oldest() noexcept {
+    return oldest_ ? erase(*oldest_) : nullptr;
 }
 
 } // namespace tarn

@@ -3,49 +3,85 @@
 
 #include "bus.h"
 
+#include <array>
 #include <cstdint>
-#include <map>
 #include <memory>
-#include <set>
-#include <unordered_map>
 
 namespace tarn {
 
-/// Keeps the records of requests alive while libubus works on them, and their numbers apart.
+/// A request as libubus sees it, and its place in the table.
+class bus_request {
+public:
+    bus_request() noexcept;
+    bus_request(const bus_request&) = delete;
+    bus_request& operator=(const bus_request&) = delete;
+
+    ubus_request& native() noexcept { return record_.native; }
+    /// The request of a record that is part of one.
+    static bus_request& of(ubus_request& native) noexcept;
+
+protected:
+    ~bus_request() = default;
+
+private:
+    friend class request_table;
+
+    /// Found by the address of its first member, which is what libubus hands back.
+    struct record {
+        ubus_request native;
+        bus_request* whole;
+    };
+
+    record record_{};
+    std::uint64_t number_ = 0;          ///< the object's id in front of the request's number
+    std::shared_ptr<bus_request> kept_; ///< while it is in the table
+    bus_request* older_ = nullptr;
+    bus_request* newer_ = nullptr;
+    bus_request* next_of_bucket_ = nullptr;
+};
+
+/// Keeps requests alive while libubus works on them, and their numbers apart.
 ///
 /// libubus tells answers apart by the object called and a 16-bit number that it counts up. Calls
 /// may be pending for as long as they like, so the count comes round to numbers that are still
 /// waited for, and an answer would reach the wrong call. So numbers in use are skipped here.
 ///
-/// The loop thread only.
+/// The loop thread only. Nothing here allocates.
 class request_table {
 public:
-    using record = std::shared_ptr<ubus_request>;
-    struct entry {
-        record request;
-        std::uint64_t number; ///< the object's id in front of the request's number
-    };
-    using entries = std::map<ubus_request*, entry>;
+    using record = std::shared_ptr<bus_request>;
+
+    request_table() = default;
+    request_table(const request_table&) = delete;
+    request_table& operator=(const request_table&) = delete;
+    ~request_table();
 
     /// Lists `request`, which is about to be started with object `peer`, and sees to it that the
-    /// next number is free there. False when all are taken: nothing is listed. Throws
-    /// std::bad_alloc; nothing is listed then.
-    bool insert(ubus_context& bus, std::uint32_t peer, const record& request);
+    /// next number is free there. False when all are taken: nothing is listed.
+    bool insert(ubus_context& bus, std::uint32_t peer, const record& request) noexcept;
 
-    /// The record of a request that is listed, else null.
-    record find(ubus_request* request) const;
+    /// The request of `native` if it is listed, else null.
+    static record find(ubus_request& native) noexcept;
 
-    /// Takes a request off the list. False if it was not there.
-    bool erase(ubus_request* request);
+    /// Takes a request off the list. Null if it was not there.
+    record erase(bus_request& request) noexcept;
 
-    /// Takes all off the list. Allocates nothing.
-    entries take_all();
+    /// Takes the oldest off the list; null when there is none left.
+    record take_oldest() noexcept;
 
 private:
-    entries requests_;
-    /// Those in use. Ordered, since a hash table would keep its room after a burst of calls.
-    std::set<std::uint64_t> numbers_;
-    std::unordered_map<std::uint32_t, std::size_t> pending_; ///< requests per object
+    /// Numbers follow one another, so the buckets fill evenly. Their number is fixed, since a table
+    /// that grows would keep its room after a burst of calls.
+    using buckets = std::array<bus_request*, 1024>;
+
+    bus_request*& bucket(std::uint64_t number) noexcept {
+        return by_number_[number % by_number_.size()];
+    }
+    bool in_use(std::uint64_t number) noexcept;
+
+    buckets by_number_{};
+    bus_request* oldest_ = nullptr;
+    bus_request* newest_ = nullptr;
 };
 
 } // namespace tarn

@@ -97,22 +97,70 @@ void uloop::post(std::function<void()>&& task) {
     if (!task) {
         return;
     }
-    const std::lock_guard<std::recursive_mutex> guard(lock_);
-    // Before the task is there: whether the loop must be woken is read off the queue.
-    notify();
-    queue_.push_back(std::move(task));
+    task_list queued;
+    queued.emplace_back().swap(task);
+    const std::function<void()>* const position = &queued.front();
+    {
+        const std::lock_guard<std::recursive_mutex> guard(lock_);
+        const bool silent = !needs_wakeup();
+        queue_.splice(queue_.end(), queued);
+        if (silent) {
+            return;
+        }
+    }
+    try {
+        wake_up(position, queued);
+    } catch (...) {
+        if (!queued.empty()) {
+            task.swap(queued.front()); // it stays the caller's
+        }
+        throw;
+    }
 }
 
-void uloop::post_ready(ready_task&& task) {
+void uloop::set_source(std::function<void()>&& source) {
+    task_list made;
+    made.push_back(std::move(source));
     const std::lock_guard<std::recursive_mutex> guard(lock_);
-    notify();
-    queue_.splice(queue_.end(), task);
+    source_.swap(made);
+}
+
+void uloop::post_source() {
+    const std::function<void()>* position = nullptr;
+    {
+        const std::lock_guard<std::recursive_mutex> guard(lock_);
+        if (source_.empty()) {
+            return; // queued already
+        }
+        const bool silent = !needs_wakeup();
+        queued_source_ = &source_.front();
+        position = queued_source_;
+        queue_.splice(queue_.end(), source_);
+        if (silent) {
+            return;
+        }
+    }
+    task_list refused;
+    wake_up(position, refused);
+}
+
+/// With the lock held, before a task is queued: whether the loop runs and has not been woken yet
+/// for what is there.
+bool uloop::needs_wakeup() const noexcept {
+    return (queue_.empty() || wakeup_failed_) && !exiting_ && running_;
 }
 
 void uloop::notify() {
     const std::lock_guard<std::recursive_mutex> guard(lock_);
-    if (!queue_.empty() || exiting_ || !running_) {
-        return; // woken already, or nobody listens
+    if (needs_wakeup()) {
+        write_wakeup();
+    }
+}
+
+void uloop::write_wakeup() {
+    const std::lock_guard<std::mutex> guard(wakeup_lock_);
+    if (wakeup_[0] < 0) {
+        return; // the run has ended meanwhile
     }
     const char wakeup = 1;
     while (::write(wakeup_[0], &wakeup, sizeof wakeup) < 0) {
@@ -120,6 +168,30 @@ void uloop::notify() {
             throw system_failure(prefix_ + "Can't notify uloop: Can't write into socketpair ",
                                  ": ");
         }
+    }
+}
+
+/// Wakes the loop for `task`. If that fails the task goes from the queue to `refused`, the source
+/// to its place, and the exception passes on. Without the lock, which the thread that wakes up
+/// takes first.
+void uloop::wake_up(const std::function<void()>* task, task_list& refused) {
+    try {
+        write_wakeup();
+        return;
+    } catch (...) {
+        const std::lock_guard<std::recursive_mutex> guard(lock_);
+        for (auto entry = queue_.cbegin(); entry != queue_.cend(); ++entry) {
+            if (&*entry == task) {
+                task_list& home = task == queued_source_ ? source_ : refused;
+                home.splice(home.end(), queue_, entry);
+                break;
+            }
+        }
+        if (!source_.empty()) {
+            queued_source_ = nullptr;
+        }
+        wakeup_failed_ = !queue_.empty();
+        throw;
     }
 }
 
@@ -132,7 +204,7 @@ void uloop::exit() {
 }
 
 void uloop::process(bool drain_wakeup) {
-    std::list<std::function<void()>> batch;
+    task_list batch;
     {
         const std::lock_guard<std::recursive_mutex> guard(lock_);
         if (exiting_) {
@@ -140,19 +212,43 @@ void uloop::process(bool drain_wakeup) {
             return;
         }
         batch.swap(queue_);
+        wakeup_failed_ = false;
         // In the same locked step as the swap: a task posted after it finds the queue empty and
         // writes a byte of its own.
         char wakeup = 0;
         while (drain_wakeup && ::read(wakeup_[1], &wakeup, sizeof wakeup) < 0) {
             if (errno != EINTR) {
+                drop_queue(batch); // the source goes back to the queue
                 throw system_failure(
                     prefix_ + "Can't clean uloop notify buffer: Can't read from socketpair ", ": ");
             }
         }
     }
+    try {
+        run_batch(batch);
+    } catch (...) {
+        const std::lock_guard<std::recursive_mutex> guard(lock_);
+        drop_queue(batch);
+        throw;
+    }
+}
+
+void uloop::run_batch(task_list& batch) {
+    task_list running;
     while (!batch.empty()) {
-        const std::function<void()> task = std::move(batch.front());
-        batch.pop_front();
+        running.splice(running.end(), batch, batch.begin());
+        const std::function<void()>& task = running.front();
+        if (&task != queued_source_) {
+            task();
+            running.clear();
+            continue;
+        }
+        {
+            // Before it runs: what is posted from now on queues it again.
+            const std::lock_guard<std::recursive_mutex> guard(lock_);
+            queued_source_ = nullptr;
+            source_.splice(source_.end(), running);
+        }
         task();
     }
 }
@@ -170,14 +266,35 @@ void uloop::exception_handler() noexcept {
 
 void uloop::run() {
     open_wakeup();
+    run_opened([] {});
+}
+
+void uloop::run_after_others(const std::function<void()>& started) {
+    {
+        std::unique_lock<std::recursive_mutex> guard(lock_);
+        while (running_ || exiting_) {
+            exit();
+            ended_.wait(guard);
+        }
+        open_wakeup();
+    }
+    run_opened(started);
+}
+
+bool uloop::runs_here() {
+    const std::lock_guard<std::recursive_mutex> guard(lock_);
+    return running_ && runner_ == std::this_thread::get_id();
+}
+
+void uloop::run_opened(const std::function<void()>& started) {
     try {
-        run_libubox();
+        run_libubox(started);
     } catch (...) {
         close_wakeup();
         throw;
     }
 
-    std::list<std::function<void()>> dropped; // destroyed outside the lock
+    task_list dropped; // destroyed outside the lock
     std::exception_ptr failure;
     bool asked_to_exit = false;
     {
@@ -185,6 +302,7 @@ void uloop::run() {
         asked_to_exit = exiting_;
         close_wakeup();
         dropped.swap(queue_);
+        drop_queue(dropped);
         std::swap(failure, pending_exception_);
     }
     if (failure) {
@@ -192,6 +310,16 @@ void uloop::run() {
     }
     if (!asked_to_exit) {
         throw std::runtime_error(prefix_ + "Unexptected uloop exit");
+    }
+}
+
+/// With the lock held: keeps the source, which is not dropped with the others, in the queue.
+void uloop::drop_queue(task_list& dropped) noexcept {
+    for (auto entry = dropped.begin(); entry != dropped.end(); ++entry) {
+        if (&*entry == queued_source_) {
+            queue_.splice(queue_.begin(), dropped, entry);
+            return;
+        }
     }
 }
 
@@ -206,6 +334,7 @@ void uloop::open_wakeup() {
         throw system_failure(prefix_ + "Can't create socketpair for post ", "");
     }
     running_ = true;
+    runner_ = std::this_thread::get_id();
     owner_ = ::getpid();
 }
 
@@ -213,11 +342,18 @@ void uloop::close_wakeup() noexcept {
     const std::lock_guard<std::recursive_mutex> guard(lock_);
     running_ = false;
     exiting_ = false;
-    ::close(wakeup_[0]);
-    ::close(wakeup_[1]);
+    wakeup_failed_ = false;
+    {
+        const std::lock_guard<std::mutex> writing(wakeup_lock_);
+        ::close(wakeup_[0]);
+        ::close(wakeup_[1]);
+        wakeup_[0] = -1;
+        wakeup_[1] = -1;
+    }
+    ended_.notify_all();
 }
 
-void uloop::run_libubox() {
+void uloop::run_libubox(const std::function<void()>& started) {
     misc::unix_signal_actions signals;
     signals.set(SIGINT, SIGTERM, SIGCHLD, SIGPIPE);
     const libubox_loop loop;
@@ -230,8 +366,9 @@ void uloop::run_libubox() {
         throw system_failure(prefix_ + "Can't add fd to uloop ", ":");
     }
 
-    // What was posted before the loop was there has no wake-up byte.
     uloop_cancelled = false;
+    started();
+    // What was posted before the loop was there has no wake-up byte.
     process_guarded(false);
     // uloop_run() forgets an earlier cancellation, so after one it must not be entered: exit() may
     // have come while tasks were queued, and then no byte is there to end it.
@@ -245,9 +382,10 @@ void uloop::drop_tasks() noexcept {
         // A forked child: the tasks are the parent's, and the lock may have been copied while held.
         return;
     }
-    std::list<std::function<void()>> dropped; // destroyed outside the lock
+    task_list dropped; // destroyed outside the lock
     const std::lock_guard<std::recursive_mutex> guard(lock_);
     dropped.swap(queue_);
+    drop_queue(dropped);
 }
 
 } // namespace tarn

@@ -20,6 +20,7 @@ protected:
         return instance;
     }
     static client_impl& bus() { return client_impl::get_instance(loop()); }
+    static task_bridge& bridge() { return bus().bridge_; }
 
     std::vector<int> ran_;
     std::function<void()> record(int n) {
@@ -27,25 +28,38 @@ protected:
             ran_.push_back(n);
         };
     }
+
+    static void post_from_uloop(const std::function<void()>& work) {
+        const auto posted = make_task(work);
+        bridge().post_from_uloop(*posted, posted);
+    }
+    static void post_to_uloop(const std::function<void()>& work) {
+        const auto posted = make_task(work);
+        bridge().post_to_uloop(*posted, posted);
+    }
+    static void schedule_task(std::function<void()> work) {
+        const auto posted = make_task(std::move(work));
+        bridge().schedule_task(*posted, posted);
+    }
 };
 
 TEST_F(Dispatch, AFreshClientDeliversNothingBeforeTheApplicationsFirstRequest) {
     bus();
-    on_loop_thread([&] { bus().post_from_uloop(record(1)); });
+    on_loop_thread([&] { post_from_uloop(record(1)); });
     EXPECT_EQ(loop()->post_count(), 0U);
-    bus().post_to_uloop([] {});
+    post_to_uloop([] {});
     EXPECT_EQ(loop()->post_count(), 1U);
     loop()->drain();
     EXPECT_THAT(ran_, ElementsAre(1));
 }
 
 TEST_F(Dispatch, TwoResultsInARowCostOneDrainAndRunInOrderInIt) {
-    bus().post_to_uloop([] {});
+    post_to_uloop([] {});
     loop()->drain();
     const auto before = loop()->post_count();
     on_loop_thread([&] {
-        bus().post_from_uloop(record(1));
-        bus().post_from_uloop(record(2));
+        post_from_uloop(record(1));
+        post_from_uloop(record(2));
     });
     EXPECT_EQ(loop()->post_count(), before + 1);
     EXPECT_TRUE(loop()->run_one());
@@ -54,30 +68,30 @@ TEST_F(Dispatch, TwoResultsInARowCostOneDrainAndRunInOrderInIt) {
 }
 
 TEST_F(Dispatch, ATaskHandedOverBeforeCancelDoesNothingAfterIt) {
-    bus().post(record(1));
+    bridge().post(record(1));
     bus().cancel();
     loop()->drain();
     EXPECT_TRUE(ran_.empty());
-    bus().post(record(2));
+    bridge().post(record(2));
     loop()->drain();
     EXPECT_THAT(ran_, ElementsAre(2));
 }
 
 TEST_F(Dispatch, CancelRunsWhatIsQueuedAtOnce) {
     bus();
-    on_loop_thread([&] { bus().post_from_uloop(record(1)); });
+    on_loop_thread([&] { post_from_uloop(record(1)); });
     bus().cancel();
     EXPECT_THAT(ran_, ElementsAre(1));
 }
 
 TEST_F(Dispatch, AScheduledTaskOnAnEmptyQueueAlwaysRequestsADrain) {
-    bus().schedule_task(record(1));
+    schedule_task(record(1));
     EXPECT_EQ(loop()->post_count(), 1U) << "although delivery still waits";
     loop()->drain();
-    bus().post_to_uloop([] {});
+    post_to_uloop([] {});
     loop()->drain();
     const auto before = loop()->post_count();
-    bus().schedule_task(record(2));
+    schedule_task(record(2));
     EXPECT_EQ(loop()->post_count(), before + 1);
     loop()->drain();
     EXPECT_THAT(ran_, ElementsAre(1, 2));
@@ -85,18 +99,18 @@ TEST_F(Dispatch, AScheduledTaskOnAnEmptyQueueAlwaysRequestsADrain) {
 
 TEST_F(Dispatch, AScheduledTaskBehindResultsThatWaitForDeliveryIsNotStuckWithThem) {
     bus();
-    on_loop_thread([&] { bus().post_from_uloop(record(1)); });
-    bus().schedule_task(record(2));
+    on_loop_thread([&] { post_from_uloop(record(1)); });
+    schedule_task(record(2));
     loop()->drain();
     EXPECT_THAT(ran_, ElementsAre(1, 2));
 }
 
 TEST_F(Dispatch, ATaskQueuedWhileADrainRunsWaitsForTheNext) {
-    bus().schedule_task([this] {
+    schedule_task([this] {
         ran_.push_back(1);
-        bus().schedule_task(record(3));
+        schedule_task(record(3));
     });
-    bus().schedule_task(record(2));
+    schedule_task(record(2));
     EXPECT_TRUE(loop()->run_one());
     EXPECT_THAT(ran_, ElementsAre(1, 2));
     EXPECT_TRUE(loop()->run_one());
@@ -104,12 +118,12 @@ TEST_F(Dispatch, ATaskQueuedWhileADrainRunsWaitsForTheNext) {
 }
 
 TEST_F(Dispatch, AnExceptionLeavesTheDrainAndDropsTheRestOfItsBatch) {
-    bus().schedule_task([] { throw std::runtime_error("a handler's"); });
-    bus().schedule_task(record(1));
+    schedule_task([] { throw std::runtime_error("a handler's"); });
+    schedule_task(record(1));
     EXPECT_THROW(loop()->drain(), std::runtime_error);
     loop()->drain();
     EXPECT_TRUE(ran_.empty());
-    bus().schedule_task(record(2));
+    schedule_task(record(2));
     loop()->drain();
     EXPECT_THAT(ran_, ElementsAre(2));
 }
@@ -118,21 +132,21 @@ TEST_F(Dispatch, EachTaskIsDestroyedBeforeTheNextOneRuns) {
     auto held = std::make_shared<int>(0);
     const std::weak_ptr<int> watched = held;
     bool gone = false;
-    bus().schedule_task([held = std::move(held)] {});
-    bus().schedule_task([&] { gone = watched.expired(); });
+    schedule_task([held = std::move(held)] {});
+    schedule_task([&] { gone = watched.expired(); });
     loop()->drain();
     EXPECT_TRUE(gone);
 }
 
-TEST_F(Dispatch, TheTrackerIsEmptyWhileCancelRunsAndFreshAfterwards) {
-    const auto before = bus().get_tracker();
-    EXPECT_FALSE(before.expired());
-    bool empty_during = false;
-    bus().schedule_task([&] { empty_during = bus().get_tracker().expired(); });
+TEST_F(Dispatch, ThereIsNoLifeWhileCancelRunsAndAnotherOneAfterwards) {
+    const life_id before = bridge().life();
+    EXPECT_NE(before, life_id::none);
+    life_id during = before;
+    schedule_task([&] { during = bridge().life(); });
     bus().cancel();
-    EXPECT_TRUE(empty_during);
-    EXPECT_TRUE(before.expired());
-    EXPECT_FALSE(bus().get_tracker().expired());
+    EXPECT_EQ(during, life_id::none);
+    EXPECT_NE(bridge().life(), life_id::none);
+    EXPECT_NE(bridge().life(), before);
 }
 
 } // namespace

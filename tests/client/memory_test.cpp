@@ -145,7 +145,7 @@ TEST_F(Memory, DelObjectThrowsAndHasNotBegun) {
     outcome removed;
     const auto handler = removed.handler();
     const auto failed = fail_each_here([&] { bus().del_object("own", true, handler); });
-    EXPECT_GT(failed, 5U);
+    EXPECT_GE(failed, 2U);
     run_until([&] { return removed.reported(); });
     EXPECT_FALSE(removed.code()) << "it was still there for the one that did not throw";
     loop()->drain();
@@ -156,7 +156,7 @@ TEST_F(Memory, WhatIsReportedLaterThrowsAndIsNotReportedThen) {
     outcome removed;
     const auto handler = removed.handler();
     const auto failed = fail_each_here([&] { bus().del_object("nothing", true, handler); });
-    EXPECT_GT(failed, 5U);
+    EXPECT_GE(failed, 2U);
     run_until([&] { return removed.reported(); });
     EXPECT_EQ(removed.code(), msg::not_found);
     loop()->drain();
@@ -283,7 +283,7 @@ TEST_F(Memory, TellingTheOutcomeOfAConnectionNeedsNone) {
     EXPECT_FALSE(connected.code());
 }
 
-TEST_F(Memory, AnOutcomeHeldUpWhileSubscribersCannotBeToldIsToldByCancel) {
+TEST_F(Memory, AnOutcomeIsToldWhetherOrNotTheSubscribersCanBe) {
     const utils::scoped_link subscriber = bus().notify_on_state_change([](client::state) {});
     bus().disconnect({});
     run_until_state(client::state::disconnected);
@@ -292,11 +292,11 @@ TEST_F(Memory, AnOutcomeHeldUpWhileSubscribersCannotBeToldIsToldByCancel) {
         bus().connect(connected.handler());
         on_loop_thread([] {}); // connected by now
         const bool happened = drain_with_failure(nth);
-        EXPECT_EQ(bus().get_state(), client::state::connected);
-        EXPECT_EQ(connected.count(), happened ? 0U : 1U);
-        bus().cancel();
+        ASSERT_EQ(bus().get_state(), client::state::connected);
         ASSERT_EQ(connected.count(), 1U) << "at allocation " << nth;
-        ASSERT_EQ(connected.code() == make_error_code(error::generic::aborted), happened);
+        ASSERT_FALSE(connected.code());
+        bus().cancel();
+        ASSERT_EQ(connected.count(), 1U);
         ASSERT_EQ(bus().get_state(), client::state::disconnected);
         if (!happened) {
             EXPECT_GT(report(nth - 1), 1U);
@@ -338,7 +338,7 @@ TEST_F(Memory, AutomaticReconnectionGoesOnAfterAnAttemptThatCouldNotBeginForWant
         happened = failure.happened();
         ASSERT_LT(nth, 100U);
     }
-    EXPECT_GT(report(nth - 2), 5U);
+    EXPECT_GE(report(nth - 2), 1U);
     EXPECT_TRUE(on.active());
     daemon_.start();
     for (int attempts = 0; bus().get_state() != client::state::connected; ++attempts) {
@@ -420,7 +420,7 @@ TEST_F(Memory, ACancelThatRunsOutOfMemoryMayBeRepeated) {
             break;
         }
     }
-    EXPECT_GT(report(failed), 2U);
+    EXPECT_GE(report(failed), 1U);
 }
 
 } // namespace

@@ -1,12 +1,11 @@
 /// What comes before what: the outcomes of one event in the order in which they are told.
 #include "client/client_fixture.h"
 
+#include "support/held_loop_thread.h"
 #include "tarn/error.h"
-#include "tarn/uloop.h"
 
 #include <gmock/gmock.h>
 
-#include <future>
 #include <string>
 
 namespace tarn::test {
@@ -46,25 +45,6 @@ public:
 
 private:
     std::vector<std::string> seen_;
-};
-
-/// Holds the private thread while it lives.
-class held_loop_thread {
-public:
-    held_loop_thread() {
-        std::promise<void> reached;
-        uloop::get_instance().post([&reached, over = over_.get_future().share()] {
-            reached.set_value();
-            over.wait();
-        });
-        reached.get_future().wait();
-    }
-    ~held_loop_thread() { over_.set_value(); }
-    held_loop_thread(const held_loop_thread&) = delete;
-    held_loop_thread& operator=(const held_loop_thread&) = delete;
-
-private:
-    std::promise<void> over_;
 };
 
 class Order : public client_on_bus_test {

@@ -10,9 +10,11 @@ namespace {
 
 class RequestTable : public ::testing::Test {
 protected:
+    struct request final : bus_request {};
+
     /// Lists a request and counts as libubus does when it starts one. Returns its number.
     int start(std::uint32_t peer) {
-        requests_.push_back(std::make_shared<ubus_request>());
+        requests_.push_back(std::make_shared<request>());
         return table_.insert(bus_, peer, requests_.back()) ? ++bus_.request_seq : -1;
     }
 
@@ -23,11 +25,11 @@ protected:
 
 TEST_F(RequestTable, FindsAndForgetsWhatWasListed) {
     start(7);
-    ubus_request* const request = requests_[0].get();
-    EXPECT_EQ(table_.find(request), requests_[0]);
-    EXPECT_TRUE(table_.erase(request));
-    EXPECT_FALSE(table_.erase(request));
-    EXPECT_EQ(table_.find(request), nullptr);
+    ubus_request& native = requests_[0]->native();
+    EXPECT_EQ(request_table::find(native), requests_[0]);
+    EXPECT_TRUE(table_.erase(*requests_[0]));
+    EXPECT_FALSE(table_.erase(*requests_[0]));
+    EXPECT_EQ(request_table::find(native), nullptr);
     EXPECT_EQ(requests_[0].use_count(), 1);
 }
 
@@ -46,7 +48,7 @@ TEST_F(RequestTable, NumbersOfDifferentObjectsDoNotCollide) {
 
 TEST_F(RequestTable, ANumberIsFreeAgainWhenItsRequestHasEnded) {
     const int first = start(7);
-    table_.erase(requests_[0].get());
+    table_.erase(*requests_[0]);
     bus_.request_seq = static_cast<std::uint16_t>(first - 1);
     EXPECT_EQ(start(7), first);
 }
@@ -61,16 +63,20 @@ TEST_F(RequestTable, AnObjectTakesAsManyRequestsAsThereAreNumbers) {
     }
     EXPECT_EQ(start(7), -1);
     EXPECT_GE(start(8), 0);
-    table_.erase(requests_[1000].get());
+    table_.erase(*requests_[1000]);
     EXPECT_GE(start(7), 0);
 }
 
-TEST_F(RequestTable, TakingAllLeavesNothingInUse) {
+TEST_F(RequestTable, TakenOldestFirstTheyLeaveNothingInUse) {
     const int first = start(7);
-    EXPECT_EQ(table_.take_all().size(), 1U);
+    const int second = start(8);
+    EXPECT_GT(second, first);
+    EXPECT_EQ(table_.take_oldest(), requests_[0]);
+    EXPECT_EQ(table_.take_oldest(), requests_[1]);
+    EXPECT_EQ(table_.take_oldest(), nullptr);
     bus_.request_seq = static_cast<std::uint16_t>(first - 1);
     EXPECT_EQ(start(7), first);
-    EXPECT_EQ(table_.find(requests_[0].get()), nullptr);
+    EXPECT_EQ(request_table::find(requests_[0]->native()), nullptr);
 }
 
 } // namespace

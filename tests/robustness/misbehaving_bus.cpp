@@ -1,6 +1,8 @@
 /// What the tests with a misbehaving bus share.
 #include "robustness/misbehaving_bus.h"
 
+#include "support/held_loop_thread.h"
+
 namespace tarn::test {
 namespace {
 
@@ -85,7 +87,10 @@ void misbehaving_bus_test::play(wire::type moment, const scripted_bus::reaction&
                                 const std::function<void()>& act) {
     ASSERT_NO_FATAL_FAILURE(set_up_round());
     scripted_.on_next(moment, react);
-    operations_.emplace(bus(), context_, published, added);
+    {
+        const held_loop_thread together; // the private thread finds them all at once
+        operations_.emplace(bus(), context_, published, added);
+    }
     outcome disconnected;
     outcome connected;
     if (how == overtaken::by_reconnection) {

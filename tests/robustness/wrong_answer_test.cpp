@@ -167,6 +167,13 @@ outcomes call_ends_with(error::msg wrong) {
     return expected;
 }
 
+/// One look-up has answered for both.
+outcomes both_calls_end_with(error::msg wrong) {
+    outcomes expected = call_ends_with(wrong);
+    expected.limited_call = wrong;
+    return expected;
+}
+
 outcomes addition_ends_with(error::msg wrong) {
     outcomes expected = outcomes::all_succeed();
     expected.addition = wrong;
@@ -216,7 +223,7 @@ INSTANTIATE_TEST_SUITE_P(
                call_ends_with(error::msg::not_found)},
         script{"LookupWithAnotherObjectsId", wire::lookup,
                instead([](const auto& request) { return answer_of(request, wire::objid(5)); }),
-               call_ends_with(error::msg::not_found)},
+               both_calls_end_with(error::msg::not_found)},
         script{"CallThatIsRefused", wire::invoke, status(3),
                call_ends_with(error::msg::method_not_found)},
         script{"CallWithTheStatusOfATimeout", wire::invoke, status(7),

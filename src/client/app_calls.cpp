@@ -1,0 +1,168 @@
+/// The application's side of calls of other processes' objects, and of reports.
+#include "client/app_side.h"
+
+#include "client/bus_name.h"
+#include "client/handover.h"
+#include "client/loop_side.h"
+#include "tarn/error.h"
+
+#include <utility>
+
+namespace tarn {
+
+std::shared_ptr<pending> app_side::end(pending& entry) noexcept {
+    const lock_guard guard(lock_);
+    return entry.end();
+}
+
+utils::link app_side::invoke(const std::string& path, const std::string& method,
+                             const std::multimap<std::string, blob::attr>& args,
+                             const std::shared_ptr<const client::reply_handler>& each,
+                             const client::result_handler& handler,
+                             const std::chrono::seconds& timeout) {
+    assert_application_side();
+    using replies = std::list<blob::attr>;
+    const auto aborted = make_error_code(error::generic::aborted);
+    if (cancelling()) {
+        return report_later(handler, replies(), aborted);
+    }
+    if (has_nul(path) || has_nul(method)) {
+        return report_later(handler, replies(), make_error_code(error::msg::invalid_argument));
+    }
+    const auto call = std::make_shared<invoke_ctx>(*this, loop_, path, method, args, handler, each);
+    handover();
+    const bool begun = timeout == std::chrono::seconds::zero() ? begin_call(call)
+                                                               : begin_limited_call(call, timeout);
+    handover();
+    return begun ? utils::link(misc::aggregate_adapter<utils::link>(call))
+                 : report_later(handler, replies(), aborted);
+}
+
+/// False while cancel() runs. When it throws, the call has not begun.
+bool app_side::begin_call(const std::shared_ptr<invoke_ctx>& call) {
+    const lock_guard guard(lock_);
+    if (cancelling()) {
+        return false;
+    }
+    invokes_.add(call);
+    try {
+        bridge_.post_to_uloop(call->begin_task, call);
+    } catch (...) {
+        call->end();
+        throw;
+    }
+    return true;
+}
+
+/// The same with a timer, whose functions are the application's: the call is pending while they are
+/// called, and posted when it still is.
+bool app_side::begin_limited_call(const std::shared_ptr<invoke_ctx>& call,
+                                  const std::chrono::seconds& timeout) {
+    auto timer = bridge_.get_eloop()->create_timer();
+    {
+        const lock_guard guard(lock_);
+        if (cancelling()) {
+            return false;
+        }
+        invokes_.add(call);
+        call->timer = timer;
+    }
+    handover();
+    try {
+        timer->set_timeout(timeout);
+        timer->set_handler(
+            [this, watched = std::weak_ptr<invoke_ctx>(call)] { expire_invoke(watched); });
+        const lock_guard guard(lock_);
+        if (call->active()) {
+            bridge_.post_to_uloop(call->begin_task, call);
+        }
+    } catch (...) {
+        if (end(*call)) {
+            throw;
+        }
+        // It has ended, and its handler has heard of that.
+    }
+    return true;
+}
+
+/// Calls the handler of a call that the caller has ended; nothing for null.
+void app_side::end_invoke(const std::shared_ptr<pending>& ended, const std::error_code& code) {
+    if (!ended) {
+        return;
+    }
+    auto& call = static_cast<invoke_ctx&>(*ended);
+    const client::result_handler handler = std::exchange(call.handler, nullptr);
+    const auto timer = std::move(call.timer);
+    if (handler) {
+        handler({}, code);
+    }
+}
+
+void app_side::tell_reply(invoke_ctx& call, const blob::attr& reply) {
+    // Kept by the one who tells, whatever the handler does to the call.
+    const auto each = call.each;
+    if (call.active() && *each) {
+        (*each)(reply);
+    }
+}
+
+void app_side::complete_invoke(invoke_ctx& call) {
+    assert_application_side();
+    if (!end(call)) {
+        return;
+    }
+    const client::result_handler handler = std::exchange(call.handler, nullptr);
+    const auto timer = std::move(call.timer);
+    const auto replies = std::move(call.replies);
+    if (handler) {
+        handler(replies, !call.outcome && call.status ? call.status : call.outcome);
+    }
+}
+
+void app_side::drop_invoke(invoke_ctx& call) noexcept {
+    if (end(call)) {
+        const client::result_handler dropped = std::exchange(call.handler, nullptr);
+        const auto timer = std::move(call.timer);
+        call.replies.clear();
+    }
+}
+
+void app_side::cancel_invoke(invoke_ctx& call) noexcept {
+    if (const auto ended = end(call)) {
+        const client::result_handler dropped = std::exchange(call.handler, nullptr);
+        const auto timer = std::move(call.timer);
+        bridge_.post_ready(call.abort_task, call.shared_from_this());
+    }
+}
+
+void app_side::expire_invoke(const std::weak_ptr<invoke_ctx>& watched) {
+    // The timer's handler, which holds the argument, dies with the timer.
+    const auto call = watched.lock();
+    if (!call) {
+        return;
+    }
+    const auto ended = end(*call);
+    if (!ended) {
+        return;
+    }
+    bridge_.post_ready(call->abort_task, call);
+    end_invoke(ended, error::msg::timeout);
+}
+
+// --- reports ---
+
+void app_side::give_up(report& waiting) noexcept {
+    if (const auto ended = end(waiting)) {
+        waiting.take_handler();
+    }
+}
+
+void app_side::tell(report& waiting, const std::error_code& code) {
+    if (const auto ended = end(waiting)) {
+        if (const auto handler = waiting.take_handler()) {
+            handler(code);
+        }
+    }
+}
+
+} // namespace tarn

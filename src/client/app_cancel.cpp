@@ -1,0 +1,149 @@
+/// cancel(): the end of everything that is under way.
+#include "client/app_side.h"
+
+#include "client/handover.h"
+#include "tarn/error.h"
+
+#include <utility>
+
+namespace tarn {
+
+/// Joins a cancellation that is under way: what it has not ended yet is ended by both, in turns.
+app_side::era app_side::begin_cancel() {
+    const lock_guard guard(lock_);
+    if (!cancelling()) {
+        ++era_;
+        canceller_ = std::this_thread::get_id();
+        connect_after_cancel_ = false;
+        disconnect_after_cancel_ = false;
+    }
+    bridge_.end_life();
+    if (connection_) {
+        take_step(connection_event::lost);
+    }
+    for (auto& entry : objects_) {
+        entry.second->active = false;
+    }
+    bridge_.hold_delivery();
+    return era_;
+}
+
+/// Begins the next life. False when the cancellation has ended already, or the client has.
+bool app_side::end_cancel(era since) {
+    const lock_guard guard(lock_);
+    if (era_ != since || !bridge_.begin_life()) {
+        return false;
+    }
+    ++era_;
+    return true;
+}
+
+std::shared_ptr<pending> app_side::take_oldest(pending_list& waiting, era since) {
+    const lock_guard guard(lock_);
+    return era_ == since ? waiting.take_oldest() : nullptr;
+}
+
+void app_side::cancel() {
+    assert_application_side();
+    disable_auto_connect();
+    handover();
+    const era since = begin_cancel();
+    announce();
+    // One at a time, so that a handler that releases another operation's link still prevents that
+    // one's report, and one that cancels finds the rest.
+    while (const auto ended = take_oldest(invokes_, since)) {
+        handover();
+        end_invoke(ended, error::generic::aborted);
+    }
+    for (auto* waiting : {&add_handlers_, &del_handlers_, &send_handlers_}) {
+        while (const auto ended = take_oldest(*waiting, since)) {
+            handover();
+            const auto handler = static_cast<report&>(*ended).take_handler();
+            handler(error::generic::aborted);
+        }
+    }
+    const auto still_cancelling = [&] {
+        const lock_guard guard(lock_);
+        return era_ == since;
+    };
+    if (!still_cancelling()) {
+        return; // a handler has cancelled as well, and that one has done the rest
+    }
+    bridge_.process_task_queue();
+    const auto disconnected = [&](bool& asked_meanwhile) {
+        const lock_guard guard(lock_);
+        if (era_ == since) {
+            take_step(connection_event::cancelled);
+            asked_meanwhile = false; // they are about to hear of it
+        }
+    };
+    disconnected(disconnect_after_cancel_);
+    announce();
+    tell_all(disconnect_handlers_, since, {});
+    disconnected(connect_after_cancel_);
+    announce();
+    tell_all(connect_handlers_, since, error::generic::aborted);
+    handover();
+    if (!end_cancel(since)) {
+        return;
+    }
+    bridge_.request_drain();
+    do_after_cancel();
+}
+
+/// What other threads have asked for while cancel() ran, too late to be ended by it.
+void app_side::do_after_cancel() {
+    era since = 0;
+    bool disconnect_asked = false;
+    {
+        const lock_guard guard(lock_);
+        if (cancelling()) {
+            return;
+        }
+        since = era_;
+        disconnect_asked = std::exchange(disconnect_after_cancel_, false);
+        const bool connect_asked = std::exchange(connect_after_cancel_, false);
+        if (connect_asked || (reconnection_ && !retry_due_)) {
+            take_step(connection_event::connect);
+        }
+    }
+    announce();
+    if (disconnect_asked) {
+        tell_all(disconnect_handlers_, since, {});
+    }
+}
+
+void app_side::drop_all() noexcept {
+    state_signal changed;
+    std::shared_ptr<connection_ctx> connection;
+    std::shared_ptr<utils::event_loop::timer> timer;
+    std::shared_ptr<reconnection> backoff;
+    decltype(objects_) objects;
+    {
+        const lock_guard guard(lock_);
+        state_ = client::state::disconnected;
+        connection_id_ = connection_id::none;
+        changed.swap(state_changed_);
+        connection.swap(connection_);
+        timer.swap(reconnect_timer_);
+        backoff.swap(reconnection_);
+        objects.swap(objects_);
+    }
+    const auto take = [this](pending_list& waiting) {
+        const lock_guard guard(lock_);
+        return waiting.take_oldest();
+    };
+    while (const auto ended = take(invokes_)) {
+        auto& call = static_cast<invoke_ctx&>(*ended);
+        call.handler = nullptr;
+        call.timer.reset();
+    }
+    for (auto* waiting : {&connect_handlers_, &disconnect_handlers_, &add_handlers_, &del_handlers_,
+                          &send_handlers_}) {
+        while (const auto ended = take(*waiting)) {
+            static_cast<report&>(*ended).take_handler();
+        }
+    }
+}
+
+} // namespace tarn

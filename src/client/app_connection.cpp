@@ -1,0 +1,487 @@
+/// The application's side of the connection: its state, those who wait for it, and automatic
+/// reconnection.
+#include "client/app_side.h"
+
+#include "client/handover.h"
+#include "client/loop_side.h"
+#include "tarn/error.h"
+
+#include <limits>
+#include <new>
+#include <utility>
+
+namespace tarn {
+
+namespace {
+
+using tarn::misc::aggregate_adapter;
+
+/// A subscription to state changes. Shares the handler with its slot, so that the application's
+/// captures are destroyed outside the lock.
+class state_subscription final : public utils::link::impl {
+public:
+    state_subscription(std::mutex& lock, std::shared_ptr<client::state_handler> handler,
+                       const utils::link& slot)
+        : lock_(lock)
+        , handler_(std::move(handler))
+        , slot_(slot) {}
+
+    void release() override {
+        std::shared_ptr<client::state_handler> dropped;
+        const std::lock_guard<std::mutex> guard(lock_);
+        slot_.release();
+        dropped.swap(handler_);
+    }
+
+    bool active() const override { return slot_.active(); }
+
+private:
+    std::mutex& lock_; ///< the client's, which is never destroyed
+    std::shared_ptr<client::state_handler> handler_;
+    utils::link slot_;
+};
+
+/// Runs the steps of one event to their end: what one throws passes on when the last is done.
+class all_steps {
+public:
+    template <class Step>
+    void run(const Step& step) {
+        try {
+            step();
+        } catch (...) {
+            thrown_ = thrown_ ? thrown_ : std::current_exception();
+        }
+    }
+    void pass_on() const {
+        if (thrown_) {
+            std::rethrow_exception(thrown_);
+        }
+    }
+
+private:
+    std::exception_ptr thrown_;
+};
+
+} // namespace
+
+app_side::app_side(task_bridge& bridge, loop_side& loop)
+    : bridge_(bridge)
+    , loop_(loop) {}
+
+void app_side::make_timer() {
+    reconnect_timer_ = bridge_.get_eloop()->create_timer();
+}
+
+void app_side::set_timer_handler() {
+    reconnect_timer_->set_handler([this] { reconnect(); });
+}
+
+// --- changes of the state, with the lock held ---
+
+void app_side::set_state(client::state s) noexcept {
+    if (state_ == s) {
+        return;
+    }
+    state_ = s;
+    if (s == client::state::connected) {
+        attempts_ = 0;
+    }
+    announcer_.note(s);
+}
+
+void app_side::take_step(connection_event event) {
+    const connection_step step = next_step(state_, event);
+    switch (step.then) {
+    case connection_step::action::start_attempt:
+        request_connection(step.next);
+        return;
+    case connection_step::action::tear_down:
+        request_disconnect();
+        break;
+    case connection_step::action::none:
+        break;
+    }
+    set_state(step.next);
+}
+
+void app_side::request_connection(client::state next) {
+    const connection_id id = next_after(last_connection_);
+    auto requested = std::make_shared<connection_ctx>(*this, loop_, id, life());
+    bridge_.post_to_uloop(requested->connect_task, requested);
+    last_connection_ = id;
+    connection_id_ = id;
+    connection_ = std::move(requested);
+    set_state(next);
+}
+
+void app_side::request_disconnect() noexcept {
+    const std::shared_ptr<connection_ctx> ending = std::move(connection_);
+    connection_id_ = connection_id::none;
+    ending->ending_life = life();
+    bridge_.post_ready(ending->disconnect_task, ending);
+}
+
+// --- what the application asks for ---
+
+/// One locked step: `waiting` waits with `others` for what `event` leads to. False when the state
+/// is `reached` already, and there is nothing to wait for.
+bool app_side::wait_for(connection_event event, client::state reached, pending_list& others,
+                        const std::shared_ptr<report>& waiting, bool& after_cancel) {
+    const lock_guard guard(lock_);
+    if (!cancelling() && state_ == reached) {
+        return false;
+    }
+    if (waiting) {
+        others.add(waiting);
+    }
+    if (cancelling()) {
+        // A handler that cancel() calls has asked for it in the middle of that; anybody else means
+        // what comes after it.
+        after_cancel = after_cancel || canceller_ != std::this_thread::get_id();
+        return true;
+    }
+    try {
+        take_step(event);
+    } catch (...) {
+        if (waiting) {
+            waiting->end();
+        }
+        throw;
+    }
+    return true;
+}
+
+utils::link app_side::ask_for(connection_event event, client::state reached, pending_list& others,
+                              bool& after_cancel, const client::completion_handler& handler) {
+    assert_application_side();
+    disable_auto_connect();
+    const std::shared_ptr<report> waiting =
+        handler ? std::make_shared<report>(*this, handler) : nullptr;
+    handover();
+    if (!wait_for(event, reached, others, waiting, after_cancel)) {
+        return report_later(handler, std::error_code());
+    }
+    handover();
+    const utils::link link =
+        waiting ? utils::link(aggregate_adapter<utils::link>(waiting)) : utils::link();
+    try {
+        announce();
+    } catch (...) {
+        utils::link(link).release();
+        throw;
+    }
+    return link;
+}
+
+utils::link app_side::connect(const client::completion_handler& handler) {
+    return ask_for(connection_event::connect, client::state::connected, connect_handlers_,
+                   connect_after_cancel_, handler);
+}
+
+utils::link app_side::disconnect(const client::completion_handler& handler) {
+    return ask_for(connection_event::disconnect, client::state::disconnected, disconnect_handlers_,
+                   disconnect_after_cancel_, handler);
+}
+
+utils::link app_side::auto_connect(const client::backoff_function& backoff) {
+    assert_application_side();
+    disable_auto_connect();
+    std::shared_ptr<reconnection> wanted;
+    utils::link link;
+    if (backoff) {
+        wanted = std::make_shared<reconnection>();
+        wanted->backoff = std::make_shared<const client::backoff_function>(backoff);
+        link.assign(
+            misc::create_link(wanted, [this, only = wanted.get()] { disable_auto_connect(only); }));
+    }
+    handover();
+    {
+        const lock_guard guard(lock_);
+        wanted.swap(reconnection_); // another thread's goes when the lock is let go of
+        attempts_ = 0;
+        if (!cancelling()) {
+            try {
+                take_step(connection_event::connect);
+            } catch (...) {
+                wanted.swap(reconnection_);
+                throw;
+            }
+        } else if (!backoff) {
+            connect_after_cancel_ =
+                connect_after_cancel_ || canceller_ != std::this_thread::get_id();
+        }
+    }
+    wanted.reset();
+    try {
+        announce();
+    } catch (...) {
+        link.release();
+        throw;
+    }
+    return link;
+}
+
+void app_side::disable_auto_connect(const reconnection* only) {
+    std::shared_ptr<reconnection> dropped; // destroyed outside the lock
+    std::shared_ptr<utils::event_loop::timer> timer;
+    {
+        const lock_guard guard(lock_);
+        if (only && only != reconnection_.get()) {
+            return; // replaced meanwhile
+        }
+        attempts_ = 0;
+        retry_due_ = false;
+        dropped.swap(reconnection_);
+        if (!cancelling()) {
+            timer = reconnect_timer_;
+        }
+    }
+    // After the back-off is gone: whoever arms the timer meanwhile looks for it again afterwards.
+    if (timer) {
+        timer->stop();
+    }
+}
+
+// --- subscribers ---
+
+utils::link app_side::notify_on_state_change(const client::state_handler& handler) {
+    if (!handler) {
+        return {};
+    }
+    const auto shared = std::make_shared<client::state_handler>(handler);
+    const lock_guard guard(lock_);
+    utils::link slot = state_changed_.connect([shared](client::state s) { (*shared)(s); });
+    try {
+        return aggregate_adapter<utils::link>(
+            std::make_shared<state_subscription>(lock_, shared, slot));
+    } catch (...) {
+        slot.release();
+        throw;
+    }
+}
+
+void app_side::announce() {
+    announcer_.announce([this](client::state s) {
+        handover();
+        tell_state(s);
+    });
+}
+
+void app_side::tell_state(client::state s) {
+    if (s == client::state::disconnected) {
+        arm_reconnection();
+    }
+    state_signal subscribers;
+    {
+        const lock_guard guard(lock_);
+        subscribers = state_changed_;
+    }
+    subscribers.call_impl<void>(s);
+}
+
+// --- automatic reconnection ---
+
+void app_side::arm_reconnection() {
+    std::shared_ptr<const client::backoff_function> backoff;
+    std::shared_ptr<utils::event_loop::timer> timer;
+    long long attempt = 0;
+    {
+        const lock_guard guard(lock_);
+        if (!reconnection_ || !reconnect_timer_ || state_ != client::state::disconnected) {
+            return; // switched off, stopped, or overtaken
+        }
+        if (attempts_ < std::numeric_limits<long long>::max()) {
+            ++attempts_;
+        }
+        attempt = attempts_;
+        backoff = reconnection_->backoff;
+        timer = reconnect_timer_;
+    }
+    const std::chrono::seconds delay = (*backoff)(attempt);
+    {
+        std::shared_ptr<reconnection> ended; // destroyed outside the lock
+        const lock_guard guard(lock_);
+        if (!reconnection_ || reconnection_->backoff != backoff) {
+            return; // switched off, or replaced, by the back-off function or another thread
+        }
+        retry_due_ = delay >= std::chrono::seconds(1);
+        if (!retry_due_) {
+            attempts_ = 0;
+            ended.swap(reconnection_);
+            return;
+        }
+    }
+    handover();
+    timer->set_timeout(delay);
+    handover();
+    const auto still_due = [this, &backoff] {
+        const lock_guard guard(lock_);
+        return retry_due_ && reconnection_ && reconnection_->backoff == backoff;
+    };
+    if (!still_due()) {
+        timer->stop();
+    }
+}
+
+void app_side::reconnect() {
+    bool failed = false;
+    {
+        const lock_guard guard(lock_);
+        if (cancelling() || !retry_due_ || !reconnection_) {
+            return; // switched off when the timer had already expired
+        }
+        retry_due_ = false;
+        try {
+            take_step(connection_event::connect);
+        } catch (const std::bad_alloc&) {
+            failed = true;
+        }
+    }
+    if (failed) {
+        arm_reconnection(); // one more attempt that has failed
+        return;
+    }
+    announce();
+}
+
+// --- what comes back from the loop thread ---
+
+/// Tells those who wait the outcome, one at a time, so that one who releases another one's link, or
+/// cancels, still prevents that one's report. Those who join meanwhile wait for the next outcome.
+/// When one throws, those behind him go with him: the outcome was theirs as well.
+void app_side::tell_all(pending_list& waiting, era since, const std::error_code& code) {
+    pending_list::number last = 0;
+    {
+        const lock_guard guard(lock_);
+        last = waiting.newest();
+    }
+    const auto next = [&]() -> std::shared_ptr<report> {
+        const lock_guard guard(lock_);
+        return era_ == since ? std::static_pointer_cast<report>(waiting.take_oldest(last))
+                             : nullptr;
+    };
+    while (auto told = next()) {
+        const client::completion_handler handler = told->take_handler();
+        told.reset();
+        handover();
+        try {
+            handler(code);
+        } catch (...) {
+            while (next()) {}
+            throw;
+        }
+    }
+}
+
+void app_side::on_connect_result(connection_ctx& attempt) {
+    assert_application_side();
+    era since = 0;
+    client::state before{};
+    {
+        const lock_guard guard(lock_);
+        if (attempt.life != life()) {
+            return; // cancelled
+        }
+        since = era_;
+        before = state_;
+        take_step(attempt.connected ? connection_event::made : connection_event::failed);
+    }
+    const std::error_code code =
+        attempt.connected ? std::error_code() : make_error_code(error::generic::unknown_error);
+    all_steps steps;
+    steps.run([this] { announce(); });
+    steps.run([&] { tell_all(connect_handlers_, since, code); });
+    if (before != client::state::disconnecting) {
+        // Whoever has asked for a disconnection meanwhile was overtaken; the tear-down goes on.
+        steps.run([&] { tell_all(disconnect_handlers_, since, error::generic::aborted); });
+    } else {
+        // The attempt's end is what the disconnection was waiting for.
+        steps.run([&] { on_lost(attempt); });
+    }
+    steps.pass_on();
+}
+
+void app_side::on_lost(connection_ctx& connection) {
+    assert_application_side();
+    {
+        const lock_guard guard(lock_);
+        // One that is not the present one any more is being torn down, or has been.
+        if (connection_.get() != &connection) {
+            return;
+        }
+        take_step(connection_event::lost);
+    }
+    announce();
+}
+
+void app_side::on_torn_down(life_id heard_in) {
+    era since = 0;
+    client::state before{};
+    {
+        const lock_guard guard(lock_);
+        if (heard_in == life_id::none || heard_in != life()) {
+            return; // cancelled
+        }
+        since = era_;
+        before = state_;
+        take_step(connection_event::torn_down);
+    }
+    all_steps steps;
+    steps.run([this] { announce(); });
+    steps.run([&] { tell_all(disconnect_handlers_, since, {}); });
+    if (before != client::state::connecting) {
+        // Whoever has asked for a connection meanwhile was overtaken; the attempt goes on.
+        steps.run([&] { tell_all(connect_handlers_, since, error::generic::aborted); });
+        steps.pass_on();
+        return;
+    }
+    bool failed = false;
+    steps.run([&] {
+        const lock_guard guard(lock_);
+        if (era_ != since) {
+            return;
+        }
+        try {
+            request_connection(client::state::connecting);
+        } catch (const std::bad_alloc&) {
+            failed = true;
+        } catch (...) {
+            failed = true;
+            set_state(client::state::disconnected);
+            throw;
+        }
+        if (failed) {
+            set_state(client::state::disconnected);
+        }
+    });
+    steps.run([this] { announce(); });
+    if (failed) {
+        steps.run([&] { tell_all(connect_handlers_, since, error::generic::unknown_error); });
+    }
+    steps.pass_on();
+}
+
+void app_side::on_disconnected(connection_ctx& connection) {
+    assert_application_side();
+    // A handler that throws must not strand the others, whose operations nobody else would end.
+    all_steps steps;
+    steps.run([&] { on_torn_down(connection.ending_life); });
+    while (const auto request = connection.requests.take_oldest()) {
+        const auto call = std::static_pointer_cast<invoke_ctx>(request);
+        std::shared_ptr<pending> ended;
+        {
+            const lock_guard guard(lock_);
+            ended = call->end();
+        }
+        steps.run([&] { end_invoke(ended, error::msg::connection_failed); });
+    }
+    for (const auto& entry : connection.objects) {
+        std::shared_ptr<object_ctx> forgotten; // destroyed outside the lock
+        const lock_guard guard(lock_);
+        forgotten = forget(*entry.second);
+    }
+    connection.objects.clear();
+    steps.pass_on();
+}
+
+} // namespace tarn

@@ -1,0 +1,239 @@
+/// The application's side of published objects and of the calls that they serve.
+#include "client/app_side.h"
+
+#include "client/bus_name.h"
+#include "client/exchange_ctx.h"
+#include "client/handover.h"
+#include "client/loop_side.h"
+#include "tarn/error.h"
+
+#include <algorithm>
+#include <new>
+#include <optional>
+#include <utility>
+
+namespace tarn {
+
+namespace {
+
+using misc::aggregate_adapter;
+
+/// Whether a method's name, or that of a field that it expects, would be cut on the bus.
+bool any_name_has_nul(const client::method_map& methods) {
+    return std::any_of(methods.begin(), methods.end(), [](const auto& method) {
+        const client::method_policy& fields = method.second.second;
+        return has_nul(method.first) ||
+               std::any_of(fields.begin(), fields.end(),
+                           [](const auto& field) { return has_nul(field.first); });
+    });
+}
+
+utils::link link_to(const std::shared_ptr<report>& operation) {
+    return operation->wanted() ? utils::link(aggregate_adapter<utils::link>(operation))
+                               : utils::link();
+}
+
+} // namespace
+
+/// With the lock held: the object of this name that is not being removed, else null.
+std::shared_ptr<object_ctx> app_side::find_object(const std::string& name) const {
+    const auto found = std::find_if(objects_.begin(), objects_.end(), [&name](const auto& entry) {
+        return entry.second->name == name && !entry.second->removing;
+    });
+    return found == objects_.end() ? nullptr : found->second;
+}
+
+utils::link app_side::add_object(const std::string& name, const client::method_map& methods,
+                                 const client::completion_handler& handler) {
+    assert_application_side();
+    if (cancelling()) {
+        return report_later(handler, make_error_code(error::generic::aborted));
+    }
+    if (has_nul(name) || any_name_has_nul(methods)) {
+        return report_later(handler, make_error_code(error::msg::invalid_argument));
+    }
+    const auto object = std::make_shared<object_ctx>(name, methods);
+    const auto addition =
+        std::make_shared<object_operation>(*this, loop_, object_operation::kind::addition, handler);
+    addition->records = object->ubus_ctx;
+    // Asked for before it is listed, since the link is the handler's only trace then.
+    const utils::link link = link_to(addition);
+    handover();
+    const auto refused = begin_addition(object, addition);
+    handover();
+    return refused ? report_later(handler, refused) : link;
+}
+
+/// One locked step: the name is taken and the registration posted. Why not, otherwise.
+std::error_code app_side::begin_addition(const std::shared_ptr<object_ctx>& object,
+                                         const std::shared_ptr<object_operation>& addition) {
+    const lock_guard guard(lock_);
+    if (cancelling()) {
+        return error::generic::aborted;
+    }
+    if (find_object(object->name)) {
+        return error::msg::invalid_argument;
+    }
+    const auto entry = objects_.emplace(&object->ubus_ctx->object, object).first;
+    if (addition->wanted()) {
+        add_handlers_.add(addition);
+    }
+    try {
+        bridge_.post_to_uloop(addition->begin_task, addition);
+    } catch (...) {
+        addition->end();
+        objects_.erase(entry);
+        throw;
+    }
+    return {};
+}
+
+utils::link app_side::del_object(const std::string& name, bool stop_serving,
+                                 const client::completion_handler& handler) {
+    assert_application_side();
+    if (cancelling()) {
+        return report_later(handler, make_error_code(error::generic::aborted));
+    }
+    const auto removal =
+        std::make_shared<object_operation>(*this, loop_, object_operation::kind::removal, handler);
+    removal->stop_serving = stop_serving;
+    const utils::link link = link_to(removal);
+    handover();
+    const auto refused = begin_removal(name, removal);
+    handover();
+    return refused ? report_later(handler, refused) : link;
+}
+
+/// One locked step: the object is on its way out and the withdrawal posted. Why not, otherwise.
+std::error_code app_side::begin_removal(const std::string& name,
+                                        const std::shared_ptr<object_operation>& removal) {
+    const lock_guard guard(lock_);
+    if (cancelling()) {
+        return error::generic::aborted;
+    }
+    const auto object = find_object(name);
+    if (!object) {
+        return error::msg::not_found;
+    }
+    removal->records = object->ubus_ctx;
+    bridge_.post_to_uloop(removal->begin_task, removal);
+    object->active = object->active && !removal->stop_serving;
+    object->removing = true;
+    if (removal->wanted()) {
+        del_handlers_.add(removal);
+    }
+    return {};
+}
+
+/// With the lock held: forgets the object, handing it to the caller to destroy.
+std::shared_ptr<object_ctx> app_side::forget(const ubus_object_ctx& records) noexcept {
+    const auto found = objects_.find(const_cast<ubus_object*>(&records.object));
+    if (found == objects_.end()) {
+        return nullptr;
+    }
+    auto forgotten = std::move(found->second);
+    objects_.erase(found);
+    return forgotten;
+}
+
+void app_side::complete(object_operation& operation, bool forgotten, bool heard) {
+    assert_application_side();
+    std::shared_ptr<object_ctx> object; // its handlers' captures are destroyed outside the lock
+    std::shared_ptr<pending> ended;
+    {
+        const lock_guard guard(lock_);
+        if (forgotten) {
+            object = forget(*operation.records);
+        }
+        ended = operation.end();
+    }
+    operation.records.reset();
+    object.reset();
+    if (!ended) {
+        return;
+    }
+    const auto handler = operation.take_handler();
+    if (heard && handler) {
+        handler(operation.status);
+    }
+}
+
+void app_side::complete_addition(object_operation& addition, bool heard) {
+    complete(addition, static_cast<bool>(addition.status), heard);
+}
+
+void app_side::complete_removal(object_operation& removal, bool heard) {
+    complete(removal, true, heard);
+}
+
+// --- calls that are served ---
+
+void app_side::dispatch_call(const std::shared_ptr<served_call>& call) {
+    assert_application_side();
+    std::shared_ptr<object_ctx> object;
+    {
+        const lock_guard guard(lock_);
+        const auto found = objects_.find(&call->records->object);
+        if (found != objects_.end() && found->second->active) {
+            object = found->second;
+        }
+    }
+    if (!object) {
+        call->refusal = true;
+        complete_call(*call, error::msg::not_found);
+        return;
+    }
+    if (call->settled.exchange(true)) {
+        return; // refused meanwhile
+    }
+    std::shared_ptr<exchange_ctx> ctx;
+    client::method_handler handler;
+    try {
+        const auto found = object->handlers.find(call->method);
+        if (found != object->handlers.end()) {
+            handler = found->second;
+        }
+        ctx = std::make_shared<exchange_ctx>(*this, call);
+    } catch (const std::bad_alloc&) {
+        complete_call(*call, error::msg::no_memory);
+        return;
+    }
+    if (handler) {
+        handler(ctx);
+    }
+}
+
+void app_side::drop_call(served_call& call) noexcept {
+    if (!call.settled.exchange(true)) {
+        complete_call(call, error::msg::unknown_error);
+    }
+}
+
+void app_side::complete_call(served_call& call, const std::error_code& status) noexcept {
+    call.status = status;
+    bridge_.post_ready(call.answer_task, call.shared_from_this());
+}
+
+utils::link app_side::send(const std::shared_ptr<served_call>& call,
+                           std::multimap<std::string, blob::attr>&& data,
+                           const client::completion_handler& handler) {
+    const auto operation =
+        std::make_shared<send_operation>(*this, loop_, call, std::move(data), handler);
+    const utils::link link = link_to(operation);
+    const lock_guard guard(lock_);
+    if (cancelling()) {
+        return {};
+    }
+    if (operation->wanted()) {
+        send_handlers_.add(operation);
+    }
+    try {
+        bridge_.post_to_uloop(operation->begin_task, operation);
+    } catch (...) {
+        operation->end();
+        throw;
+    }
+    return link;
+}
+
+} // namespace tarn

@@ -1,0 +1,205 @@
+/// The application's side of the client: what is pending, what is published, and the connection's
+/// state, for all threads of the application.
+#pragma once
+
+#include "client/connection_ctx.h"
+#include "client/connection_machine.h"
+#include "client/identity.h"
+#include "client/invoke_ctx.h"
+#include "client/object_ctx.h"
+#include "client/object_operation.h"
+#include "client/pending.h"
+#include "client/report.h"
+#include "client/served_call.h"
+#include "client/side.h"
+#include "client/state_announcer.h"
+#include "client/task_bridge.h"
+#include "tarn/client.h"
+#include "tarn/misc.h"
+
+#include <atomic>
+#include <cstddef>
+#include <exception>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+namespace tarn {
+
+/// Any thread of the application, its loop's included; never the loop thread.
+///
+/// One lock guards everything. Each change is one locked step: what it reads, what it decides, what
+/// it changes in the tables and what it posts to the loop thread are whole when the lock is let go.
+/// So operations that meet on different threads come one after another, in the same order on both
+/// sides. With the lock held nothing of the application is called or destroyed, its loop's post()
+/// apart, and the only locks that are taken are the bridge's and, behind that, the loop's.
+class app_side {
+public:
+    app_side(task_bridge& bridge, loop_side& loop);
+    app_side(const app_side&) = delete;
+    app_side& operator=(const app_side&) = delete;
+    ~app_side() = default;
+
+    /// Makes the timer for reconnection. Throws when the application's loop is gone.
+    void make_timer();
+    void set_timer_handler();
+    /// Lets go of everything that is pending, unheard. The loop thread has ended.
+    void drop_all() noexcept;
+
+    // --- app_connection.cpp ---
+
+    utils::link connect(const client::completion_handler& handler);
+    utils::link auto_connect(const client::backoff_function& backoff);
+    utils::link disconnect(const client::completion_handler& handler);
+    utils::link notify_on_state_change(const client::state_handler& handler);
+    client::state get_state() const { return state_; }
+    /// The connection that calls go out on and can be answered on; none without one.
+    connection_id open_connection() const {
+        return state_ == client::state::connected ? connection_id_.load() : connection_id::none;
+    }
+
+    void on_connect_result(connection_ctx& attempt);
+    void on_lost(connection_ctx& connection);
+    void on_disconnected(connection_ctx& connection);
+
+    // --- app_cancel.cpp ---
+
+    void cancel();
+
+    // --- app_calls.cpp ---
+
+    utils::link invoke(const std::string& path, const std::string& method,
+                       const std::multimap<std::string, blob::attr>& args,
+                       const std::shared_ptr<const client::reply_handler>& each,
+                       const client::result_handler& handler, const std::chrono::seconds& timeout);
+    void tell_reply(invoke_ctx& call, const blob::attr& reply);
+    void complete_invoke(invoke_ctx& call);
+    void drop_invoke(invoke_ctx& call) noexcept;
+    void cancel_invoke(invoke_ctx& call) noexcept;
+
+    // --- app_objects.cpp ---
+
+    utils::link add_object(const std::string& name, const client::method_map& methods,
+                           const client::completion_handler& handler);
+    utils::link del_object(const std::string& name, bool stop_serving,
+                           const client::completion_handler& handler);
+    void complete_addition(object_operation& addition, bool heard);
+    void complete_removal(object_operation& removal, bool heard);
+    void dispatch_call(const std::shared_ptr<served_call>& call);
+    void drop_call(served_call& call) noexcept;
+    void complete_call(served_call& call, const std::error_code& status) noexcept;
+    /// Sends a reply of a call that is being served.
+    utils::link send(const std::shared_ptr<served_call>& call,
+                     std::multimap<std::string, blob::attr>&& data,
+                     const client::completion_handler& handler);
+
+    // --- reports ---
+
+    /// Ends a report whose link was released.
+    void give_up(report& waiting) noexcept;
+    /// Ends a report and calls its handler, unless it has ended.
+    void tell(report& waiting, const std::error_code& code);
+    /// Has `handler` called with `args` on the application's loop, never inside this call.
+    template <class Handler, class... Args>
+    utils::link report_later(const Handler& handler, const Args&... args);
+
+    task_bridge& bridge() { return bridge_; }
+
+private:
+    using state_signal = misc::signal<void, client::state>;
+    using lock_guard = std::lock_guard<std::mutex>;
+    /// Changes whenever cancel() begins (to an odd one) and when it has ended everything. Whoever
+    /// calls a handler in the middle of something looks whether it is still the same one.
+    using era = std::uint64_t;
+
+    /// Automatic reconnection while it is on. Its link watches this object, so its one owner is the
+    /// client, and it ends under the lock; the function is shared, to be called outside.
+    struct reconnection {
+        std::shared_ptr<const client::backoff_function> backoff;
+    };
+
+    /// The present life; none while cancel() runs.
+    life_id life() const noexcept { return bridge_.life(); }
+    bool cancelling() const noexcept { return life() == life_id::none; }
+
+    void disable_auto_connect(const reconnection* only = nullptr);
+    void take_step(connection_event event);
+    void set_state(client::state s) noexcept;
+    void request_connection(client::state next);
+    void request_disconnect() noexcept;
+    void announce();
+    void tell_state(client::state s);
+    void arm_reconnection();
+    void reconnect();
+    bool wait_for(connection_event event, client::state reached, pending_list& others,
+                  const std::shared_ptr<report>& waiting, bool& after_cancel);
+    utils::link ask_for(connection_event event, client::state reached, pending_list& others,
+                        bool& after_cancel, const client::completion_handler& handler);
+    void tell_all(pending_list& waiting, era since, const std::error_code& code);
+    void on_torn_down(life_id heard_in);
+    static void end_invoke(const std::shared_ptr<pending>& ended, const std::error_code& code);
+    era begin_cancel();
+    bool end_cancel(era since);
+    void do_after_cancel();
+    std::shared_ptr<pending> take_oldest(pending_list& waiting, era since);
+    bool begin_call(const std::shared_ptr<invoke_ctx>& call);
+    bool begin_limited_call(const std::shared_ptr<invoke_ctx>& call,
+                            const std::chrono::seconds& timeout);
+    std::shared_ptr<pending> end(pending& entry) noexcept;
+    void expire_invoke(const std::weak_ptr<invoke_ctx>& watched);
+    std::shared_ptr<object_ctx> find_object(const std::string& name) const;
+    std::error_code begin_addition(const std::shared_ptr<object_ctx>& object,
+                                   const std::shared_ptr<object_operation>& addition);
+    std::error_code begin_removal(const std::string& name,
+                                  const std::shared_ptr<object_operation>& removal);
+    std::shared_ptr<object_ctx> forget(const ubus_object_ctx& records) noexcept;
+    void complete(object_operation& operation, bool forgotten, bool heard);
+
+    task_bridge& bridge_;
+    loop_side& loop_;
+
+    mutable std::mutex lock_; ///< guards the members below
+
+    // Written with the lock held; read without.
+    std::atomic<client::state> state_{client::state::disconnected};
+    std::atomic<connection_id> connection_id_{connection_id::none};
+
+    /// Present while there is a connection, or an attempt at one, to tear down.
+    std::shared_ptr<connection_ctx> connection_;
+    connection_id last_connection_ = connection_id::none;
+
+    state_signal state_changed_;
+    state_announcer announcer_{lock_};
+    pending_list connect_handlers_;
+    pending_list disconnect_handlers_;
+
+    std::shared_ptr<reconnection> reconnection_;
+    long long attempts_ = 0; ///< consecutive automatic attempts; saturates
+    bool retry_due_ = false; ///< the timer is armed, or about to be
+    std::shared_ptr<utils::event_loop::timer> reconnect_timer_;
+
+    pending_list invokes_;
+    std::map<ubus_object*, std::shared_ptr<object_ctx>> objects_;
+    pending_list add_handlers_;
+    pending_list del_handlers_;
+    pending_list send_handlers_;
+
+    era era_ = 0;
+    std::thread::id canceller_; ///< who began the present cancellation
+    // What other threads have asked for since it told their like.
+    bool connect_after_cancel_ = false;
+    bool disconnect_after_cancel_ = false;
+};
+
+template <class Handler, class... Args>
+utils::link app_side::report_later(const Handler& handler, const Args&... args) {
+    if (!handler) {
+        return {};
+    }
+    const auto known = std::make_shared<known_report<Handler, Args...>>(handler, args...);
+    bridge_.schedule_task(*known, known);
+    return misc::aggregate_adapter<utils::link>(known);
+}
+
+} // namespace tarn

@@ -1,0 +1,60 @@
+/// One connection to the bus, from the request for it to its end.
+#pragma once
+
+#include "client/identity.h"
+#include "client/object_ctx.h"
+#include "client/request_table.h"
+#include "client/task.h"
+
+#include <map>
+#include <memory>
+
+namespace tarn {
+
+class app_side;
+class loop_side;
+
+/// What one connection hands to and fro between the sides, made when it is requested, so that no
+/// shortage of memory keeps a lost one alive.
+class connection_ctx final : public std::enable_shared_from_this<connection_ctx> {
+public:
+    using object_map = std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>>;
+
+    connection_ctx(app_side& app, loop_side& loop, connection_id number, life_id requested_in)
+        : id(number)
+        , life(requested_in)
+        , app_(app)
+        , loop_(loop) {}
+
+    const connection_id id;
+    const life_id life; ///< whose subscribers and handlers hear of the attempt's result
+
+    bool connected = false; ///< what has become of the attempt
+
+    /// Whose subscribers and handlers hear of the end. Set when the tear-down is posted.
+    life_id ending_life = life_id::none;
+    // What libubus had when the connection was closed.
+    request_table requests;
+    object_map objects;
+
+private:
+    void connect();
+    void tell_result();
+    void tell_loss();
+    void disconnect();
+    void tell_end();
+    void free_lost();
+
+    app_side& app_;
+    loop_side& loop_;
+
+public:
+    loop_task<connection_ctx, &connection_ctx::connect> connect_task{*this};
+    transition_task<connection_ctx, &connection_ctx::tell_result> result_task{*this};
+    transition_task<connection_ctx, &connection_ctx::tell_loss> loss_task{*this};
+    loop_task<connection_ctx, &connection_ctx::free_lost> free_lost_task{*this};
+    loop_task<connection_ctx, &connection_ctx::disconnect> disconnect_task{*this};
+    transition_task<connection_ctx, &connection_ctx::tell_end> end_task{*this};
+};
+
+} // namespace tarn

@@ -1,0 +1,34 @@
+/// The table of the connection's states.
+#include "client/connection_machine.h"
+
+namespace tarn {
+
+connection_step next_step(client::state now, connection_event event) {
+    using state = client::state;
+    using action = connection_step::action;
+    switch (event) {
+    case connection_event::connect:
+        if (now == state::disconnected) {
+            return {state::connecting, action::start_attempt};
+        }
+        return {now == state::disconnecting ? state::connecting : now, action::none};
+    case connection_event::disconnect:
+        if (now == state::connected) {
+            return {state::disconnecting, action::tear_down};
+        }
+        return {now == state::connecting ? state::disconnecting : now, action::none};
+    case connection_event::made:
+        return {now == state::connecting ? state::connected : now, action::none};
+    case connection_event::failed:
+        return {now == state::connecting ? state::disconnected : now, action::none};
+    case connection_event::lost:
+        return {now == state::disconnected ? now : state::disconnecting, action::tear_down};
+    case connection_event::torn_down:
+        return {now == state::disconnecting ? state::disconnected : now, action::none};
+    case connection_event::cancelled:
+        return {state::disconnected, action::none};
+    }
+    return {now, action::none};
+}
+
+} // namespace tarn

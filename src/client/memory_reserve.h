@@ -1,0 +1,37 @@
+/// Memory for reporting that there is none.
+#pragma once
+
+#include <array>
+#include <memory>
+#include <new>
+
+namespace tarn {
+
+/// A block that is given up when memory runs out on the loop thread, where nobody could catch the
+/// exception, so that it can still report. The loop thread only.
+class memory_reserve {
+public:
+    /// Does `work`, and once more with the reserve given up when memory runs out. `work` must have
+    /// done nothing when it fails. The reserve is taken anew when there is memory.
+    template <class Work>
+    void cover(const Work& work) {
+        if (!block_) {
+            block_.reset(new (std::nothrow) block);
+        }
+        try {
+            work();
+        } catch (const std::bad_alloc&) {
+            if (!block_) {
+                throw;
+            }
+            block_.reset();
+            work();
+        }
+    }
+
+private:
+    using block = std::array<char, 16384>;
+    std::unique_ptr<block> block_ = std::make_unique<block>();
+};
+
+} // namespace tarn

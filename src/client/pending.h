@@ -1,0 +1,66 @@
+/// What the application waits for, and the links with which it can stop waiting.
+#pragma once
+
+#include "tarn/client.h"
+#include "tarn/link.h"
+
+#include <atomic>
+#include <cstdint>
+#include <limits>
+#include <memory>
+
+namespace tarn {
+
+/// Something that is pending while it is in a list: a call, or an operation whose outcome is to be
+/// reported. Whoever takes it out has ended it, and nobody else can: so it ends once, however many
+/// threads complete, expire, cancel and release at once. What it holds belongs to the one who ended
+/// it. It is its own link, which turns inactive at that moment.
+///
+/// Lists are guarded by the one lock of the application's side, which all functions here and in
+/// pending_list need, active() apart.
+class pending : public utils::link::impl {
+public:
+    bool active() const override { return listed_; }
+
+    /// Ends it. Null when it has ended already.
+    std::shared_ptr<pending> end() noexcept;
+
+private:
+    friend class pending_list;
+
+    pending* previous_ = nullptr;
+    pending* next_ = nullptr;
+    std::shared_ptr<pending> self_; ///< while it is listed
+    std::uint64_t number_ = 0;      ///< the order of a list
+    std::atomic<bool> listed_{false};
+};
+
+/// Pending things, the oldest first. Nothing here allocates or throws.
+class pending_list {
+public:
+    using number = std::uint64_t;
+    static constexpr number any = std::numeric_limits<number>::max();
+
+    pending_list() noexcept;
+    pending_list(const pending_list&) = delete;
+    pending_list& operator=(const pending_list&) = delete;
+    /// Must be empty.
+    ~pending_list();
+
+    bool empty() const noexcept;
+    /// Appends `entry`, which becomes pending.
+    void add(std::shared_ptr<pending> entry) noexcept;
+    /// The number of the newest so far. Numbers rise.
+    number newest() const noexcept { return newest_; }
+    /// Ends the oldest; null when there is none, or none that is not newer than `last`.
+    std::shared_ptr<pending> take_oldest(number last = any) noexcept;
+
+private:
+    struct sentinel final : pending {
+        void release() override {}
+    };
+    sentinel end_; ///< closes the ring
+    number newest_ = 0;
+};
+
+} // namespace tarn

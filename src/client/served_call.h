@@ -1,0 +1,58 @@
+/// One incoming call, from its arrival to its answer.
+#pragma once
+
+#include "bus.h"
+#include "client/identity.h"
+#include "client/task.h"
+#include "tarn/client.h"
+
+#include <atomic>
+#include <memory>
+#include <string>
+#include <system_error>
+
+namespace tarn {
+
+class app_side;
+class loop_side;
+struct ubus_object_ctx;
+
+/// A call that has arrived for an object, with everything that its answer needs, so that no
+/// shortage of memory leaves the caller without one. Made on the loop thread.
+///
+/// Whoever settles it decides its answer: the application's loop by handing it to a method handler,
+/// or the loop thread by refusing it.
+class served_call final : public std::enable_shared_from_this<served_call> {
+public:
+    served_call(app_side& app, loop_side& loop, connection_id carried_by,
+                const ubus_request_data& deferred, const std::string& called,
+                std::shared_ptr<ubus_object_ctx> object);
+
+    const connection_id connection;
+    ubus_request_data request; ///< libubus's record of the deferred request
+    const std::string& method; ///< kept by `records`
+    const std::shared_ptr<ubus_object_ctx> records;
+    std::multimap<std::string, blob::attr> args; ///< until the handler gets them
+    std::atomic<bool> settled{false};
+
+    // Set when the answer is posted.
+    std::error_code status;
+    /// The answer is a refusal by somebody who has not settled the call: the loop thread may have
+    /// done so by then.
+    bool refusal = false;
+
+private:
+    void dispatch();
+    void dispatch_unheard() noexcept;
+    void answer();
+
+    app_side& app_;
+    loop_side& loop_;
+
+public:
+    droppable_task<served_call, &served_call::dispatch, &served_call::dispatch_unheard>
+        dispatch_task{*this};
+    loop_task<served_call, &served_call::answer> answer_task{*this};
+};
+
+} // namespace tarn

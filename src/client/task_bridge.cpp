@@ -1,0 +1,341 @@
+/// Tasks on their way between the two sides.
+#include "client/task_bridge.h"
+
+#include "client/handover.h"
+#include "client/side.h"
+#include "tarn/uloop.h"
+
+#include <stdexcept>
+#include <utility>
+
+namespace tarn {
+
+task_bridge::task_bridge(const std::weak_ptr<utils::event_loop>& loop)
+    : loop_(loop) {}
+
+std::shared_ptr<utils::event_loop> task_bridge::get_eloop() const {
+    auto loop = loop_.lock();
+    if (!loop) {
+        throw std::runtime_error("tarn_impl::client: No event loop");
+    }
+    return loop;
+}
+
+void task_bridge::post(const std::function<void()>& work) {
+    const life_id tied = life_;
+    if (tied == life_id::none) {
+        return;
+    }
+    get_eloop()->post([this, work, tied] {
+        if (life_ == tied) {
+            work();
+        }
+    });
+}
+
+void task_bridge::post_drain(life_id tied) {
+    const auto loop = loop_.lock();
+    if (!loop && life_ != tied) {
+        return; // closed since, and the loop destroyed after that
+    }
+    // Two words, which a std::function holds without allocating.
+    (loop ? loop : get_eloop())->post([this, tied] {
+        if (life_ == tied) {
+            process_task_queue();
+        }
+    });
+    handover();
+}
+
+/// With the lock held: whether the application's loop has to be asked for a drain, which is then
+/// taken as asked for.
+bool task_bridge::needs_drain() noexcept {
+    if (delivery_waits_ || drain_requested_ || life_ == life_id::none) {
+        return false;
+    }
+    drain_requested_ = true;
+    return true;
+}
+
+void task_bridge::post_to_uloop(task& work, std::shared_ptr<void> kept) {
+    life_id asking = life_id::none;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        if (closed_) {
+            return;
+        }
+        if (delivery_waits_ || (!queue_.empty() && !drain_requested_)) {
+            delivery_waits_ = false;
+            drain_requested_ = drain_requested_ || life_ != life_id::none;
+            asking = life_;
+        }
+    }
+    if (asking != life_id::none) {
+        try {
+            post_drain(asking);
+        } catch (...) {
+            // What waits is asked for again by whatever comes next.
+            const std::lock_guard<std::mutex> guard(lock_);
+            drain_requested_ = false;
+            throw;
+        }
+    }
+    handover();
+    queue_for_uloop(work, std::move(kept));
+    handover();
+}
+
+void task_bridge::queue_for_uloop(task& work, std::shared_ptr<void>&& kept) {
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        const bool woken = !to_uloop_.empty() && !wakeup_owed_;
+        to_uloop_.push(work, std::move(kept));
+        if (woken) {
+            return;
+        }
+        wakeup_owed_ = false;
+    }
+    try {
+        uloop::get_instance().post_source();
+    } catch (...) {
+        task_queue::entry refused; // let go of outside the lock
+        const std::lock_guard<std::mutex> guard(lock_);
+        refused = to_uloop_.remove(work);
+        wakeup_owed_ = !to_uloop_.empty();
+        if (refused) {
+            throw;
+        }
+        // Somebody else has woken the thread.
+    }
+}
+
+void task_bridge::post_ready(task& work, std::shared_ptr<void> kept) noexcept {
+    try {
+        {
+            const std::lock_guard<std::mutex> guard(lock_);
+            if (closed_) {
+                return;
+            }
+        }
+        queue_for_uloop(work, std::move(kept));
+        life_id asking = life_id::none;
+        {
+            const std::lock_guard<std::mutex> guard(lock_);
+            if (delivery_waits_ || (!queue_.empty() && !drain_requested_)) {
+                delivery_waits_ = false;
+                asking = life_;
+            }
+        }
+        if (asking != life_id::none) {
+            post_drain(asking);
+        }
+    } catch (...) {
+        // No memory to ask for a drain, which the next request does. Or the loop thread's wake-up
+        // is broken, and with it everything.
+    }
+}
+
+void task_bridge::post_last(task& work) noexcept {
+    post_within(work, nullptr);
+}
+
+void task_bridge::post_within(task& work, std::shared_ptr<void> kept) noexcept {
+    try {
+        queue_for_uloop(work, std::move(kept));
+    } catch (...) {
+        // The loop thread's wake-up is broken, and with it everything.
+    }
+}
+
+void task_bridge::schedule_task(task& work, std::shared_ptr<void> kept) {
+    life_id asking = life_id::none;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        const bool was_empty = queue_.empty();
+        queue_.push(work, std::move(kept));
+        // Also while delivery waits: the task must not wait with it for a request that may never
+        // come.
+        if (was_empty || !drain_requested_) {
+            asking = life_;
+            drain_requested_ = asking != life_id::none;
+        }
+    }
+    if (asking == life_id::none) {
+        return;
+    }
+    try {
+        post_drain(asking);
+    } catch (...) {
+        task_queue::entry refused; // let go of outside the lock
+        const std::lock_guard<std::mutex> guard(lock_);
+        drain_requested_ = false;
+        refused = queue_.remove(work);
+        if (refused) {
+            throw;
+        }
+    }
+}
+
+void task_bridge::request_drain() {
+    const life_id tied = life_;
+    if (tied == life_id::none) {
+        return;
+    }
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        drain_requested_ = true;
+    }
+    try {
+        post_drain(tied);
+    } catch (...) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        drain_requested_ = false;
+        throw;
+    }
+}
+
+void task_bridge::process_task_queue() {
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        batch_.append(queue_);
+        drain_requested_ = false;
+    }
+    for (;;) {
+        task_queue::entry next;
+        {
+            const std::lock_guard<std::mutex> guard(lock_);
+            next = batch_.pop();
+        }
+        if (!next) {
+            return;
+        }
+        handover();
+        try {
+            next.work->run();
+        } catch (...) {
+            drop_batch();
+            throw;
+        }
+    }
+}
+
+void task_bridge::drop_batch() noexcept {
+    task_queue dropped;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        dropped.swap(batch_);
+    }
+    task_queue transitions;
+    while (task_queue::entry next = dropped.pop()) {
+        if (next.work->is_transition()) {
+            transitions.push(*next.work, std::move(next.kept));
+        } else {
+            next.work->drop();
+        }
+    }
+    if (transitions.empty()) {
+        return;
+    }
+    life_id asking = life_id::none;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        transitions.append(queue_);
+        queue_.swap(transitions);
+        asking = life_;
+        drain_requested_ = asking != life_id::none;
+    }
+    try {
+        if (asking != life_id::none) {
+            post_drain(asking);
+        }
+    } catch (...) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        drain_requested_ = false; // asked for again by whatever comes next
+    }
+}
+
+void task_bridge::end_life() noexcept {
+    const std::lock_guard<std::mutex> guard(lock_);
+    life_ = life_id::none;
+}
+
+void task_bridge::hold_delivery() noexcept {
+    const std::lock_guard<std::mutex> guard(lock_);
+    delivery_waits_ = true;
+}
+
+bool task_bridge::begin_life() {
+    const std::lock_guard<std::mutex> guard(lock_);
+    if (closed_) {
+        return false;
+    }
+    last_life_ = next_after(last_life_);
+    life_ = last_life_;
+    return true;
+}
+
+void task_bridge::close() noexcept {
+    const std::lock_guard<std::mutex> guard(lock_);
+    closed_ = true;
+    life_ = life_id::none;
+}
+
+void task_bridge::drop_tasks() noexcept {
+    task_queue dropped;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        dropped.append(batch_);
+        dropped.append(queue_);
+    }
+    while (const task_queue::entry next = dropped.pop()) {
+        next.work->drop();
+    }
+}
+
+void task_bridge::post_from_uloop(task& work, std::shared_ptr<void> kept) {
+    burst_.push(work, std::move(kept));
+    if (burst_depth_ == 0) {
+        flush();
+    }
+}
+
+void task_bridge::flush() {
+    if (burst_.empty()) {
+        return;
+    }
+    handover();
+    life_id asking = life_id::none;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        if (closed_) {
+            queue_.append(burst_); // for drop_tasks()
+            return;
+        }
+        if (queue_.empty()) {
+            drain_requested_ = false; // one that was asked for may have run out by now
+        }
+        queue_.append(burst_);
+        if (needs_drain()) {
+            asking = life_;
+        }
+    }
+    if (asking == life_id::none) {
+        return;
+    }
+    try {
+        reserve_.cover([&] { post_drain(asking); });
+    } catch (...) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        drain_requested_ = false;
+        throw;
+    }
+}
+
+void task_bridge::take_batch(task_queue& batch) noexcept {
+    handover();
+    const std::lock_guard<std::mutex> guard(lock_);
+    batch.append(to_uloop_);
+    wakeup_owed_ = false;
+}
+
+} // namespace tarn

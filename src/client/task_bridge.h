@@ -1,0 +1,136 @@
+/// The one way between the two sides: tasks to the loop thread, and tasks to the application's
+/// loop.
+#pragma once
+
+#include "client/identity.h"
+#include "client/memory_reserve.h"
+#include "client/task.h"
+#include "tarn/event_loop.h"
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+
+namespace tarn {
+
+/// Moves tasks between the application's threads and the loop thread.
+///
+/// Results are handed over once for a burst of them, at its end, not one by one: each hand-over may
+/// wake a thread. See in_burst().
+///
+/// Never destroyed while the loop thread runs. The lock inside is the last one that is taken: with
+/// it held nothing is called but the queues.
+class task_bridge {
+public:
+    explicit task_bridge(const std::weak_ptr<utils::event_loop>& loop);
+
+    // --- any thread of the application ---
+
+    /// The application's loop. Throws std::runtime_error when it is gone.
+    std::shared_ptr<utils::event_loop> get_eloop() const;
+
+    /// Runs `work` on the loop thread, after what was posted before. The first one after the start
+    /// and after a cancel() lets results reach the application's loop again. Throws when the loop
+    /// thread cannot be woken, or the application's loop not be asked; `work` is not queued then.
+    void post_to_uloop(task& work, std::shared_ptr<void> kept);
+    /// The same for work that must be done. When there is no memory to ask the application's loop
+    /// for anything, the next request does.
+    void post_ready(task& work, std::shared_ptr<void> kept) noexcept;
+
+    /// Runs `work` on the application's loop, never inside this call. Throws when the loop cannot
+    /// be asked; `work` is not queued then.
+    void schedule_task(task& work, std::shared_ptr<void> kept);
+
+    /// Has the application's loop run `work` if this life lasts until then.
+    void post(const std::function<void()>& work);
+
+    /// Runs everything that is queued for the application's loop, what is left of an interrupted
+    /// batch included. When a task throws the rest of the batch is dropped, transitions apart,
+    /// which wait for the next drain; and the exception passes on. The application's loop, and
+    /// whoever cancels.
+    void process_task_queue();
+
+    /// The present life.
+    life_id life() const noexcept { return life_; }
+
+    /// Ends the present life: what has been handed to the application's loop falls silent.
+    void end_life() noexcept;
+    /// Results wait for the application's next request.
+    void hold_delivery() noexcept;
+    /// Begins the next one and has the application's loop run what is queued. False when the bridge
+    /// has been closed.
+    bool begin_life();
+    void request_drain();
+
+    /// Lets nothing pass any more, in either direction, and ends the present life. Work on its way
+    /// to the loop thread is still done.
+    void close() noexcept;
+    /// As post_ready(), past the closed door.
+    void post_last(task& work) noexcept;
+    /// Drops what is queued for the application's loop. Only when the loop thread has ended.
+    void drop_tasks() noexcept;
+
+    // --- the loop thread ---
+
+    /// Runs `work` on the application's loop: with the end of the burst, or at once outside of one.
+    void post_from_uloop(task& work, std::shared_ptr<void> kept);
+
+    /// Whether results wait for the end of the burst.
+    bool holds_results() const noexcept { return !burst_.empty(); }
+
+    /// Runs `work` on this thread, when nothing of libubus is on its stack.
+    void post_within(task& work, std::shared_ptr<void> kept) noexcept;
+
+    /// Hands over what has been posted since the burst began. For a burst that is going to wait.
+    void flush();
+
+    /// Does `work` and hands its results over at the end, together.
+    template <class Work>
+    void in_burst(const Work& work) {
+        struct nested {
+            int& depth;
+            explicit nested(int& d)
+                : depth(++d) {}
+            ~nested() { --depth; }
+        };
+        {
+            const nested inside(burst_depth_);
+            work();
+        }
+        if (burst_depth_ == 0) {
+            flush();
+        }
+    }
+
+    /// Takes the tasks that have been posted to the loop thread.
+    void take_batch(task_queue& batch) noexcept;
+
+    memory_reserve& reserve() noexcept { return reserve_; }
+
+private:
+    void queue_for_uloop(task& work, std::shared_ptr<void>&& kept);
+    bool needs_drain() noexcept;
+    void post_drain(life_id tied);
+    void drop_batch() noexcept;
+
+    const std::weak_ptr<utils::event_loop> loop_;
+
+    mutable std::mutex lock_; ///< guards the members down to stopped_
+    std::atomic<life_id> life_{next_after(life_id::none)};
+    life_id last_life_ = life_; ///< also while life_ is none
+    task_queue to_uloop_;
+    bool wakeup_owed_ = false;     ///< the loop thread could not be woken for what is queued
+    task_queue queue_;             ///< for the application's loop
+    task_queue batch_;             ///< taken out of queue_ by a drain that has not come to its end
+    bool drain_requested_ = false; ///< the application's loop has been asked to empty queue_
+    bool delivery_waits_ = true;   ///< results wait for the application's next request
+    bool closed_ = false;          ///< the loop thread is gone or going: nothing more may be posted
+
+    // The loop thread's alone.
+    task_queue burst_;
+    int burst_depth_ = 0;
+    memory_reserve reserve_;
+};
+
+} // namespace tarn
