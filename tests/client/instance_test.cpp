@@ -4,11 +4,13 @@
 #include "support/expect_throw.h"
 #include "support/hand_loop.h"
 #include "support/on_loop_thread.h"
+#include "tarn/uloop.h"
 
 #include <gtest/gtest.h>
 
 #include <csignal>
 #include <fstream>
+#include <future>
 #include <memory>
 #include <string>
 #include <thread>
@@ -79,6 +81,79 @@ TEST(Instance, AnotherLiveLoopIsRefused) {
     const auto other = std::make_shared<hand_loop>();
     expect_throw_msg<std::runtime_error>([&] { client::get_instance(other); }, other_loop);
     EXPECT_EQ(&client::get_instance({}), &first);
+}
+
+/// Runs the library's loop on a thread of the test's own, as an application may that knows of it.
+class own_run {
+public:
+    own_run()
+        : thread_([this] {
+            uloop::get_instance().run();
+            ended_.set_value();
+        }) {
+        std::promise<void> runs;
+        uloop::get_instance().post([&runs] { runs.set_value(); });
+        runs.get_future().wait();
+    }
+    ~own_run() { thread_.join(); }
+    own_run(const own_run&) = delete;
+    own_run& operator=(const own_run&) = delete;
+
+    bool has_ended() {
+        return ended_.get_future().wait_for(std::chrono::seconds(20)) == std::future_status::ready;
+    }
+
+private:
+    std::promise<void> ended_;
+    std::thread thread_;
+};
+
+/// Whether the private thread does what it is asked, and signals are as they were.
+void expect_a_working_client(client& bus, hand_loop& loop) {
+    sigset_t blocked;
+    pthread_sigmask(SIG_BLOCK, nullptr, &blocked);
+    EXPECT_EQ(sigismember(&blocked, SIGTERM), 0);
+    bool told = false;
+    bus.invoke(
+        "nobody", "ping", {},
+        [&told](const std::list<blob::attr>&, const std::error_code&) { told = true; },
+        std::chrono::seconds(0));
+    EXPECT_TRUE(loop.run_until([&told] { return told; }, std::chrono::seconds(20)));
+}
+
+TEST(Instance, StopsARunOfTheLoopThatIsTheApplications) {
+    const auto loop = keep(std::make_shared<hand_loop>());
+    own_run run;
+    client& bus = client::get_instance(loop);
+    EXPECT_TRUE(run.has_ended());
+    expect_a_working_client(bus, *loop);
+}
+
+TEST(Instance, IsMadeInsideATaskOfTheLoopToo) {
+    const auto loop = keep(std::make_shared<hand_loop>());
+    own_run run;
+    std::promise<client*> made;
+    uloop::get_instance().post([&] { made.set_value(&client::get_instance(loop)); });
+    client& bus = *made.get_future().get();
+    EXPECT_TRUE(run.has_ended());
+    expect_a_working_client(bus, *loop);
+}
+
+TEST(Instance, WhatIsAskedForBeforeThePrivateThreadRunsIsDoneWhenItDoes) {
+    const auto loop = keep(std::make_shared<hand_loop>());
+    own_run run;
+    bool told = false;
+    std::promise<void> asked;
+    uloop::get_instance().post([&] {
+        client::get_instance(loop).invoke(
+            "nobody", "ping", {},
+            [&told](const std::list<blob::attr>&, const std::error_code&) { told = true; },
+            std::chrono::seconds(0));
+        asked.set_value();
+    });
+    asked.get_future().wait();
+    EXPECT_TRUE(run.has_ended());
+    EXPECT_TRUE(loop->run_until([&told] { return told; }, std::chrono::seconds(20)));
 }
 
 TEST(Instance, StartsDisconnectedAndInactive) {

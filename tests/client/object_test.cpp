@@ -605,6 +605,48 @@ TEST_F(Object, ManyThreadsMayAddAndDeleteAtOnce) {
         EXPECT_FALSE(add(own, echo())) << "the name is free";
         EXPECT_FALSE(call(own, "echo").code());
     }
+    for (const std::string shared : {"object0", "object1"}) {
+        // Served or free, whoever came last; nothing between.
+        const bool served = !call(shared, "echo").code();
+        const auto removed = remove(shared);
+        EXPECT_EQ(removed, make_error_code(served ? msg::success : msg::not_found)) << shared;
+        EXPECT_EQ(call(shared, "echo").code(), make_error_code(msg::not_found));
+        EXPECT_FALSE(add(shared, echo())) << "the name is free";
+        EXPECT_FALSE(call(shared, "echo").code());
+    }
+}
+
+TEST_F(Object, NamesThatThreadsAddAndDeleteWhileAnotherCancelsAndConnectsAreServedOrFree) {
+    constexpr int rounds = 100;
+    std::atomic<int> heard{0};
+    std::atomic<bool> over{false};
+    const auto count = [&heard](const std::error_code&) {
+        ++heard;
+    };
+    int asked = 0;
+    std::thread worker([&] {
+        for (; !over; ++asked) {
+            bus().add_object("own", echo(), count);
+            bus().del_object("nothing", true, count);
+        }
+    });
+    for (int round = 0; round < rounds; ++round) {
+        bus().connect({});
+        loop()->run_until([] { return bus().is_active(); }, limit);
+        bus().cancel();
+        loop()->drain();
+    }
+    over = true;
+    worker.join();
+    connect();
+    run_until([&] { return heard >= 2 * asked; });
+    settle();
+    EXPECT_EQ(heard, 2 * asked) << "each handler once";
+    if (call("own", "echo").code()) {
+        EXPECT_FALSE(add("own", echo())) << "not served, so it is free";
+    }
+    EXPECT_FALSE(call("own", "echo").code());
+    EXPECT_FALSE(remove("own"));
 }
 
 } // namespace

@@ -1,0 +1,311 @@
+/// Operations asked for in the middle of others: inside handlers, and on another thread while a
+/// handler runs.
+#include "client/client_fixture.h"
+
+#include "tarn/error.h"
+
+#include <gmock/gmock.h>
+
+#include <stdexcept>
+#include <string>
+#include <thread>
+
+namespace tarn::test {
+namespace {
+
+using error::generic;
+using error::msg;
+using state = client::state;
+using std::chrono::seconds;
+using ::testing::ElementsAre;
+
+class Overtaking : public client_on_bus_test {
+protected:
+    static client::method_map echo() {
+        return {
+            {"echo",
+             {[](const std::shared_ptr<client::exchange_ctx>& ctx) { ctx->send(ctx->args, {}); },
+              {}}}};
+    }
+    static std::error_code add(const std::string& name) {
+        outcome added;
+        bus().add_object(name, echo(), added.handler());
+        run_until([&] { return added.reported(); });
+        return added.code();
+    }
+    static std::error_code call(const std::string& name) {
+        call_outcome called;
+        bus().invoke(name, "echo", {}, called.handler(), seconds(0));
+        run_until([&] { return called.reported(); });
+        return called.code();
+    }
+    /// Whether everything works once more, from a new connection to the end of it.
+    void expect_a_working_client() {
+        ASSERT_NO_FATAL_FAILURE(connect());
+        EXPECT_FALSE(add("again"));
+        EXPECT_FALSE(call("again"));
+        outcome disconnected;
+        bus().disconnect(disconnected.handler());
+        run_until([&] { return disconnected.reported(); });
+        EXPECT_FALSE(disconnected.code());
+        EXPECT_EQ(bus().get_state(), state::disconnected);
+    }
+    /// Does `work` on another thread, and waits until it is done.
+    template <class Work>
+    static void elsewhere(const Work& work) {
+        std::thread(work).join();
+    }
+};
+
+TEST_F(Overtaking, AHandlerOfCancelMayCancelAndConnect) {
+    connect();
+    ASSERT_FALSE(add("own"));
+    outcome connected;
+    call_outcome last;
+    bus().invoke(
+        "own", "echo", {},
+        [&](const std::list<blob::attr>&, const std::error_code& code) {
+            EXPECT_EQ(code, generic::aborted);
+            bus().cancel();
+            EXPECT_EQ(last.code(), generic::aborted) << "the inner one ends everything";
+            bus().connect(connected.handler());
+            EXPECT_EQ(bus().get_state(), state::connecting);
+        },
+        seconds(0));
+    bus().invoke("own", "echo", {}, last.handler(), seconds(0));
+    bus().cancel();
+    EXPECT_EQ(last.count(), 1U);
+    EXPECT_EQ(bus().get_state(), state::connecting) << "the outer one leaves the new one alone";
+    run_until([&] { return connected.reported(); });
+    EXPECT_FALSE(connected.code());
+    EXPECT_EQ(bus().get_state(), state::connected);
+    EXPECT_FALSE(add("own"));
+    EXPECT_FALSE(call("own"));
+}
+
+TEST_F(Overtaking, EveryHandlerThatCancelCallsMayCancelAndConnect) {
+    for (int chosen = 0; chosen < 6; ++chosen) {
+        ASSERT_NO_FATAL_FAILURE(connect());
+        outcome again;
+        int number = 0;
+        const auto meddle = [&, chosen](int n) {
+            if (n == chosen) {
+                bus().cancel();
+                bus().connect(again.handler());
+            }
+            ++number;
+        };
+        const auto completion = [meddle](int n) {
+            return [meddle, n](const std::error_code&) {
+                meddle(n);
+            };
+        };
+        bus().invoke(
+            "nobody", "echo", {},
+            [&](const std::list<blob::attr>&, const std::error_code&) { meddle(0); }, seconds(0));
+        bus().add_object("own", echo(), completion(1));
+        bus().del_object("own", true, completion(2));
+        bus().connect(completion(3));
+        bus().disconnect(completion(4));
+        bus().connect(completion(5));
+        bus().cancel();
+        EXPECT_EQ(number, 6) << "each once, by whichever of the two, when " << chosen << " cancels";
+        EXPECT_EQ(bus().get_state(), state::connecting) << chosen;
+        run_until([&] { return again.reported(); });
+        EXPECT_FALSE(again.code());
+        outcome disconnected;
+        bus().disconnect(disconnected.handler());
+        run_until([&] { return disconnected.reported(); });
+    }
+}
+
+TEST_F(Overtaking, ADisconnectOnAnotherThreadWhileAConnectHandlerRunsIsDone) {
+    outcome disconnected;
+    bus().connect([&](const std::error_code& code) {
+        EXPECT_FALSE(code);
+        elsewhere([&] { bus().disconnect(disconnected.handler()); });
+    });
+    run_until([&] { return disconnected.reported(); });
+    run_until_state(state::disconnected);
+    EXPECT_EQ(disconnected.count(), 1U);
+    expect_a_working_client();
+}
+
+TEST_F(Overtaking, ADisconnectOnAnotherThreadWhileTheSubscribersHearOfAConnectionIsDone) {
+    outcome disconnected;
+    utils::scoped_link link = bus().notify_on_state_change([&](state s) {
+        if (s == state::connected) {
+            elsewhere([&] { bus().disconnect(disconnected.handler()); });
+        }
+    });
+    outcome connected;
+    bus().connect(connected.handler());
+    run_until([&] { return connected.reported() && disconnected.reported(); });
+    run_until_state(state::disconnected);
+    link.release();
+    expect_a_working_client();
+}
+
+TEST_F(Overtaking, AConnectHandlerOfAnAttemptThatIsToEndMayConnectAndDisconnect) {
+    outcome first;
+    outcome connected;
+    outcome disconnected;
+    bus().connect([&](const std::error_code&) {
+        bus().connect(connected.handler());
+        bus().disconnect(disconnected.handler());
+    });
+    bus().disconnect(first.handler());
+    run_until([&] { return first.reported() && connected.reported() && disconnected.reported(); });
+    run_until_state(state::disconnected);
+    expect_a_working_client();
+}
+
+TEST_F(Overtaking, ADisconnectHandlerMayConnectAndDisconnect) {
+    connect();
+    outcome connected;
+    outcome disconnected;
+    bus().disconnect([&](const std::error_code&) {
+        bus().connect(connected.handler());
+        bus().disconnect(disconnected.handler());
+    });
+    run_until([&] { return connected.reported() && disconnected.reported(); });
+    run_until_state(state::disconnected);
+    expect_a_working_client();
+}
+
+TEST_F(Overtaking, AConnectHandlerThatThrowsTakesThoseBehindItWithIt) {
+    bus().connect([](const std::error_code&) { throw std::runtime_error("a connect's"); });
+    outcome second;
+    const utils::link link = bus().connect(second.handler());
+    EXPECT_THROW(run_until([&] { return second.reported(); }), std::runtime_error);
+    EXPECT_EQ(bus().get_state(), state::connected);
+    EXPECT_FALSE(link.active());
+    outcome disconnected;
+    bus().disconnect(disconnected.handler());
+    run_until([&] { return disconnected.reported(); });
+    EXPECT_FALSE(second.reported()) << "of a later outcome, which is not its own";
+    expect_a_working_client();
+}
+
+TEST_F(Overtaking, ASubscriberThatThrowsHoldsBackNoOutcome) {
+    bool thrown = false;
+    const utils::scoped_link link = bus().notify_on_state_change([&](state s) {
+        if (s == state::connected && !thrown) {
+            thrown = true;
+            throw std::runtime_error("a subscriber's");
+        }
+    });
+    outcome connected;
+    bus().connect(connected.handler());
+    EXPECT_THROW(run_until([&] { return connected.reported(); }), std::runtime_error);
+    EXPECT_EQ(connected.count(), 1U);
+    EXPECT_FALSE(connected.code());
+}
+
+TEST_F(Overtaking, SubscribersHearOfAChangeThatTheyMakeInsideTheirOwnCall) {
+    std::vector<std::string> heard;
+    const utils::scoped_link link = bus().notify_on_state_change([&](state s) {
+        heard.push_back("begin " + std::to_string(static_cast<int>(s)));
+        if (s == state::connecting) {
+            bus().disconnect({});
+        }
+        heard.push_back("end " + std::to_string(static_cast<int>(s)));
+    });
+    bus().connect({});
+    EXPECT_THAT(heard, ElementsAre("begin 1", "begin 3", "end 3", "end 1"));
+}
+
+TEST_F(Overtaking, ChangesOfTwoThreadsAtOnceAreHeardOfInTheirOrder) {
+    std::vector<state> heard;
+    utils::scoped_link link = bus().notify_on_state_change([&](state s) {
+        if (s == state::connecting) {
+            elsewhere([] { bus().disconnect({}); }); // returns, although subscribers are busy
+        }
+        heard.push_back(s);
+    });
+    bus().connect({});
+    run_until_state(state::disconnected);
+    EXPECT_THAT(heard, ElementsAre(state::connecting, state::disconnecting, state::disconnected));
+    link.release();
+}
+
+// --- what becomes of names when a connection ends ---
+
+TEST_F(Overtaking, TheNamesOfObjectsAreFreeWhenTheHandlersOfTheDisconnectionHaveRun) {
+    connect();
+    ASSERT_FALSE(add("own"));
+    outcome in_subscriber;
+    outcome in_handler;
+    utils::scoped_link link = bus().notify_on_state_change([&](state s) {
+        if (s == state::disconnected) {
+            bus().add_object("own", echo(), in_subscriber.handler());
+        }
+    });
+    bool told = false;
+    bus().disconnect([&](const std::error_code&) {
+        bus().add_object("own", echo(), in_handler.handler());
+        told = true;
+    });
+    run_until([&] { return told && in_subscriber.reported() && in_handler.reported(); });
+    EXPECT_EQ(in_subscriber.code(), msg::invalid_argument);
+    EXPECT_EQ(in_handler.code(), msg::invalid_argument);
+    link.release();
+    EXPECT_EQ(add("own"), msg::connection_failed) << "free, but there is no connection";
+    ASSERT_NO_FATAL_FAILURE(connect());
+    EXPECT_FALSE(add("own"));
+    EXPECT_FALSE(call("own"));
+}
+
+TEST_F(Overtaking, AfterACancelTheNamesOfObjectsAreFreeFromTheNextConnectedOn) {
+    connect();
+    ASSERT_FALSE(add("own"));
+    outcome at_once;
+    outcome when_connected;
+    utils::scoped_link link = bus().notify_on_state_change([&](state s) {
+        if (s == state::connected) {
+            bus().add_object("own", echo(), when_connected.handler());
+        }
+    });
+    bus().cancel();
+    bus().connect({});
+    bus().add_object("own", echo(), at_once.handler());
+    run_until([&] { return at_once.reported() && when_connected.reported(); });
+    EXPECT_EQ(at_once.code(), msg::invalid_argument) << "its end is not known yet";
+    EXPECT_FALSE(when_connected.code());
+    EXPECT_FALSE(call("own"));
+    link.release();
+}
+
+TEST_F(Overtaking, ALossFreesTheNamesBeforeTheNextConnectedToo) {
+    std::vector<std::error_code> added;
+    utils::scoped_link states = bus().notify_on_state_change([&](state s) {
+        if (s == state::connected) {
+            bus().add_object("own", echo(),
+                             [&](const std::error_code& code) { added.push_back(code); });
+        }
+    });
+    utils::scoped_link on = bus().auto_connect([](long long) { return seconds(1); });
+    run_until([&] { return added.size() == 1; });
+    daemon_.restart();
+    run_until([&] { return !loop()->armed_timers().empty(); });
+    loop()->advance(seconds(1));
+    run_until([&] { return added.size() == 2; });
+    EXPECT_THAT(added, ::testing::Each(std::error_code(msg::success)));
+    EXPECT_FALSE(call("own"));
+    states.release();
+}
+
+// --- the application's loop is asked for what is due ---
+
+TEST_F(Overtaking, AReportOnAnEmptyQueueAlwaysRequestsADrain) {
+    bus().cancel();
+    const auto posts = loop()->post_count();
+    outcome disconnected;
+    bus().disconnect(disconnected.handler());
+    EXPECT_EQ(loop()->post_count(), posts + 1) << "although cancel() has asked for one as well";
+    loop()->drain();
+    EXPECT_TRUE(disconnected.reported());
+}
+
+} // namespace
+} // namespace tarn::test
