@@ -27,26 +27,26 @@ namespace tarn {
 /// get_instance(). It never calls a handler on its private thread, and holds no lock while a
 /// handler runs, so a handler may call anything here.
 ///
-/// Threads. get_instance(), get_state(), is_active(), notify_on_state_change(), invoke(),
-/// add_object(), del_object() and the release of every link may be called from any thread at any
-/// time. connect(), auto_connect(), disconnect() and cancel() drive one state machine: they are
-/// meant for the thread of the application's loop (or any one thread before that loop runs). From
-/// other threads they are memory-safe, but two of them at once may overtake each other.
+/// Threads. Every function, and the release of every link, may be called from any thread at any
+/// time. Operations that meet come one after another, each as a whole: every handler is told what
+/// became of its own.
 ///
 /// Delivery. A handler is called at most once, on the application's loop, and never inside the
 /// operation that took it. (Where another thread calls the operation, the handler may run before it
 /// has returned there.) There are two exceptions: cancel() completes what is
 /// outstanding on its caller's thread, and state subscribers are called on the thread that changes
 /// the state: the loop's for what comes from the bus, the caller's for connect(), auto_connect(),
-/// disconnect() and cancel(). Results produced before the application's first request of the bus,
-/// or after a cancel(), wait until its next request.
+/// disconnect() and cancel(). (Of two threads that change it at the same moment the one that tells
+/// already tells both changes, so that subscribers hear of them in their order.) Results produced
+/// before the application's first request of the bus, or after a cancel(), wait until its next
+/// request.
 ///
 /// Exceptions. Outcomes are std::error_code values, never exceptions. What an operation can throw
 /// is misuse (std::runtime_error "tarn_impl::client: No event loop" when the application's loop is
 /// gone), a failure to wake the private thread (std::runtime_error "uloop: ..."), or
 /// std::bad_alloc; the operation has then not begun and its handler is not called. An exception
-/// that leaves a handler passes through the loop's task and drops the results queued behind it in
-/// the same batch, so handlers had better catch their own.
+/// that leaves a handler passes through the loop's task, and the handlers whose results are queued
+/// behind it in the same batch are not called, so handlers had better catch their own.
 ///
 /// End of the process. The client is stopped by the runtime's exit handlers: the connection is
 /// closed, the private thread joined, and everything still pending dropped without a report. The
@@ -93,6 +93,8 @@ public:
     /// be alive then. The first call starts the private thread and returns once that thread runs;
     /// the dispositions of SIGINT, SIGTERM, SIGCHLD and SIGPIPE stay the application's. Nothing
     /// connects yet. Later calls may pass the same loop, or an expired or empty pointer.
+    /// A run of tarn::uloop that is the application's own is asked to stop; this waits for its end,
+    /// unless it is called by one of its tasks.
     /// Any thread. Throws std::runtime_error "tarn_impl::client: " followed by
     ///   "No event loop" or "Missing/expired event loop"  the first call's loop does not exist;
     ///   "Instance of event loop can't be changed"        a later call names another live loop.
@@ -101,7 +103,8 @@ public:
 
     /// Connects to the bus once, at libubus's default socket, and turns automatic reconnection off.
     /// `handler` gets success, generic::unknown_error when there is no bus, or generic::aborted
-    /// when disconnect() or cancel() overtook the attempt. When already connected it gets success.
+    /// when disconnect() or cancel() overtook the attempt, or when the end of a connection is being
+    /// told (the attempt is made then). When already connected it gets success.
     /// It may be empty. The link is active while the report is pending; releasing it suppresses
     /// the report, not the attempt.
     virtual utils::link connect(const completion_handler& handler) = 0;
@@ -115,10 +118,12 @@ public:
     virtual utils::link auto_connect(const backoff_function& backoff) = 0;
 
     /// Ends the connection and turns automatic reconnection off. Calls in flight end with
-    /// msg::connection_failed, published objects are forgotten. What was sent or responded before
+    /// msg::connection_failed. Published objects are forgotten when the subscribers and handlers
+    /// have heard of the end: until then their names are taken. What was sent or responded before
     /// reaches the bus first: the connection is closed once the daemon has read everything, or
     /// after 500 ms. `handler` gets success, also when already disconnected, or generic::aborted
-    /// when a connect() overtook it. It may be empty. The link is active while the report is
+    /// when a connect() overtook it, or when the outcome of a connect() is being told (the
+    /// connection is ended then). It may be empty. The link is active while the report is
     /// pending; releasing it suppresses the report.
     virtual utils::link disconnect(const completion_handler& handler) = 0;
 
@@ -206,10 +211,12 @@ public:
     /// Ends everything outstanding, before it returns and on the calling thread: automatic
     /// reconnection stops, pending calls and operations get generic::aborted, connect handlers
     /// generic::aborted, disconnect handlers success, and the state becomes `disconnected`.
-    /// Published objects are no longer served. Everything already handed to the application's
-    /// loop falls silent. The client can be used again afterwards. It never waits for the bus. What
-    /// a handler throws, and std::bad_alloc, passes through; the client can be used again after
-    /// another cancel(), which does the rest.
+    /// Published objects are no longer served; their names are free from the next
+    /// state::connected on. Everything already handed to the application's loop falls silent. The
+    /// client can be used again afterwards. It never waits for the bus. What a handler throws, and
+    /// std::bad_alloc, passes through; the client can be used again after another cancel(), which
+    /// does the rest. So may a handler that it calls do, and then use the client: what is left is
+    /// ended by the inner one.
     virtual void cancel() = 0;
 
     /// As invoke(), for replies that are wanted when they come, or are many: `each` is called on

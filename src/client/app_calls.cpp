@@ -20,7 +20,6 @@ utils::link app_side::invoke(const std::string& path, const std::string& method,
                              const std::shared_ptr<const client::reply_handler>& each,
                              const client::result_handler& handler,
                              const std::chrono::seconds& timeout) {
-    assert_application_side();
     using replies = std::list<blob::attr>;
     const auto aborted = make_error_code(error::generic::aborted);
     if (cancelling()) {

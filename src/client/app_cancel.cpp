@@ -44,7 +44,6 @@ std::shared_ptr<pending> app_side::take_oldest(pending_list& waiting, era since)
 }
 
 void app_side::cancel() {
-    assert_application_side();
     disable_auto_connect();
     handover();
     const era since = begin_cancel();

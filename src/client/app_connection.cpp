@@ -153,7 +153,6 @@ bool app_side::wait_for(connection_event event, client::state reached, pending_l
 
 utils::link app_side::ask_for(connection_event event, client::state reached, pending_list& others,
                               bool& after_cancel, const client::completion_handler& handler) {
-    assert_application_side();
     disable_auto_connect();
     const std::shared_ptr<report> waiting =
         handler ? std::make_shared<report>(*this, handler) : nullptr;
@@ -184,7 +183,6 @@ utils::link app_side::disconnect(const client::completion_handler& handler) {
 }
 
 utils::link app_side::auto_connect(const client::backoff_function& backoff) {
-    assert_application_side();
     disable_auto_connect();
     std::shared_ptr<reconnection> wanted;
     utils::link link;

@@ -45,7 +45,6 @@ std::shared_ptr<object_ctx> app_side::find_object(const std::string& name) const
 
 utils::link app_side::add_object(const std::string& name, const client::method_map& methods,
                                  const client::completion_handler& handler) {
-    assert_application_side();
     if (cancelling()) {
         return report_later(handler, make_error_code(error::generic::aborted));
     }
@@ -90,7 +89,6 @@ std::error_code app_side::begin_addition(const std::shared_ptr<object_ctx>& obje
 
 utils::link app_side::del_object(const std::string& name, bool stop_serving,
                                  const client::completion_handler& handler) {
-    assert_application_side();
     if (cancelling()) {
         return report_later(handler, make_error_code(error::generic::aborted));
     }

@@ -27,7 +27,8 @@
 
 namespace tarn {
 
-/// Any thread of the application, its loop's included; never the loop thread.
+/// Any thread calls the operations. Results come back on the application's loop, and what follows
+/// from them is never done on the loop thread.
 ///
 /// One lock guards everything. Each change is one locked step: what it reads, what it decides, what
 /// it changes in the tables and what it posts to the loop thread are whole when the lock is let go.
