@@ -1,4 +1,4 @@
-# Language level, warnings and sanitizers, gathered in one interface target that every target of
+# Language level, warnings, sanitizers and checks, gathered in one interface target that every target of
 # the project links privately: tarn_flags.
 set(CMAKE_CXX_STANDARD 17)
 set(CMAKE_CXX_STANDARD_REQUIRED ON)
@@ -21,4 +21,9 @@ if(TARN_SANITIZE)
     add_compile_options(-fsanitize=${TARN_SANITIZE} -fno-omit-frame-pointer
                         -fno-sanitize-recover=all)
     add_link_options(-fsanitize=${TARN_SANITIZE})
+endif()
+if(TARN_CHECKED_CONTAINERS)
+    # Global as well: containers have another layout then, so what they pass through (the public
+    # interface, GoogleTest) has to be built alike.
+    add_compile_definitions(_GLIBCXX_DEBUG _GLIBCXX_ASSERTIONS)
 endif()
