@@ -3,6 +3,8 @@
 ///
 ///   usage                          usage CPU_NS SLEEPS SWITCHES ALLOCATIONS
 ///   call OBJECT CALLS WINDOW EACH  done ANSWERED NANOSECONDS
+///   pend OBJECT COUNT              pending, once the service has these calls
+///   unanswered                     unanswered COUNT
 ///   run NAME                       ran NANOSECONDS CPU_NS SLEEPS SWITCHES ALLOCATIONS, of one turn
 ///
 /// The end of the input ends the program.
@@ -23,15 +25,27 @@ struct load {
     bool look_up_each = true;
 };
 
-/// Makes the calls and returns how many were answered rightly, once none is in flight.
-using caller = std::function<unsigned long(const load&)>;
+/// What a program can do for the driver; what it cannot is empty.
+struct abilities {
+    /// Makes the calls and returns how many were answered rightly, once none is in flight.
+    std::function<unsigned long(const load&)> call;
+    /// Makes so many calls of the method "mute" of an object, which never answers, and leaves them
+    /// pending until the process ends. Returns when the service has them all.
+    std::function<void(const std::string& object, unsigned long count)> pend;
+    /// As a service: how many calls of "mute" have come.
+    std::function<unsigned long()> unanswered;
+};
 
-/// Answers one line; `call` may be empty in a program that makes none. A line that it does not know
-/// ends the process with a message.
-void answer(const std::string& line, const caller& call);
+/// So many calls of "mute" may be on their way at once. A daemon drops what a service's queue
+/// cannot hold, and none of these is answered in a way that would slow the caller down.
+constexpr unsigned long pending_at_once = 100;
+
+/// Answers one line. A line that it does not know, or that the program has no ability for, ends the
+/// process with a message.
+void answer(const std::string& line, const abilities& able);
 
 /// Tells the driver that commands may come, and answers them until the input ends.
-void answer_commands(const caller& call);
+void answer_commands(const abilities& able);
 
 /// Prints one line at once.
 void say(const std::string& line);

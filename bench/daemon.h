@@ -1,26 +1,39 @@
-/// The bus daemon that a run of the benchmarks talks over.
+/// The bus daemons that a run of the benchmarks talks over.
 #pragma once
 
 #include "worker.h"
 
+#include <memory>
 #include <string>
+#include <vector>
 
 namespace tarn::bench {
 
-/// Starts a daemon, waits until it listens, and ends it in the destructor. Leads the programs that
-/// are started afterwards to its socket. Failures throw std::runtime_error.
+/// Starts a daemon, waits until it listens, and ends it in the destructor. Failures throw
+/// std::runtime_error.
 class daemon {
 public:
     /// `socket` is the path compiled into an installed libubus; empty with the bundled one, which
     /// is told a path of this run's own. What a dead daemon has left there is replaced; a living
-    /// one is left alone, and is a failure.
-    daemon(const std::string& program, const std::string& socket);
+    /// one is left alone, and is a failure. Leads the programs that are started afterwards there.
+    static std::unique_ptr<daemon> ubus(const std::string& program, const std::string& socket);
+
+    /// A D-Bus daemon of this run's own, which nobody finds who is not told address().
+    static std::unique_ptr<daemon> dbus(const std::string& program);
+
     ~daemon();
     daemon(const daemon&) = delete;
     daemon& operator=(const daemon&) = delete;
 
+    /// In the form of D-Bus.
+    std::string address() const { return "unix:path=" + socket_; }
+
 private:
-    const std::string folder_; ///< made for the socket; empty if it has its place
+    /// `folder` was made for this run, and is removed; empty if the socket has its place.
+    daemon(const std::string& folder, const std::string& socket,
+           const std::vector<std::string>& command);
+
+    const std::string folder_;
     const std::string socket_;
     worker process_;
 };

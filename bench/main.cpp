@@ -35,11 +35,15 @@ void explain(const options& chosen) {
     cpu_set_t allowed;
     ::sched_getaffinity(0, sizeof(allowed), &allowed);
     std::cout << "Daemon: " << std::filesystem::path(chosen.daemon).filename().string()
+              << (chosen.peers ? " for tarn and plain, dbus-daemon for sdbus-c++" : "")
               << ". Processors: " << CPU_COUNT(&allowed) << ". Build: " << TARN_BENCH_BUILD
               << ". Medians of " << chosen.repetitions
               << (chosen.quick ? " repetition, too short to say how fast" : " repetitions") << ".\n"
-              << "Posts stand beside nothing: libubox has no function that hands its loop work"
-                 " from another thread.\n\n";
+              << (chosen.peers
+                      ? "In call rows, tarn and plain call a plain service, sdbus-c++ its own."
+                        " Both ends: caller and service are alike, the figures are of both.\n\n"
+                      : "Posts stand beside nothing: libubox has no function that hands its loop"
+                        " work from another thread.\n\n");
 }
 
 } // namespace
@@ -52,7 +56,9 @@ int main(int argc, char** argv) {
         }
         std::vector<row> rows;
         measure_bus(chosen, rows);
-        measure_micro(chosen, rows);
+        if (!chosen.peers) {
+            measure_micro(chosen, rows);
+        }
         if (rows.empty()) {
             throw std::runtime_error("no row holds '" + chosen.only + "'");
         }

@@ -59,16 +59,17 @@ void measure_micro(const options& chosen, std::vector<row>& rows) {
         if (name.find(chosen.only) == std::string::npos) {
             continue;
         }
-        row measured{name, {}, {}, {}, {}};
+        row measured{name, {{"tarn", {}, {}}}};
+        if (beside_plain) {
+            measured.sides.push_back({"plain", {}, {}});
+        }
         for (unsigned i = 0; i < chosen.repetitions; ++i) {
-            measured.tarn.push_back(run(timed, name + "/tarn"));
-            if (beside_plain) {
-                measured.plain.push_back(run(timed, name + "/plain"));
+            for (side& each : measured.sides) {
+                each.samples.push_back(run(timed, name + '/' + each.name));
             }
         }
-        measured.tarn_allocations = allocations(counted, name + "/tarn");
-        if (beside_plain) {
-            measured.plain_allocations = allocations(counted, name + "/plain");
+        for (side& each : measured.sides) {
+            each.allocations = allocations(counted, name + '/' + each.name);
         }
         rows.push_back(std::move(measured));
     }

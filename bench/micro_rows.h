@@ -2,7 +2,7 @@
 #pragma once
 
 #include "options.h"
-#include "sample.h"
+#include "rows.h"
 
 #include <vector>
 

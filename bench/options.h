@@ -12,6 +12,7 @@ struct options {
     unsigned repetitions = 5;
     bool quick = false;
     bool pin = false;
+    bool peers = false; ///< beside sdbus-c++ as well
 };
 
 /// Ends the process with a message for an argument that it does not know, and for --help.

@@ -1,8 +1,9 @@
 /// A caller and a service on plain libubus, to measure libtarn beside, and for it to talk to.
 ///
 ///   plain_peer call           makes the calls that the driver asks for
-///   plain_peer serve OBJECT   publishes OBJECT with the method "echo"
+///   plain_peer serve OBJECT   publishes OBJECT with the methods "echo" and "mute"
 #include "commands.h"
+#include "pending_calls.h"
 #include "plain_calls.h"
 #include "plain_service.h"
 
@@ -27,8 +28,11 @@ int main(int argc, char** argv) {
     if (role == "serve") {
         status = plain_serve(context, argv[2]);
     } else {
+        pending_calls left(context);
         answer_commands(
-            [context](const load& wanted) { return plain_calls(context, wanted).make(); });
+            {[context](const load& wanted) { return plain_calls(context, wanted).make(); },
+             [&left](const std::string& object, unsigned long count) { left.make(object, count); },
+             {}});
     }
     ubus_free(context);
     uloop_done();

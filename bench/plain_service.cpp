@@ -26,6 +26,16 @@ int echo(ubus_context* context, ubus_object* /*object*/, ubus_request_data* requ
     return ubus_send_reply(context, request, reply.head);
 }
 
+unsigned long muted = 0;
+
+int mute(ubus_context* context, ubus_object* /*object*/, ubus_request_data* request,
+         const char* /*method*/, blob_attr* /*message*/) {
+    ubus_request_data kept{};
+    ubus_defer_request(context, request, &kept);
+    ++muted;
+    return UBUS_STATUS_OK;
+}
+
 void on_command(uloop_fd* input, unsigned int /*events*/) {
     static std::string unread;
     char piece[256];
@@ -36,7 +46,9 @@ void on_command(uloop_fd* input, unsigned int /*events*/) {
     }
     unread.append(piece, static_cast<std::size_t>(size));
     for (auto end = unread.find('\n'); end != std::string::npos; end = unread.find('\n')) {
-        answer(unread.substr(0, end), {});
+        answer(unread.substr(0, end), {{}, {}, [] {
+                                           return muted;
+                                       }});
         unread.erase(0, end + 1);
     }
 }
@@ -44,20 +56,24 @@ void on_command(uloop_fd* input, unsigned int /*events*/) {
 } // namespace
 
 int plain_serve(ubus_context* context, const char* name) {
-    ubus_method method{};
-    method.name = "echo";
-    method.handler = echo;
-    method.policy = echo_policy;
-    method.n_policy = 1;
+    ubus_method methods[2]{};
+    methods[0].name = "echo";
+    methods[0].handler = echo;
+    methods[1].name = "mute";
+    methods[1].handler = mute;
+    for (ubus_method& each : methods) {
+        each.policy = echo_policy;
+        each.n_policy = 1;
+    }
     ubus_object_type type{};
     type.name = name;
-    type.methods = &method;
-    type.n_methods = 1;
+    type.methods = methods;
+    type.n_methods = 2;
     ubus_object object{};
     object.name = name;
     object.type = &type;
-    object.methods = &method;
-    object.n_methods = 1;
+    object.methods = methods;
+    object.n_methods = 2;
     const int status = ubus_add_object(context, &object);
     if (status != UBUS_STATUS_OK) {
         std::cerr << "plain_peer: cannot publish: " << ubus_strerror(status) << '\n';

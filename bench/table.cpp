@@ -1,4 +1,4 @@
-/// The table of results, as Markdown.
+/// The tables of results, as Markdown.
 #include "table.h"
 
 #include <array>
@@ -19,55 +19,65 @@ std::string fixed(double value, int decimals) {
     return text.data();
 }
 
-/// Three digits, or the whole number where that is more.
-std::string digits(double value) {
-    return fixed(value, value >= 100 ? 0 : value >= 10 ? 1 : value >= 1 ? 2 : 3);
+line header(const std::vector<std::string>& beside) {
+    line made{"what"};
+    const auto figure = [&](const char* of) {
+        made.emplace_back(of);
+        made.insert(made.end(), beside.begin(), beside.end());
+    };
+    figure("/s");
+    for (const std::string& other : beside) {
+        made.push_back(beside.size() == 1 ? "ratio" : "to " + other);
+        made.emplace_back("lowest - highest");
+    }
+    figure("cpu us");
+    figure("wake-ups");
+    figure("switches");
+    figure("allocations");
+    return made;
 }
 
-line header() {
-    return {"what",     "/s",    "plain",    "ratio", "lowest - highest", "cpu us", "plain",
-            "wake-ups", "plain", "switches", "plain", "allocations",      "plain"};
-}
-
-line cells(const row& from) {
-    const bool beside = !from.plain.empty();
+line cells(const row& from, const std::vector<std::string>& beside) {
+    const side& tarn = from.sides.front();
     line made{from.name};
-    const auto pair = [&](double sample::*member) {
-        made.push_back(digits(median(from.tarn, member)));
-        made.push_back(beside ? digits(median(from.plain, member)) : nothing);
+    const auto figure = [&](const auto& of) {
+        made.push_back(of(tarn));
+        for (const std::string& other : beside) {
+            const side* const there = find_side(from, other);
+            made.push_back(there != nullptr ? of(*there) : nothing);
+        }
     };
-    const auto allocations = [](const std::optional<double>& counted) {
-        return counted ? digits(*counted) : nothing;
+    const auto middle = [](double sample::*member) {
+        return [member](const side& of) {
+            return digits(median(of.samples, member));
+        };
     };
-    pair(&sample::rate);
-    std::vector<double> ratios;
-    for (std::size_t i = 0; i < from.plain.size(); ++i) {
-        ratios.push_back(from.tarn[i].rate / from.plain[i].rate);
+    figure(middle(&sample::rate));
+    for (const std::string& other : beside) {
+        const side* const there = find_side(from, other);
+        if (there != nullptr) {
+            const comparison ratio = compare(tarn, *there);
+            made.push_back(digits(ratio.middle));
+            made.push_back(digits(ratio.lowest) + " - " + digits(ratio.highest));
+        } else {
+            made.insert(made.end(), {nothing, nothing});
+        }
     }
-    if (beside) {
-        const auto ends = std::minmax_element(ratios.begin(), ratios.end());
-        made.push_back(digits(median(ratios)));
-        made.push_back(digits(*ends.first) + " - " + digits(*ends.second));
-    } else {
-        made.insert(made.end(), {nothing, nothing});
-    }
-    pair(&sample::cpu_us);
-    pair(&sample::sleeps);
-    pair(&sample::switches);
-    made.push_back(allocations(from.tarn_allocations));
-    made.push_back(allocations(from.plain_allocations));
+    figure(middle(&sample::cpu_us));
+    figure(middle(&sample::sleeps));
+    figure(middle(&sample::switches));
+    figure([](const side& of) { return of.allocations ? digits(*of.allocations) : nothing; });
     return made;
 }
 
 } // namespace
 
-void print_table(std::ostream& out, const std::vector<row>& rows) {
-    std::vector<line> lines{header(), line(header().size(), "-:")};
-    lines.back().front() = "-";
-    for (const row& each : rows) {
-        lines.push_back(cells(each));
-    }
-    std::vector<std::size_t> widths(header().size(), 0);
+std::string digits(double value) {
+    return fixed(value, value >= 100 ? 0 : value >= 10 ? 1 : value >= 1 ? 2 : 3);
+}
+
+void print_lines(std::ostream& out, const std::vector<std::vector<std::string>>& lines) {
+    std::vector<std::size_t> widths(lines.front().size(), 0);
     for (const line& each : lines) {
         for (std::size_t i = 0; i < each.size(); ++i) {
             widths[i] = std::max(widths[i], each[i].size());
@@ -75,15 +85,28 @@ void print_table(std::ostream& out, const std::vector<row>& rows) {
     }
     for (const line& each : lines) {
         for (std::size_t i = 0; i < each.size(); ++i) {
-            const char filler = each[i].front() == '-' && each[i] != nothing ? '-' : ' ';
-            const bool rule = &each == &lines[1];
-            const std::string gap(widths[i] - each[i].size(), rule ? '-' : filler);
+            const std::string gap(widths[i] - each[i].size(), ' ');
             // Names to the left, figures to the right.
             out << "| " << (i == 0 ? each[i] + gap : gap + each[i]) << ' ';
         }
         out << "|\n";
+        if (&each == &lines.front()) {
+            for (std::size_t i = 0; i < widths.size(); ++i) {
+                out << "| " << std::string(widths[i] - 1, '-') << (i == 0 ? '-' : ':') << ' ';
+            }
+            out << "|\n";
+        }
     }
     out.flush();
+}
+
+void print_table(std::ostream& out, const std::vector<row>& rows) {
+    const std::vector<std::string> beside = others(rows);
+    std::vector<line> lines{header(beside)};
+    for (const row& each : rows) {
+        lines.push_back(cells(each, beside));
+    }
+    print_lines(out, lines);
 }
 
 } // namespace tarn::bench

@@ -90,6 +90,24 @@ private:
     unsigned long answered_ = 0;
 };
 
+/// Makes calls that are never answered, and leaves them pending.
+void leave_pending(const std::string& object, unsigned long count) {
+    for (unsigned long made = 0; made != count;) {
+        bus().invoke(
+            object, "mute", {{"n", static_cast<std::uint32_t>(made)}},
+            [](const std::list<tarn::blob::attr>&, const std::error_code&) {
+                std::cerr << "tarn_peer: a call has ended that was to stay pending\n";
+                std::exit(1);
+            },
+            std::chrono::seconds(0));
+        ++made;
+        if (made % pending_at_once == 0 || made == count) {
+            // Answered after those have been handled, since the service takes one at a time.
+            calls({object, 1, 1, true}).make();
+        }
+    }
+}
+
 void echo(const std::shared_ptr<tarn::client::exchange_ctx>& call) {
     const auto n = call->args.find("n");
     if (n == call->args.end()) {
@@ -121,7 +139,8 @@ int main(int argc, char** argv) {
     if (role == "serve") {
         serve(argv[2]);
     } else {
-        answer_commands([](const load& wanted) { return calls(wanted).make(); });
+        answer_commands(
+            {[](const load& wanted) { return calls(wanted).make(); }, leave_pending, {}});
     }
     return 0;
 }

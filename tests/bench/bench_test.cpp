@@ -42,14 +42,19 @@ std::vector<std::vector<std::string>> rows_of(const std::string& output) {
 }
 
 std::vector<std::string> every_row() {
-    std::vector<std::string> names;
-    for (const std::string what : {"call, ", "serve, "}) {
-        for (const char* const load :
-             {"one at a time", "16 in flight", "128 in flight", "1024 in flight"}) {
-            names.push_back(what + load);
-        }
-    }
-    names.emplace_back("serve, 128 in flight, one look-up in all");
+    std::vector<std::string> names{
+        "call, one at a time",
+        "call, 16 in flight",
+        "call, 128 in flight",
+        "call, 1024 in flight",
+        "call, 10000 in flight",
+        "call, one at a time, 10000 pending",
+        "serve, one at a time",
+        "serve, 16 in flight",
+        "serve, 128 in flight",
+        "serve, 1024 in flight",
+        "serve, 128 in flight, one look-up in all",
+    };
     for (const std::string what :
          {"encode, ", "encode, builder kept, ", "decode, ", "decode, beside a walk, "}) {
         for (const char* const size : {"1 field", "6 fields", "100 fields", "100 KiB"}) {
