@@ -1,5 +1,6 @@
 /// Measures libtarn beside plain libubus and libubox and prints one table: see docs/performance.md.
 #include "bus_rows.h"
+#include "idle.h"
 #include "micro_rows.h"
 #include "options.h"
 #include "table.h"
@@ -53,6 +54,10 @@ int main(int argc, char** argv) {
     try {
         if (chosen.pin) {
             pin();
+        }
+        if (chosen.idle) {
+            measure_idle(chosen, std::cout);
+            return 0;
         }
         std::vector<row> rows;
         measure_bus(chosen, rows);

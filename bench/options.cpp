@@ -10,6 +10,7 @@ namespace {
 constexpr const char* help = R"(usage: tarn_bench [OPTION...]
 
   --peers           calls beside sdbus-c++ over a D-Bus daemon as well (needs TARN_BENCH_PEERS)
+  --idle            the system calls of a client that has nothing to do (needs strace)
   --pin             everything on one processor: the daemon, both ends, and this program
   --quick           each measurement once and short: shows that it works, not how fast
   --repetitions N   of each measurement (5)
@@ -42,6 +43,8 @@ options parse_options(int argc, char** argv) {
             std::exit(0);
         } else if (word == "--pin") {
             parsed.pin = true;
+        } else if (word == "--idle") {
+            parsed.idle = true;
         } else if (word == "--peers") {
             parsed.peers = true;
         } else if (word == "--quick") {
@@ -64,6 +67,9 @@ options parse_options(int argc, char** argv) {
     }
     if (parsed.daemon.empty()) {
         refuse("which daemon? (--daemon PATH, and --socket PATH as its libubus has it)");
+    }
+    if (parsed.idle && TARN_BENCH_STRACE[0] == '\0') {
+        refuse("--idle: no strace was found when this was built");
     }
     if (parsed.peers && TARN_BENCH_SDBUS_PEER[0] == '\0') {
         refuse("--peers: this was built without TARN_BENCH_PEERS");

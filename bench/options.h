@@ -12,6 +12,7 @@ struct options {
     unsigned repetitions = 5;
     bool quick = false;
     bool pin = false;
+    bool idle = false;  ///< a client at rest, instead of the table
     bool peers = false; ///< beside sdbus-c++ as well
 };
 

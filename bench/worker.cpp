@@ -70,6 +70,15 @@ bool worker::runs() {
     return pid_ > 0;
 }
 
+void worker::finish() {
+    ::shutdown(channel_, SHUT_WR);
+    int status = 0;
+    if (::waitpid(pid_, &status, 0) != pid_ || status != 0) {
+        throw std::runtime_error(program_ + " did not end well");
+    }
+    pid_ = -1;
+}
+
 void worker::send(const std::string& line) const {
     const std::string text = line + '\n';
     if (::send(channel_, text.data(), text.size(), MSG_NOSIGNAL) !=

@@ -22,8 +22,13 @@ public:
     std::string receive(const std::string& first_word);
     std::string ask(const std::string& line, const std::string& first_word);
 
+    pid_t pid() const { return pid_; }
+
     /// Whether it has not ended yet.
     bool runs();
+
+    /// Ends its input, and waits for it to end.
+    void finish();
 
 private:
     const std::string program_;
