@@ -1,5 +1,7 @@
 /// Measures libtarn beside plain libubus and libubox and prints one table: see docs/performance.md.
 #include "bus_rows.h"
+#include "chart.h"
+#include "goals.h"
 #include "idle.h"
 #include "micro_rows.h"
 #include "options.h"
@@ -7,8 +9,10 @@
 
 #include <exception>
 #include <filesystem>
+#include <fstream>
 #include <iostream>
 #include <sched.h>
+#include <sstream>
 #include <stdexcept>
 
 namespace {
@@ -32,19 +36,37 @@ void pin() {
     throw std::runtime_error("cannot stay on one processor");
 }
 
-void explain(const options& chosen) {
+/// "Daemon: ubusd. Processors: 2. Build: Release. Medians of 5 repetitions."
+std::string circumstances(const options& chosen) {
     cpu_set_t allowed;
     ::sched_getaffinity(0, sizeof(allowed), &allowed);
-    std::cout << "Daemon: " << std::filesystem::path(chosen.daemon).filename().string()
-              << (chosen.peers ? " for tarn and plain, dbus-daemon for sdbus-c++" : "")
-              << ". Processors: " << CPU_COUNT(&allowed) << ". Build: " << TARN_BENCH_BUILD
-              << ". Medians of " << chosen.repetitions
-              << (chosen.quick ? " repetition, too short to say how fast" : " repetitions") << ".\n"
+    std::ostringstream text;
+    text << "Daemon: " << std::filesystem::path(chosen.daemon).filename().string()
+         << (chosen.peers ? ", for sdbus-c++ dbus-daemon" : "")
+         << ". Processors: " << CPU_COUNT(&allowed) << ". Build: " << TARN_BENCH_BUILD
+         << ". Medians of " << chosen.repetitions
+         << (chosen.quick ? " repetition, too short to say how fast." : " repetitions.");
+    return text.str();
+}
+
+void explain(const options& chosen) {
+    std::cout << circumstances(chosen) << '\n'
               << (chosen.peers
                       ? "In call rows, tarn and plain call a plain service, sdbus-c++ its own."
                         " Both ends: caller and service are alike, the figures are of both.\n\n"
                       : "Posts stand beside nothing: libubox has no function that hands its loop"
                         " work from another thread.\n\n");
+}
+
+goals chosen_goals(const options& chosen) {
+    if (chosen.goals.empty()) {
+        return {};
+    }
+    std::ifstream file(chosen.goals);
+    if (!file) {
+        throw std::runtime_error("cannot read " + chosen.goals);
+    }
+    return read_goals(file);
 }
 
 } // namespace
@@ -59,6 +81,15 @@ int main(int argc, char** argv) {
             measure_idle(chosen, std::cout);
             return 0;
         }
+        // A wrong file is told ahead of the minutes, not after.
+        const goals to_reach = chosen_goals(chosen);
+        std::ofstream chart;
+        if (!chosen.svg.empty()) {
+            chart.open(chosen.svg);
+            if (!chart) {
+                throw std::runtime_error("cannot write " + chosen.svg);
+            }
+        }
         std::vector<row> rows;
         measure_bus(chosen, rows);
         if (!chosen.peers) {
@@ -69,6 +100,12 @@ int main(int argc, char** argv) {
         }
         explain(chosen);
         print_table(std::cout, rows);
+        if (chart.is_open()) {
+            draw_chart(chart, rows, to_reach, circumstances(chosen));
+            if (!chart.flush()) {
+                throw std::runtime_error("cannot write " + chosen.svg);
+            }
+        }
     } catch (const std::exception& failure) {
         std::cerr << "tarn_bench: " << failure.what() << '\n';
         return 1;

@@ -15,6 +15,8 @@ constexpr const char* help = R"(usage: tarn_bench [OPTION...]
   --quick           each measurement once and short: shows that it works, not how fast
   --repetitions N   of each measurement (5)
   --only TEXT       only the rows whose name holds TEXT
+  --svg FILE        draws the ratios as a bar chart
+  --goals FILE      marks in the chart: lines of a ratio and the name of a row (bench/goals.txt)
   --daemon PATH     the bus daemon to start
   --socket PATH     its socket, for a libubus that has the path compiled in
 )";
@@ -57,6 +59,10 @@ options parse_options(int argc, char** argv) {
             }
         } else if (word == "--only") {
             parsed.only = value();
+        } else if (word == "--svg") {
+            parsed.svg = value();
+        } else if (word == "--goals") {
+            parsed.goals = value();
         } else if (word == "--daemon") {
             parsed.daemon = value();
         } else if (word == "--socket") {

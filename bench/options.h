@@ -9,6 +9,8 @@ struct options {
     std::string daemon;
     std::string socket; ///< compiled into libubus; empty with the bundled one
     std::string only;   ///< rows whose name holds this; empty: all
+    std::string svg;    ///< the file of the chart; empty: none
+    std::string goals;  ///< the file of the goals in it; empty: none
     unsigned repetitions = 5;
     bool quick = false;
     bool pin = false;

@@ -1,11 +1,14 @@
 /// The benchmarks work: their short form, which says nothing of speed.
+#include "bench/goals.h"
 #include "support/child_process.h"
+#include "support/temporary_folder.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <cstdlib>
-#include <map>
+#include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <vector>
@@ -13,6 +16,7 @@
 namespace {
 
 using namespace tarn::test;
+using ::testing::Contains;
 using ::testing::ElementsAreArray;
 
 std::vector<std::string> split(const std::string& line) {
@@ -71,7 +75,9 @@ std::vector<std::string> every_row() {
 
 // A call that is not answered, or answered wrongly, makes the program fail.
 TEST(Bench, TheShortFormGetsEveryCallAnsweredAndMeasuresEveryRow) {
-    child_process bench({TARN_TEST_BENCH, "--quick"});
+    const temporary_folder folder;
+    const std::string chart = folder.path() + "/chart.svg";
+    child_process bench({TARN_TEST_BENCH, "--quick", "--svg", chart, "--goals", TARN_TEST_GOALS});
     const std::string output = bench.read_rest(std::chrono::seconds(100));
     ASSERT_EQ(bench.wait(), 0) << output;
     const auto rows = rows_of(output);
@@ -89,6 +95,22 @@ TEST(Bench, TheShortFormGetsEveryCallAnsweredAndMeasuresEveryRow) {
         EXPECT_NE(row[11], "-") << "allocations of " << row.front() << " were not counted";
     }
     EXPECT_THAT(names, ElementsAreArray(every_row())) << output;
+    std::ifstream drawn(chart);
+    const std::string svg(std::istreambuf_iterator<char>(drawn), {});
+    for (const std::string& name : names) {
+        const bool alone = name.compare(0, 5, "post ") == 0;
+        EXPECT_EQ(svg.find('>' + name + '<') == std::string::npos, alone) << name;
+    }
+}
+
+// A goal of no row would never be missed.
+TEST(Bench, EveryGoalIsOfARow) {
+    std::ifstream file(TARN_TEST_GOALS);
+    const tarn::bench::goals read = tarn::bench::read_goals(file);
+    EXPECT_FALSE(read.empty());
+    for (const auto& goal : read) {
+        EXPECT_THAT(every_row(), Contains(goal.first));
+    }
 }
 
 } // namespace
