@@ -18,7 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// As a session's bus has it, with nothing on it but what the benchmarks start; what stands
+/// As the bus of a desktop has it, with nothing on it but what the benchmarks start; what stands
 /// between the two parts is the socket. Many calls in flight need more than the 128 replies that a
 /// connection may wait for unless the settings say otherwise.
 const char* const dbus_settings[] = {
