@@ -89,18 +89,21 @@ void app_side::end_invoke(const std::shared_ptr<pending>& ended, const std::erro
     if (!ended) {
         return;
     }
-    auto& call = static_cast<invoke_ctx&>(*ended);
-    const client::result_handler handler = std::exchange(call.handler, nullptr);
-    const auto timer = std::move(call.timer);
-    if (handler) {
+    if (const auto handler = static_cast<invoke_ctx&>(*ended).take_handler()) {
         handler({}, code);
     }
 }
 
 void app_side::tell_reply(invoke_ctx& call, const blob::attr& reply) {
-    // Kept by the one who tells, whatever the handler does to the call.
-    const auto each = call.each;
-    if (call.active() && *each) {
+    std::shared_ptr<const client::reply_handler> each; // kept, whatever it does to the call
+    {
+        const lock_guard guard(lock_);
+        if (!call.active()) {
+            return; // and whoever has ended it may be taking it apart
+        }
+        each = call.each;
+    }
+    if (each && *each) {
         (*each)(reply);
     }
 }
@@ -110,26 +113,22 @@ void app_side::complete_invoke(invoke_ctx& call) {
     if (!end(call)) {
         return;
     }
-    const client::result_handler handler = std::exchange(call.handler, nullptr);
-    const auto timer = std::move(call.timer);
     const auto replies = std::move(call.replies);
-    if (handler) {
+    if (const auto handler = call.take_handler()) {
         handler(replies, !call.outcome && call.status ? call.status : call.outcome);
     }
 }
 
 void app_side::drop_invoke(invoke_ctx& call) noexcept {
     if (end(call)) {
-        const client::result_handler dropped = std::exchange(call.handler, nullptr);
-        const auto timer = std::move(call.timer);
+        const auto dropped = call.take_handler();
         call.replies.clear();
     }
 }
 
 void app_side::cancel_invoke(invoke_ctx& call) noexcept {
     if (const auto ended = end(call)) {
-        const client::result_handler dropped = std::exchange(call.handler, nullptr);
-        const auto timer = std::move(call.timer);
+        const auto dropped = call.take_handler();
         bridge_.post_ready(call.abort_task, call.shared_from_this());
     }
 }

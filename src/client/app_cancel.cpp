@@ -133,9 +133,7 @@ void app_side::drop_all() noexcept {
         return waiting.take_oldest();
     };
     while (const auto ended = take(invokes_)) {
-        auto& call = static_cast<invoke_ctx&>(*ended);
-        call.handler = nullptr;
-        call.timer.reset();
+        static_cast<invoke_ctx&>(*ended).take_handler();
     }
     for (auto* waiting : {&connect_handlers_, &disconnect_handlers_, &add_handlers_, &del_handlers_,
                           &send_handlers_}) {

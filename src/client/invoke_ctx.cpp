@@ -4,6 +4,8 @@
 #include "client/app_side.h"
 #include "client/loop_side.h"
 
+#include <utility>
+
 namespace tarn {
 
 invoke_ctx::invoke_ctx(app_side& app, loop_side& loop, const std::string& called_path,
@@ -13,6 +15,7 @@ invoke_ctx::invoke_ctx(app_side& app, loop_side& loop, const std::string& called
                        const std::shared_ptr<const client::reply_handler>& reply_handler)
     : handler(result_handler)
     , each(reply_handler)
+    , tells_each(reply_handler != nullptr)
     , path(called_path)
     , method(called_method)
     , args(call_args)
@@ -21,6 +24,12 @@ invoke_ctx::invoke_ctx(app_side& app, loop_side& loop, const std::string& called
 
 void invoke_ctx::release() {
     app_.cancel_invoke(*this);
+}
+
+client::result_handler invoke_ctx::take_handler() noexcept {
+    const auto stopped = std::move(timer);
+    const auto told = std::move(each);
+    return std::exchange(handler, nullptr);
 }
 
 void invoke_ctx::begin() {

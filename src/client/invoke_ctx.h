@@ -32,11 +32,16 @@ public:
     /// The link's: gives the call up.
     void release() override;
 
+    /// For whoever has ended it: lets go of what the application has put into it.
+    client::result_handler take_handler() noexcept;
+
     // The application's side. They belong to whoever has ended the call.
     client::result_handler handler;                  ///< may be empty
     std::shared_ptr<utils::event_loop::timer> timer; ///< empty without a time limit
-    /// Gets the replies in place of `replies`; null for a call that gathers them. Never changed.
-    const std::shared_ptr<const client::reply_handler> each;
+    /// Gets the replies in place of `replies`; null for a call that gathers them.
+    std::shared_ptr<const client::reply_handler> each;
+
+    const bool tells_each; ///< that there was such a handler
 
     // Of the loop thread, from when the call is posted until `done` is.
     std::string path;

@@ -136,7 +136,7 @@ void loop_side::on_data(ubus_request& request, blob_attr* msg) {
         call->status = status;
     }
     memory_reserve& reserve = bridge_.reserve();
-    if (!call->each) {
+    if (!call->tells_each) {
         std::list<blob::attr> reply;
         reserve.cover([&] {
             if (reply.empty()) {
