@@ -365,7 +365,9 @@ void app_side::tell_all(pending_list& waiting, era since, const std::error_code&
         try {
             handler(code);
         } catch (...) {
-            while (next()) {}
+            while (const auto dropped = next()) {
+                dropped->take_handler();
+            }
             throw;
         }
     }
@@ -414,47 +416,31 @@ void app_side::on_lost(connection_ctx& connection) {
 
 void app_side::on_torn_down(life_id heard_in) {
     era since = 0;
-    client::state before{};
+    std::error_code no_connection = error::generic::aborted;
     {
         const lock_guard guard(lock_);
         if (heard_in == life_id::none || heard_in != life()) {
             return; // cancelled
         }
         since = era_;
-        before = state_;
-        take_step(connection_event::torn_down);
+        try {
+            // The attempt that a connect() meanwhile has asked for begins before the handlers hear
+            // of the end, so that one that disconnects again finds an attempt to end.
+            take_step(connection_event::torn_down);
+        } catch (const std::bad_alloc&) {
+            no_connection = error::generic::unknown_error;
+            set_state(client::state::disconnected);
+        }
+        if (connection_) {
+            no_connection.clear();
+        }
     }
     all_steps steps;
     steps.run([this] { announce(); });
     steps.run([&] { tell_all(disconnect_handlers_, since, {}); });
-    if (before != client::state::connecting) {
-        // Whoever has asked for a connection meanwhile was overtaken; the attempt goes on.
-        steps.run([&] { tell_all(connect_handlers_, since, error::generic::aborted); });
-        steps.pass_on();
-        return;
-    }
-    bool failed = false;
-    steps.run([&] {
-        const lock_guard guard(lock_);
-        if (era_ != since) {
-            return;
-        }
-        try {
-            request_connection(client::state::connecting);
-        } catch (const std::bad_alloc&) {
-            failed = true;
-        } catch (...) {
-            failed = true;
-            set_state(client::state::disconnected);
-            throw;
-        }
-        if (failed) {
-            set_state(client::state::disconnected);
-        }
-    });
-    steps.run([this] { announce(); });
-    if (failed) {
-        steps.run([&] { tell_all(connect_handlers_, since, error::generic::unknown_error); });
+    if (no_connection) {
+        // Whoever has asked for a connection in these handlers was overtaken; the attempt goes on.
+        steps.run([&] { tell_all(connect_handlers_, since, no_connection); });
     }
     steps.pass_on();
 }

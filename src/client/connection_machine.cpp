@@ -24,6 +24,9 @@ connection_step next_step(client::state now, connection_event event) {
     case connection_event::lost:
         return {now == state::disconnected ? now : state::disconnecting, action::tear_down};
     case connection_event::torn_down:
+        if (now == state::connecting) {
+            return {state::connecting, action::start_attempt};
+        }
         return {now == state::disconnecting ? state::disconnected : now, action::none};
     case connection_event::cancelled:
         return {state::disconnected, action::none};

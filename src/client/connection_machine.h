@@ -42,8 +42,7 @@ struct connection_step {
 ///
 /// disconnect while connecting only leads to `disconnecting`: the attempt runs to its end, and that
 /// starts the tear-down (`lost`), when the connect handlers have heard of it. connect while
-/// disconnecting only leads back to `connecting`: the end of the tear-down, when the disconnect
-/// handlers have heard of it, starts the new attempt (`connect`, which then finds none under way).
+/// disconnecting only leads back to `connecting`: the end of the tear-down starts the new attempt.
 connection_step next_step(client::state now, connection_event event);
 
 } // namespace tarn

@@ -43,7 +43,10 @@ const std::vector<row> table = {
       {ending, action::tear_down},
       {ending, action::tear_down}}},
     {event::torn_down,
-     {{off, action::none}, {attempting, action::none}, {on, action::none}, {off, action::none}}},
+     {{off, action::none},
+      {attempting, action::start_attempt},
+      {on, action::none},
+      {off, action::none}}},
     {event::cancelled,
      {{off, action::none}, {off, action::none}, {off, action::none}, {off, action::none}}},
 };
