@@ -353,6 +353,12 @@ void app_side::tell_all(pending_list& waiting, era since, const std::error_code&
         const lock_guard guard(lock_);
         last = waiting.newest();
     }
+    tell_all(waiting, last, since, code);
+}
+
+/// The same for those who were waiting when `last` was the newest of them.
+void app_side::tell_all(pending_list& waiting, pending_list::number last, era since,
+                        const std::error_code& code) {
     const auto next = [&]() -> std::shared_ptr<report> {
         const lock_guard guard(lock_);
         return era_ == since ? std::static_pointer_cast<report>(waiting.take_oldest(last))
@@ -376,27 +382,30 @@ void app_side::tell_all(pending_list& waiting, era since, const std::error_code&
 void app_side::on_connect_result(connection_ctx& attempt) {
     assert_application_side();
     era since = 0;
-    client::state before{};
+    pending_list::number waiting = 0;
+    bool ending = false;
     {
         const lock_guard guard(lock_);
         if (attempt.life != life()) {
             return; // cancelled
         }
         since = era_;
-        before = state_;
+        waiting = connect_handlers_.newest();
+        ending = state_ == client::state::disconnecting;
         take_step(attempt.connected ? connection_event::made : connection_event::failed);
     }
     const std::error_code code =
         attempt.connected ? std::error_code() : make_error_code(error::generic::unknown_error);
     all_steps steps;
     steps.run([this] { announce(); });
-    steps.run([&] { tell_all(connect_handlers_, since, code); });
-    if (before != client::state::disconnecting) {
+    if (ending) {
+        // The tear-down is on its way; whoever asks for a connection from now on waits for the
+        // next.
+        steps.run([&] { tell_all(connect_handlers_, waiting, since, code); });
+    } else {
+        steps.run([&] { tell_all(connect_handlers_, since, code); });
         // Whoever has asked for a disconnection meanwhile was overtaken; the tear-down goes on.
         steps.run([&] { tell_all(disconnect_handlers_, since, error::generic::aborted); });
-    } else {
-        // The attempt's end is what the disconnection was waiting for.
-        steps.run([&] { on_lost(attempt); });
     }
     steps.pass_on();
 }

@@ -138,6 +138,8 @@ private:
     utils::link ask_for(connection_event event, client::state reached, pending_list& others,
                         bool& after_cancel, const client::completion_handler& handler);
     void tell_all(pending_list& waiting, era since, const std::error_code& code);
+    void tell_all(pending_list& waiting, pending_list::number last, era since,
+                  const std::error_code& code);
     void on_torn_down(life_id heard_in);
     static void end_invoke(const std::shared_ptr<pending>& ended, const std::error_code& code);
     era begin_cancel();

@@ -18,9 +18,15 @@ connection_step next_step(client::state now, connection_event event) {
         }
         return {now == state::connecting ? state::disconnecting : now, action::none};
     case connection_event::made:
-        return {now == state::connecting ? state::connected : now, action::none};
     case connection_event::failed:
-        return {now == state::connecting ? state::disconnected : now, action::none};
+        if (now == state::disconnecting) {
+            return {now, action::tear_down}; // which was waiting for the attempt's end
+        }
+        if (now == state::connecting) {
+            return {event == connection_event::made ? state::connected : state::disconnected,
+                    action::none};
+        }
+        return {now, action::none};
     case connection_event::lost:
         return {now == state::disconnected ? now : state::disconnecting, action::tear_down};
     case connection_event::torn_down:

@@ -41,8 +41,8 @@ struct connection_step {
 ///          +--------- torn_down ------ disconnecting <-----+
 ///
 /// disconnect while connecting only leads to `disconnecting`: the attempt runs to its end, and that
-/// starts the tear-down (`lost`), when the connect handlers have heard of it. connect while
-/// disconnecting only leads back to `connecting`: the end of the tear-down starts the new attempt.
+/// starts the tear-down. connect while disconnecting only leads back to `connecting`: the end of
+/// the tear-down starts the new attempt.
 connection_step next_step(client::state now, connection_event event);
 
 } // namespace tarn
