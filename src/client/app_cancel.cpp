@@ -43,6 +43,15 @@ std::shared_ptr<pending> app_side::take_oldest(pending_list& waiting, era since)
     return era_ == since ? waiting.take_oldest() : nullptr;
 }
 
+void app_side::tell_everybody(pending_list& waiting, era since, const std::error_code& code) {
+    pending_list::number newest = 0;
+    {
+        const lock_guard guard(lock_);
+        newest = waiting.newest();
+    }
+    tell_all(waiting, newest, false, since, code);
+}
+
 void app_side::cancel() {
     disable_auto_connect();
     handover();
@@ -78,10 +87,10 @@ void app_side::cancel() {
     };
     disconnected(disconnect_after_cancel_);
     announce();
-    tell_all(disconnect_handlers_, since, {});
+    tell_everybody(disconnect_handlers_, since, {});
     disconnected(connect_after_cancel_);
     announce();
-    tell_all(connect_handlers_, since, error::generic::aborted);
+    tell_everybody(connect_handlers_, since, error::generic::aborted);
     handover();
     if (!end_cancel(since)) {
         return;
@@ -108,7 +117,7 @@ void app_side::do_after_cancel() {
     }
     announce();
     if (disconnect_asked) {
-        tell_all(disconnect_handlers_, since, {});
+        tell_everybody(disconnect_handlers_, since, {});
     }
 }
 
@@ -116,7 +125,7 @@ void app_side::drop_all() noexcept {
     state_signal changed;
     std::shared_ptr<connection_ctx> connection;
     std::shared_ptr<utils::event_loop::timer> timer;
-    std::shared_ptr<reconnection> backoff;
+    backoff_ptr backoff;
     decltype(objects_) objects;
     {
         const lock_guard guard(lock_);
@@ -125,7 +134,7 @@ void app_side::drop_all() noexcept {
         changed.swap(state_changed_);
         connection.swap(connection_);
         timer.swap(reconnect_timer_);
-        backoff.swap(reconnection_);
+        backoff = end_reconnection();
         objects.swap(objects_);
     }
     const auto take = [this](pending_list& waiting) {

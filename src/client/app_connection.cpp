@@ -8,6 +8,7 @@
 
 #include <limits>
 #include <new>
+#include <optional>
 #include <utility>
 
 namespace tarn {
@@ -132,6 +133,7 @@ bool app_side::wait_for(connection_event event, client::state reached, pending_l
         return false;
     }
     if (waiting) {
+        waiting->asked_inside = teller_ == std::this_thread::get_id();
         others.add(waiting);
     }
     if (cancelling()) {
@@ -194,22 +196,17 @@ utils::link app_side::auto_connect(const client::backoff_function& backoff) {
     }
     handover();
     {
+        backoff_ptr replaced; // destroyed outside the lock
         const lock_guard guard(lock_);
-        wanted.swap(reconnection_); // another thread's goes when the lock is let go of
-        attempts_ = 0;
+        replaced = end_reconnection(); // another thread's
         if (!cancelling()) {
-            try {
-                take_step(connection_event::connect);
-            } catch (...) {
-                wanted.swap(reconnection_);
-                throw;
-            }
+            take_step(connection_event::connect);
         } else if (!backoff) {
             connect_after_cancel_ =
                 connect_after_cancel_ || canceller_ != std::this_thread::get_id();
         }
+        reconnection_ = std::move(wanted);
     }
-    wanted.reset();
     try {
         announce();
     } catch (...) {
@@ -219,17 +216,25 @@ utils::link app_side::auto_connect(const client::backoff_function& backoff) {
     return link;
 }
 
+/// With the lock held: automatic reconnection is off, and its link inactive. The function is handed
+/// to the caller to destroy.
+app_side::backoff_ptr app_side::end_reconnection() noexcept {
+    attempts_ = 0;
+    retry_due_ = false;
+    backoff_ptr dropped = reconnection_ ? std::move(reconnection_->backoff) : nullptr;
+    reconnection_.reset();
+    return dropped;
+}
+
 void app_side::disable_auto_connect(const reconnection* only) {
-    std::shared_ptr<reconnection> dropped; // destroyed outside the lock
+    backoff_ptr dropped; // destroyed outside the lock
     std::shared_ptr<utils::event_loop::timer> timer;
     {
         const lock_guard guard(lock_);
         if (only && only != reconnection_.get()) {
             return; // replaced meanwhile
         }
-        attempts_ = 0;
-        retry_due_ = false;
-        dropped.swap(reconnection_);
+        dropped = end_reconnection();
         if (!cancelling()) {
             timer = reconnect_timer_;
         }
@@ -280,7 +285,7 @@ void app_side::tell_state(client::state s) {
 // --- automatic reconnection ---
 
 void app_side::arm_reconnection() {
-    std::shared_ptr<const client::backoff_function> backoff;
+    backoff_ptr backoff;
     std::shared_ptr<utils::event_loop::timer> timer;
     long long attempt = 0;
     {
@@ -297,15 +302,13 @@ void app_side::arm_reconnection() {
     }
     const std::chrono::seconds delay = (*backoff)(attempt);
     {
-        std::shared_ptr<reconnection> ended; // destroyed outside the lock
         const lock_guard guard(lock_);
         if (!reconnection_ || reconnection_->backoff != backoff) {
             return; // switched off, or replaced, by the back-off function or another thread
         }
         retry_due_ = delay >= std::chrono::seconds(1);
         if (!retry_due_) {
-            attempts_ = 0;
-            ended.swap(reconnection_);
+            end_reconnection(); // which leaves the function to this one
             return;
         }
     }
@@ -345,23 +348,24 @@ void app_side::reconnect() {
 // --- what comes back from the loop thread ---
 
 /// Tells those who wait the outcome, one at a time, so that one who releases another one's link, or
-/// cancels, still prevents that one's report. Those who join meanwhile wait for the next outcome.
-/// When one throws, those behind him go with him: the outcome was theirs as well.
-void app_side::tell_all(pending_list& waiting, era since, const std::error_code& code) {
-    pending_list::number last = 0;
-    {
+/// cancels, still prevents that one's report. Those are meant who waited when `before` was the
+/// newest, and with `insiders` those who have joined inside a handler since. Others who have joined
+/// wait for the next outcome. When one throws, those behind him go with him: the outcome was theirs
+/// as well.
+void app_side::tell_all(pending_list& waiting, pending_list::number before, bool insiders,
+                        era since, const std::error_code& code) {
+    pending_list::number last = before;
+    if (insiders) {
         const lock_guard guard(lock_);
         last = waiting.newest();
     }
-    tell_all(waiting, last, since, code);
-}
-
-/// The same for those who were waiting when `last` was the newest of them.
-void app_side::tell_all(pending_list& waiting, pending_list::number last, era since,
-                        const std::error_code& code) {
+    const auto is_meant = [&](const pending& entry, pending_list::number number) {
+        return number <= before ||
+               (number <= last && static_cast<const report&>(entry).asked_inside);
+    };
     const auto next = [&]() -> std::shared_ptr<report> {
         const lock_guard guard(lock_);
-        return era_ == since ? std::static_pointer_cast<report>(waiting.take_oldest(last))
+        return era_ == since ? std::static_pointer_cast<report>(waiting.take_oldest(is_meant))
                              : nullptr;
     };
     while (auto told = next()) {
@@ -379,18 +383,30 @@ void app_side::tell_all(pending_list& waiting, pending_list::number last, era si
     }
 }
 
+/// With the lock held: the calling thread tells an outcome until the scope ends. Who else waited
+/// when it began hears of it.
+app_side::telling::telling(app_side& side)
+    : connects(side.connect_handlers_.newest())
+    , disconnects(side.disconnect_handlers_.newest())
+    , since(side.era_)
+    , side_(side)
+    , outer_(std::exchange(side.teller_, std::this_thread::get_id())) {}
+
+app_side::telling::~telling() {
+    const lock_guard guard(side_.lock_);
+    side_.teller_ = outer_;
+}
+
 void app_side::on_connect_result(connection_ctx& attempt) {
     assert_application_side();
-    era since = 0;
-    pending_list::number waiting = 0;
+    std::optional<telling> outcome;
     bool ending = false;
     {
         const lock_guard guard(lock_);
         if (attempt.life != life()) {
             return; // cancelled
         }
-        since = era_;
-        waiting = connect_handlers_.newest();
+        outcome.emplace(*this);
         ending = state_ == client::state::disconnecting;
         take_step(attempt.connected ? connection_event::made : connection_event::failed);
     }
@@ -398,14 +414,15 @@ void app_side::on_connect_result(connection_ctx& attempt) {
         attempt.connected ? std::error_code() : make_error_code(error::generic::unknown_error);
     all_steps steps;
     steps.run([this] { announce(); });
-    if (ending) {
-        // The tear-down is on its way; whoever asks for a connection from now on waits for the
-        // next.
-        steps.run([&] { tell_all(connect_handlers_, waiting, since, code); });
-    } else {
-        steps.run([&] { tell_all(connect_handlers_, since, code); });
-        // Whoever has asked for a disconnection meanwhile was overtaken; the tear-down goes on.
-        steps.run([&] { tell_all(disconnect_handlers_, since, error::generic::aborted); });
+    // With a tear-down on its way, whoever asks for a connection from now on waits for the next.
+    steps.run(
+        [&] { tell_all(connect_handlers_, outcome->connects, !ending, outcome->since, code); });
+    if (!ending) {
+        // Whoever has asked for a disconnection in these was overtaken; the tear-down goes on.
+        steps.run([&] {
+            tell_all(disconnect_handlers_, outcome->disconnects, true, outcome->since,
+                     error::generic::aborted);
+        });
     }
     steps.pass_on();
 }
@@ -424,14 +441,14 @@ void app_side::on_lost(connection_ctx& connection) {
 }
 
 void app_side::on_torn_down(life_id heard_in) {
-    era since = 0;
+    std::optional<telling> outcome;
     std::error_code no_connection = error::generic::aborted;
     {
         const lock_guard guard(lock_);
         if (heard_in == life_id::none || heard_in != life()) {
             return; // cancelled
         }
-        since = era_;
+        outcome.emplace(*this);
         try {
             // The attempt that a connect() meanwhile has asked for begins before the handlers hear
             // of the end, so that one that disconnects again finds an attempt to end.
@@ -446,10 +463,13 @@ void app_side::on_torn_down(life_id heard_in) {
     }
     all_steps steps;
     steps.run([this] { announce(); });
-    steps.run([&] { tell_all(disconnect_handlers_, since, {}); });
+    steps.run(
+        [&] { tell_all(disconnect_handlers_, outcome->disconnects, true, outcome->since, {}); });
     if (no_connection) {
-        // Whoever has asked for a connection in these handlers was overtaken; the attempt goes on.
-        steps.run([&] { tell_all(connect_handlers_, since, no_connection); });
+        // Whoever has asked for a connection in these was overtaken; the attempt goes on.
+        steps.run([&] {
+            tell_all(connect_handlers_, outcome->connects, true, outcome->since, no_connection);
+        });
     }
     steps.pass_on();
 }

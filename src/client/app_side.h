@@ -114,10 +114,30 @@ private:
     /// calls a handler in the middle of something looks whether it is still the same one.
     using era = std::uint64_t;
 
+    using backoff_ptr = std::shared_ptr<const client::backoff_function>;
+
     /// Automatic reconnection while it is on. Its link watches this object, so its one owner is the
     /// client, and it ends under the lock; the function is shared, to be called outside.
     struct reconnection {
-        std::shared_ptr<const client::backoff_function> backoff;
+        backoff_ptr backoff;
+    };
+
+    /// The telling of one outcome of the connection.
+    class telling {
+    public:
+        explicit telling(app_side& side);
+        ~telling();
+        telling(const telling&) = delete;
+        telling& operator=(const telling&) = delete;
+
+        // The newest of those who waited when it began.
+        const pending_list::number connects;
+        const pending_list::number disconnects;
+        const era since;
+
+    private:
+        app_side& side_;
+        const std::thread::id outer_;
     };
 
     /// The present life; none while cancel() runs.
@@ -125,6 +145,7 @@ private:
     bool cancelling() const noexcept { return life() == life_id::none; }
 
     void disable_auto_connect(const reconnection* only = nullptr);
+    backoff_ptr end_reconnection() noexcept;
     void take_step(connection_event event);
     void set_state(client::state s) noexcept;
     void request_connection(client::state next);
@@ -137,9 +158,9 @@ private:
                   const std::shared_ptr<report>& waiting, bool& after_cancel);
     utils::link ask_for(connection_event event, client::state reached, pending_list& others,
                         bool& after_cancel, const client::completion_handler& handler);
-    void tell_all(pending_list& waiting, era since, const std::error_code& code);
-    void tell_all(pending_list& waiting, pending_list::number last, era since,
+    void tell_all(pending_list& waiting, pending_list::number before, bool insiders, era since,
                   const std::error_code& code);
+    void tell_everybody(pending_list& waiting, era since, const std::error_code& code);
     void on_torn_down(life_id heard_in);
     static void end_invoke(const std::shared_ptr<pending>& ended, const std::error_code& code);
     era begin_cancel();
@@ -176,6 +197,7 @@ private:
     state_announcer announcer_{lock_};
     pending_list connect_handlers_;
     pending_list disconnect_handlers_;
+    std::thread::id teller_; ///< who tells an outcome of the connection at present
 
     std::shared_ptr<reconnection> reconnection_;
     long long attempts_ = 0; ///< consecutive automatic attempts; saturates

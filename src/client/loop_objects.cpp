@@ -201,7 +201,7 @@ void loop_side::send_sync(const std::shared_ptr<send_operation>& sending) {
     }
     end_unwritable_bus();
     sending->data.clear();
-    if (sending->wanted()) {
+    if (sending->active()) {
         bridge_.post_from_uloop(sending->done_task, sending);
     }
 }

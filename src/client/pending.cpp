@@ -41,9 +41,8 @@ void pending_list::add(std::shared_ptr<pending> entry) noexcept {
     added.listed_ = true;
 }
 
-std::shared_ptr<pending> pending_list::take_oldest(number last) noexcept {
-    pending& oldest = *end_.next_;
-    return empty() || oldest.number_ > last ? nullptr : oldest.end();
+std::shared_ptr<pending> pending_list::take_oldest() noexcept {
+    return end_.next_->end(); // the sentinel is never pending
 }
 
 } // namespace tarn

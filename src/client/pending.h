@@ -6,7 +6,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <limits>
 #include <memory>
 
 namespace tarn {
@@ -39,7 +38,6 @@ private:
 class pending_list {
 public:
     using number = std::uint64_t;
-    static constexpr number any = std::numeric_limits<number>::max();
 
     pending_list() noexcept;
     pending_list(const pending_list&) = delete;
@@ -52,8 +50,17 @@ public:
     void add(std::shared_ptr<pending> entry) noexcept;
     /// The number of the newest so far. Numbers rise.
     number newest() const noexcept { return newest_; }
-    /// Ends the oldest; null when there is none, or none that is not newer than `last`.
-    std::shared_ptr<pending> take_oldest(number last = any) noexcept;
+    /// Ends the oldest; null when there is none.
+    std::shared_ptr<pending> take_oldest() noexcept;
+    /// Ends the oldest for which `chosen` is true, given its number; null when there is none.
+    template <class Choice>
+    std::shared_ptr<pending> take_oldest(const Choice& chosen) noexcept {
+        pending* entry = end_.next_;
+        while (entry != &end_ && !chosen(*entry, entry->number_)) {
+            entry = entry->next_;
+        }
+        return entry->end(); // the sentinel is never pending
+    }
 
 private:
     struct sentinel final : pending {

@@ -25,6 +25,9 @@ public:
     /// The link's: drops the handler unheard.
     void release() override;
 
+    /// Asked for by a handler or subscriber in the middle of telling an outcome.
+    bool asked_inside = false;
+
     /// Whether there is anybody to hear of the outcome.
     bool wanted() const noexcept { return static_cast<bool>(handler_); }
 

@@ -28,9 +28,9 @@ protected:
         return added;
     }
 
-    std::vector<int> take_all(pending_list::number last = pending_list::any) {
+    std::vector<int> take_all() {
         std::vector<int> taken;
-        while (const auto next = waiting_.take_oldest(last)) {
+        while (const auto next = waiting_.take_oldest()) {
             taken.push_back(static_cast<operation&>(*next).number);
         }
         return taken;
@@ -47,11 +47,19 @@ TEST_F(PendingList, TheOldestLeavesFirst) {
     EXPECT_TRUE(waiting_.empty());
 }
 
-TEST_F(PendingList, WhatIsNewerThanANumberStays) {
+TEST_F(PendingList, WhatIsNotChosenStays) {
     add(1);
     const auto last = waiting_.newest();
     add(2);
-    EXPECT_EQ(take_all(last), std::vector<int>{1});
+    add(3);
+    const auto next = [&] {
+        return waiting_.take_oldest([last](const pending& entry, pending_list::number number) {
+            return number <= last || static_cast<const operation&>(entry).number == 3;
+        });
+    };
+    EXPECT_EQ(static_cast<operation&>(*next()).number, 1);
+    EXPECT_EQ(static_cast<operation&>(*next()).number, 3);
+    EXPECT_EQ(next(), nullptr);
     EXPECT_EQ(take_all(), std::vector<int>{2});
 }
 
