@@ -2,6 +2,7 @@
 #include "tarn/blob/attr.h"
 
 #include "blob/container.h"
+#include "blob/stored.h"
 
 #include <stdexcept>
 
@@ -9,18 +10,8 @@ namespace tarn::blob {
 
 namespace {
 
-template <class S>
-std::type_index type_of() {
-    return typeid(S);
-}
-
-/// A closure that owns a value of its own and gives the address of it.
-template <class S>
-std::function<void*()> own(S value) {
-    return [value = std::move(value)]() mutable -> void* {
-        return &value;
-    };
-}
+using detail::closure_of;
+using detail::type_of;
 
 std::function<void*()> own_empty_list() {
     return detail::container_closure(detail::make_box<list>());
@@ -86,30 +77,30 @@ void attr::replace(std::function<void*()>&& value, std::type_index (*type_fn)())
 }
 
 void attr::store(bool value) {
-    replace(own(value), &type_of<bool>);
+    replace(closure_of(value), &type_of<bool>);
 }
 void attr::store(unsigned char value) {
-    replace(own(value), &type_of<unsigned char>);
+    replace(closure_of(value), &type_of<unsigned char>);
 }
 void attr::store(unsigned short value) {
-    replace(own(value), &type_of<unsigned short>);
+    replace(closure_of(value), &type_of<unsigned short>);
 }
 void attr::store(unsigned int value) {
-    replace(own(value), &type_of<unsigned int>);
+    replace(closure_of(value), &type_of<unsigned int>);
 }
 void attr::store(unsigned long long value) {
-    replace(own(value), &type_of<unsigned long long>);
+    replace(closure_of(value), &type_of<unsigned long long>);
 }
 void attr::store(double value) {
-    replace(own(value), &type_of<double>);
+    replace(closure_of(value), &type_of<double>);
 }
 
 void attr::store(std::string&& value) {
-    replace(fill(own(std::string()), std::move(value)), &type_of<std::string>);
+    replace(fill(closure_of(std::string()), std::move(value)), &type_of<std::string>);
 }
 
 void attr::store(bytes&& value) {
-    replace(fill(own(bytes()), std::move(value)), &type_of<bytes>);
+    replace(fill(closure_of(bytes()), std::move(value)), &type_of<bytes>);
 }
 
 void attr::store(list&& value) {

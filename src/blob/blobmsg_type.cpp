@@ -3,30 +3,41 @@
 
 #include "bus.h"
 
-#include <map>
 #include <stdexcept>
+#include <typeinfo>
 
 namespace tarn::blob::utils {
 
+namespace {
+
+struct entry {
+    const std::type_info& stored;
+    enum blobmsg_type number;
+};
+
+/// What policies ask for most comes first, since each comparison of a wrong one compares names.
+constexpr entry entries[] = {
+    {typeid(std::string), BLOBMSG_TYPE_STRING},
+    {typeid(unsigned int), BLOBMSG_TYPE_INT32},
+    {typeid(bool), BLOBMSG_TYPE_INT8},
+    {typeid(table), BLOBMSG_TYPE_TABLE},
+    {typeid(list), BLOBMSG_TYPE_ARRAY},
+    {typeid(unsigned long long), BLOBMSG_TYPE_INT64},
+    {typeid(unsigned char), BLOBMSG_TYPE_INT8},
+    {typeid(double), BLOBMSG_TYPE_DOUBLE},
+    {typeid(unsigned short), BLOBMSG_TYPE_INT16},
+    {typeid(bytes), BLOBMSG_TYPE_UNSPEC},
+};
+
+} // namespace
+
 int to_blobmsg_type(const std::type_index& type) {
-    // Never destroyed: the loop thread may still decode while the process runs its exit handlers.
-    static const auto& types = *new std::map<std::type_index, enum blobmsg_type> {
-        {typeid(bytes), BLOBMSG_TYPE_UNSPEC},
-        {typeid(list), BLOBMSG_TYPE_ARRAY},
-        {typeid(table), BLOBMSG_TYPE_TABLE},
-        {typeid(std::string), BLOBMSG_TYPE_STRING},
-        {typeid(unsigned long long), BLOBMSG_TYPE_INT64},
-        {typeid(unsigned int), BLOBMSG_TYPE_INT32},
-        {typeid(unsigned short), BLOBMSG_TYPE_INT16},
-        {typeid(unsigned char), BLOBMSG_TYPE_INT8},
-        {typeid(bool), BLOBMSG_TYPE_INT8},
-        {typeid(double), BLOBMSG_TYPE_DOUBLE},
-    };
-    const auto found = types.find(type);
-    if (found == types.end()) {
-        throw std::logic_error("tarn::blob::utils::to_blobmsg_type: Unknown type");
+    for (const entry& candidate : entries) {
+        if (type == candidate.stored) {
+            return candidate.number;
+        }
     }
-    return found->second;
+    throw std::logic_error("tarn::blob::utils::to_blobmsg_type: Unknown type");
 }
 
 } // namespace tarn::blob::utils

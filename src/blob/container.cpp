@@ -1,6 +1,10 @@
 /// Boxes of lists and tables: copying and destroying nested values with a constant amount of stack.
 #include "blob/container.h"
 
+#include "blob/stored.h"
+
+#include <tuple>
+
 namespace tarn::blob::detail {
 
 namespace {
@@ -17,7 +21,10 @@ attr& append_twin(list& to, const attr&) {
 }
 attr& append_twin(table& to, const table::value_type& original) {
     // The source is in order, so the end is always the right place, after equal keys too.
-    return to.emplace_hint(to.end(), original.first, attr())->second;
+    return to
+        .emplace_hint(to.end(), std::piecewise_construct, std::forward_as_tuple(original.first),
+                      std::tuple<>())
+        ->second;
 }
 
 const attr& value_of(const attr& element) noexcept {
@@ -25,6 +32,16 @@ const attr& value_of(const attr& element) noexcept {
 }
 const attr& value_of(const table::value_type& entry) noexcept {
     return entry.second;
+}
+
+/// Makes `twin`, empty so far, a copy of `original`, a nested box left empty and queued.
+void copy_without_nested(const attr& original, attr& twin, box_chain& unfilled) {
+    if (const container_closure* nested = closure_in(original)) {
+        container_closure::queue_twin(*nested, attr_access::value(twin), unfilled);
+    } else {
+        attr_access::value(twin) = attr_access::value(original);
+    }
+    attr_access::type(twin) = attr_access::type(original);
 }
 
 template <class Container>
@@ -37,13 +54,13 @@ public:
     void copy_elements(const box& source, box_chain& unfilled) override {
         for (const auto& original : static_cast<const box_of&>(source).elements_) {
             attr& twin = append_twin(elements_, original);
-            container_access::copy_without_nested(value_of(original), twin, unfilled);
+            copy_without_nested(value_of(original), twin, unfilled);
         }
     }
 
     void release_nested(box_chain& released) noexcept override {
         for (auto& element : elements_) {
-            if (container_closure* nested = container_access::closure(value_of(element))) {
+            if (container_closure* nested = closure_in(value_of(element))) {
                 if (box* taken = nested->release()) {
                     released.push(*taken);
                 }
@@ -98,15 +115,6 @@ void container_closure::destroy(box* root) noexcept {
     }
 }
 
-void container_access::copy_without_nested(const attr& original, attr& twin, box_chain& unfilled) {
-    if (const container_closure* nested = closure(original)) {
-        container_closure::queue_twin(*nested, twin.value_, unfilled);
-    } else {
-        twin.value_ = original.value_;
-    }
-    twin.type_fn_ = original.type_fn_;
-}
-
 void container_closure::queue_twin(const container_closure& original, std::function<void*()>& twin,
                                    box_chain& unfilled) {
     std::unique_ptr<box> empty = original.box_->make_empty();
@@ -115,6 +123,30 @@ void container_closure::queue_twin(const container_closure& original, std::funct
     queued.source_ = original.box_;
     unfilled.push(queued);
 }
+
+const container_closure* closure_in(const attr& value) noexcept {
+    // The type is asked first: a std::function finds out what it holds by comparing names.
+    const type_fn type = attr_access::type(value);
+    return type == &type_of<list> || type == &type_of<table>
+               ? attr_access::value(value).target<container_closure>()
+               : nullptr;
+}
+
+container_closure* closure_in(attr& value) noexcept {
+    return const_cast<container_closure*>(closure_in(std::as_const(value)));
+}
+
+template <class Container>
+Container& hold_empty(attr& empty) {
+    std::unique_ptr<box> owned = make_box<Container>();
+    auto* const elements = static_cast<Container*>(owned->address());
+    attr_access::value(empty) = container_closure(std::move(owned));
+    attr_access::type(empty) = &type_of<Container>;
+    return *elements;
+}
+
+template list& hold_empty<list>(attr& empty);
+template table& hold_empty<table>(attr& empty);
 
 template <class Container>
 std::unique_ptr<box> make_box() {

@@ -76,18 +76,13 @@ private:
     box* box_ = nullptr;
 };
 
-/// Reaches into attr for the boxes.
-struct container_access {
-    /// The closure of a list or table; null for every other value.
-    static container_closure* closure(attr& value) noexcept {
-        return value.value_.target<container_closure>();
-    }
-    static const container_closure* closure(const attr& value) noexcept {
-        return value.value_.target<container_closure>();
-    }
-    /// Makes `twin`, empty so far, a copy of `original`, a nested box left empty and queued.
-    static void copy_without_nested(const attr& original, attr& twin, box_chain& unfilled);
-};
+/// The closure of a list or table; null for every other value.
+container_closure* closure_in(attr& value) noexcept;
+const container_closure* closure_in(const attr& value) noexcept;
+
+/// Puts an empty list or table into an attr that is empty; returns it.
+template <class Container>
+Container& hold_empty(attr& empty);
 
 /// An empty box for a list or a table.
 template <class Container>

@@ -31,7 +31,7 @@ namespace detail {
 class field;
 class element;
 class braced;
-struct container_access;
+struct attr_access;
 
 template <class T>
 using bare = std::remove_cv_t<std::remove_reference_t<T>>;
@@ -254,7 +254,7 @@ public:
     }
 
 private:
-    friend struct detail::container_access;
+    friend struct detail::attr_access;
 
     template <class T, class S, class Result>
     std::conditional_t<detail::is_long<T>, T, Result&> as() const {
