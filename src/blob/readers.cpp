@@ -2,10 +2,13 @@
 #include "tarn/blob/readers.h"
 
 #include "blob/big_endian.h"
+#include "blob/container.h"
 #include "blob/policy.h"
+#include "blob/stored.h"
 #include "bus.h"
 
 #include <stdexcept>
+#include <tuple>
 #include <vector>
 
 namespace tarn::blob::utils {
@@ -27,37 +30,37 @@ bool is_unknown(blob_attr* field) {
                            std::to_string(::blob_id(field)));
 }
 
-/// Whether the header of the field, and its name if it has one, lie within the field. The field
-/// that a caller passes has not been checked by anybody, unlike those found inside it.
-bool is_whole(blob_attr* field) {
+/// Nothing unless the header of the field, and its name if it has one, lie within the field: the
+/// field that a caller passes has not been checked by anybody, unlike those found inside it.
+span data_of(blob_attr* field) {
+    if (!field) {
+        return {};
+    }
     const std::size_t length = ::blob_raw_len(field);
     if (length < sizeof(blob_attr)) {
-        return false;
+        return {};
     }
-    if (!::blob_is_extended(field)) {
-        return true;
-    }
-    const std::size_t room = length - sizeof(blob_attr);
     const auto* const payload = static_cast<const unsigned char*>(::blob_data(field));
-    return room >= sizeof(blobmsg_hdr) &&
-           room >= static_cast<std::size_t>(
-                       ::blobmsg_hdrlen(detail::from_big_endian<std::uint16_t>(payload)));
-}
-
-span data_of(blob_attr* field) {
-    span found;
-    if (field && is_whole(field)) {
-        found.data = static_cast<const unsigned char*>(::blobmsg_data(field));
-        found.size = static_cast<std::size_t>(::blobmsg_data_len(field));
+    const std::size_t room = length - sizeof(blob_attr);
+    if (!::blob_is_extended(field)) {
+        return {payload, room};
     }
-    return found;
+    if (room < sizeof(blobmsg_hdr)) {
+        return {};
+    }
+    const auto header =
+        static_cast<std::size_t>(::blobmsg_hdrlen(detail::from_big_endian<std::uint16_t>(payload)));
+    return header <= room ? span{payload + header, room - header} : span{};
 }
 
 /// The children of a table, array or message, as libubox iterates over them.
 class children {
 public:
-    explicit children(blob_attr* parent)
-        : rest_(data_of(parent)) {}
+    explicit children(const span& of_parent)
+        : rest_(of_parent) {}
+
+    /// Whether nothing is left, not even what does not fit.
+    bool at_end() const { return rest_.size == 0; }
 
     /// The next child; null at the end and at a child that does not fit.
     blob_attr* next() {
@@ -79,21 +82,25 @@ private:
 };
 
 template <class T>
-T read_number(blob_attr* field) {
-    const span data = data_of(field);
+T read_number(const span& data) {
     if (data.size < sizeof(T)) {
         throw std::runtime_error("tarn::blob::utils::to_attr: Bad attr");
     }
     return detail::from_big_endian<T>(data.data);
 }
 
-std::string read_text(blob_attr* field) {
-    const span data = data_of(field);
-    if (data.size == 0) {
-        return {};
+/// The text is written where it stays: short ones would be moved several times.
+void read_text(const span& data, attr& into) {
+    detail::hold(into, std::string());
+    if (data.size != 0) {
+        const auto* const text = reinterpret_cast<const char*>(data.data);
+        static_cast<std::string*>(detail::attr_access::value(into)())
+            ->assign(text, ::strnlen(text, data.size));
     }
-    const auto* const text = reinterpret_cast<const char*>(data.data);
-    return std::string(text, ::strnlen(text, data.size));
+}
+
+bytes read_unspec(const span& data) {
+    return bytes(data.data, data.data + data.size);
 }
 
 /// Reads a list or table with all that is nested in it. The lists and tables that are being filled
@@ -102,12 +109,12 @@ std::string read_text(blob_attr* field) {
 class tree_reader {
 public:
     void read(blob_attr* array, list& into) {
-        nests_.push_back({children(array), &into, nullptr});
+        current_ = {children(data_of(array)), &into, nullptr};
         run();
     }
 
     void read(blob_attr* parent, table& into) {
-        nests_.push_back({children(parent), nullptr, &into});
+        current_ = {children(data_of(parent)), nullptr, &into};
         run();
     }
 
@@ -118,23 +125,33 @@ public:
 
 private:
     struct nest {
-        children rest;
-        list* elements; ///< exactly one of the two is set
-        table* fields;
+        children rest{span()};
+        list* elements = nullptr; ///< one of the two is set while anything is left
+        table* fields = nullptr;
     };
 
     void run() {
-        while (!nests_.empty()) {
-            nest& current = nests_.back();
-            blob_attr* const child = current.rest.next();
-            if (!child) {
-                nests_.pop_back();
-            } else if (current.elements) {
-                read_element(child, *current.elements);
+        for (;;) {
+            if (blob_attr* const child = current_.rest.next()) {
+                if (current_.elements) {
+                    read_element(child, *current_.elements);
+                } else {
+                    read_field(child, *current_.fields);
+                }
+            } else if (outer_.empty()) {
+                return;
             } else {
-                read_field(child, *current.fields);
+                current_ = outer_.back();
+                outer_.pop_back();
             }
         }
+    }
+
+    void enter(const nest& inner) {
+        if (!current_.rest.at_end()) {
+            outer_.push_back(current_);
+        }
+        current_ = inner;
     }
 
     // An unknown type is told before the check, which not every libubox lets it pass.
@@ -157,59 +174,64 @@ private:
             throw std::runtime_error("tarn::blob::utils::to_table: Bad attr");
         }
         if (named) {
-            begin(child, false, into.emplace(::blobmsg_name(child), attr())->second);
+            // The end is the place where the sender encoded a table.
+            const auto place =
+                into.emplace_hint(into.end(), std::piecewise_construct,
+                                  std::forward_as_tuple(::blobmsg_name(child)), std::tuple<>());
+            begin(child, false, place->second);
         }
     }
 
-    /// Reads a scalar; of a list or table only the opening, its children are left to run().
+    /// Reads a scalar; of a list or table only the opening, its children are left to run(). `into`
+    /// is empty.
     void begin(blob_attr* field, bool int8_as_bool, attr& into) {
+        const span data = data_of(field);
         switch (::blob_id(field)) {
         case BLOBMSG_TYPE_UNSPEC:
-            into.set(to_unspec(field));
+            detail::hold(into, read_unspec(data));
             return;
         case BLOBMSG_TYPE_ARRAY:
-            into.set(list());
-            nests_.push_back({children(field), &into.get<list>(), nullptr});
+            enter({children(data), &detail::hold_empty<list>(into), nullptr});
             return;
         case BLOBMSG_TYPE_TABLE:
-            into.set(table());
-            nests_.push_back({children(field), nullptr, &into.get<table>()});
+            enter({children(data), nullptr, &detail::hold_empty<table>(into)});
             return;
         case BLOBMSG_TYPE_STRING:
-            into.set(read_text(field));
+            read_text(data, into);
             return;
         case BLOBMSG_TYPE_INT64:
-            into.set(read_number<unsigned long long>(field));
+            detail::hold(into, read_number<unsigned long long>(data));
             return;
         case BLOBMSG_TYPE_INT32:
-            into.set(read_number<unsigned int>(field));
+            detail::hold(into, read_number<unsigned int>(data));
             return;
         case BLOBMSG_TYPE_INT16:
-            into.set(read_number<unsigned short>(field));
+            detail::hold(into, read_number<unsigned short>(data));
             return;
         case BLOBMSG_TYPE_INT8:
             if (int8_as_bool) {
-                into.set(read_number<unsigned char>(field) != 0);
+                detail::hold(into, read_number<unsigned char>(data) != 0);
             } else {
-                into.set(read_number<unsigned char>(field));
+                detail::hold(into, read_number<unsigned char>(data));
             }
             return;
         case BLOBMSG_TYPE_DOUBLE:
-            into.set(read_number<double>(field));
+            detail::hold(into, read_number<double>(data));
             return;
         default:
             throw_unknown(field);
         }
     }
 
-    std::vector<nest> nests_;
+    /// The list or table that is being filled, and those around it of which something is left.
+    nest current_;
+    std::vector<nest> outer_;
 };
 
 } // namespace
 
 bytes to_unspec(blob_attr* field) {
-    const span data = data_of(field);
-    return bytes(data.data, data.data + data.size);
+    return read_unspec(data_of(field));
 }
 
 attr to_attr(blob_attr* field, bool int8_as_bool) {
@@ -255,7 +277,9 @@ table to_table(blob_attr* message, const policy& expected) {
     std::size_t index = 0;
     for (const auto& [name, type] : expected) {
         if (blob_attr* const found = slots[index++]) {
-            fields.emplace(name, to_attr(found, type == std::type_index(typeid(bool))));
+            const auto place = fields.emplace_hint(fields.end(), std::piecewise_construct,
+                                                   std::forward_as_tuple(name), std::tuple<>());
+            tree_reader().read(found, type == typeid(bool), place->second);
         }
     }
     return fields;
