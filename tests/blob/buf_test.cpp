@@ -1,5 +1,6 @@
 /// Tests of tarn::blob::buf and to_blobmsg_type.
 #include "tarn/blob/buf.h"
+#include "tarn/blob/readers.h"
 
 #include "blob/message.h"
 #include "support/expect_throw.h"
@@ -265,6 +266,44 @@ TEST(Buf, ANameThatIsTooLongIsNoOverflow) {
     expect_throw_msg<std::runtime_error>([&] { message.add(std::string(65536, 'n'), 1); },
                                          prefix + "Faild to handle int32");
     EXPECT_FALSE(message.overflowed());
+}
+
+TEST(Buf, ANameIsAsLongAsWhatStandsBeforeItsFirstNul) {
+    std::string cut(70000, 'n');
+    cut[1] = '\0';
+    EXPECT_EQ(hex_of(buf(table{{cut, 1}})), hex_of(buf(table{{"n", 1}})));
+    // The last field that fits, by the name as it is written.
+    constexpr std::size_t small = 8 + 4;
+    buf message;
+    message.add("u", bytes(longest - heads - small));
+    message.add(cut, 1);
+    EXPECT_EQ(blob_raw_len(message.native()->head), longest);
+    EXPECT_FALSE(message.overflowed());
+}
+
+TEST(Buf, AFieldThatFitsBehindOneThatDoesNotEndsTheOverflow) {
+    constexpr std::size_t small = 8 + 4;
+    buf message;
+    message.add("u", bytes(longest - heads - small));
+    EXPECT_THROW(message.add("l", 1LL), std::runtime_error);
+    EXPECT_TRUE(message.overflowed());
+    message.add("i", 1);
+    EXPECT_FALSE(message.overflowed());
+}
+
+TEST(Buf, AFieldAfterSeveralNestsOnEachLevelGoesToItsLevel) {
+    const attr inner = {{"a", {1, 2}}, {"b", {{"c", {{"d", 3}}}}}, {"e", 4}};
+    const std::string d = field(2, "c", field(5, "d", std::string("\0\0\0\3", 4)));
+    const std::string fields =
+        field(1, "a",
+              field(5, "", std::string("\0\0\0\1", 4)) + field(5, "", std::string("\0\0\0\2", 4))) +
+        field(2, "b", d) + field(5, "e", std::string("\0\0\0\4", 4));
+    const std::string bytes = whole(field(1, "l", field(2, "", fields) + field(2, "", fields)) +
+                                    field(5, "z", std::string("\0\0\0\5", 4)));
+    const table source = {{"l", list{inner, inner}}, {"z", 5}};
+    EXPECT_EQ(hex_of(buf(source)), to_hex(bytes.data(), bytes.size()));
+    const message received(bytes);
+    EXPECT_EQ(hex_of(buf(utils::to_table(received.get()))), to_hex(bytes.data(), bytes.size()));
 }
 
 TEST(ToBlobmsgType, KnowsEveryStoredType) {

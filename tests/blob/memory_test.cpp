@@ -130,7 +130,15 @@ TEST(MemoryShortage, MovingSwappingAndDestroyingNeverAllocate) {
 }
 
 TEST(MemoryShortage, EncodingLeaksNothingAndKeepsTheValue) {
-    const table source = {{"v", sample()}};
+    // Long and deep, so that the buffer and the stack of open nests grow several times. (Those of a
+    // libubox that is a library of its own do not fail: the stack alone has to be enough.)
+    attr deep = list(200, sample());
+    for (int level = 0; level < 1000; ++level) {
+        list around;
+        around.push_back(std::move(deep));
+        deep = std::move(around);
+    }
+    const table source = {{"v", std::move(deep)}};
     const std::string bytes = encoded(source.begin()->second);
     EXPECT_GT(fail_each_allocation([&] { buf message(source); },
                                    [&] { EXPECT_EQ(encoded(source.begin()->second), bytes); }),
@@ -179,10 +187,58 @@ TEST(MemoryShortage, ABufferThatCannotBeAllocatedIsBadAlloc) {
 TEST(MemoryShortage, DecodingLeaksNothing) {
     const message received(encoded(sample()));
     EXPECT_GT(fail_each_allocation([&] { utils::to_table(received.get()); }, nothing), 20u);
-    utils::to_blobmsg_type(typeid(bool)); // makes its table, which stays
     const policy expected = {{"v", typeid(table)}, {"w", typeid(bool)}};
     EXPECT_GT(fail_each_allocation([&] { utils::to_table(received.get(), expected); }, nothing),
               20u);
+}
+
+/// Nothing in it is long: names and texts stay within their strings.
+const table small = {{"address", "192.168.100.2"}, {"interface", "lan"},    {"metric", 10},
+                     {"received", 1234567890123},  {"servers", {"a", "b"}}, {"up", true}};
+
+TEST(Allocations, ABuilderOfASmallMessageTakesTwoForItselfAndItsBuffer) {
+    const std::size_t before = allocations();
+    {
+        const buf message(small);
+        EXPECT_LE(blob_raw_len(message.native()->head), 256u) << "what libubox starts with";
+    }
+    EXPECT_LE(allocations() - before, 2u);
+    EXPECT_GT(allocations(), before);
+}
+
+TEST(Allocations, AnotherSmallMessageInTheSameBuilderTakesOneForItsBuffer) {
+    buf message;
+    const std::size_t before = allocations();
+    message.assign(small);
+    EXPECT_LE(allocations() - before, 1u);
+}
+
+TEST(Allocations, AFieldAddedToAMessageThatHasRoomTakesNone) {
+    buf message;
+    const std::size_t before = allocations();
+    message.add("text", small.begin()->second);
+    message.add("list", small.find("servers")->second);
+    EXPECT_EQ(allocations(), before);
+}
+
+TEST(Allocations, AMessageOfManyFieldsMovesItsBufferAFewTimes) {
+    table many;
+    for (int i = 0; i < 1000; ++i) {
+        many.emplace("field_" + std::to_string(i), i);
+    }
+    const std::size_t before = allocations();
+    const buf message(many);
+    EXPECT_LE(allocations() - before, 10u) << "from 256 bytes to 24 KiB";
+}
+
+TEST(Allocations, ADecodedFieldTakesOneAndItsTextAnother) {
+    table flat = small;
+    flat.erase("servers");
+    const buf message(flat);
+    const std::size_t before = allocations();
+    const table read = utils::to_table(message.native()->head);
+    EXPECT_LE(allocations() - before, read.size() + 2) << "two of the fields are texts";
+    EXPECT_GE(allocations() - before, read.size());
 }
 
 } // namespace

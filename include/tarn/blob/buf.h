@@ -4,12 +4,10 @@
 #include "tarn/blob/attr.h"
 #include "tarn/export.h"
 
-#include <functional>
 #include <map>
 #include <memory>
 #include <string>
 #include <typeindex>
-#include <vector>
 
 struct blob_buf;
 
@@ -69,33 +67,11 @@ public:
     const ::blob_buf* native() const noexcept { return b_.get(); }
 
 private:
-    using converter = std::function<void(const std::string&, const attr&)>;
-
     struct TARN_API release {
         void operator()(::blob_buf* buffer) const noexcept;
     };
-    class nest;
 
-    void convert(const std::string& name, const attr& value);
-    void write_children();
-    void add_converters();
-    template <class T>
-    void add_number_converter(int type, const char* failure);
-    template <class Container>
-    void add_nest_converter(bool array, const char* failure);
-    void make_sure_it_fits(const std::string& name, std::size_t size, const char* failure);
-    void make_room(std::size_t size, const char* failure);
-    void put(int type, const std::string& name, const void* data, std::size_t size,
-             const char* failure);
-
-    const std::string prefix_;
-    const std::string no_name_;
     std::unique_ptr<::blob_buf, release> b_;
-    /// The writer for each stored type; a list's or table's opens the nest and leaves the children
-    /// to write_children().
-    std::map<std::type_index, converter> converters_;
-    /// Lists and tables that are open, outermost first. Empty between calls.
-    std::vector<nest> nests_;
     bool overflowed_ = false;
 };
 
