@@ -281,6 +281,17 @@ TEST(Buf, ANameIsAsLongAsWhatStandsBeforeItsFirstNul) {
     EXPECT_FALSE(message.overflowed());
 }
 
+TEST(Buf, ANameThatIsTooLongIsRefusedWhereTheBufferHasRoomForIt) {
+    buf message;
+    message.add("u", bytes(300000));
+    message.add("v", bytes(1000));
+    ASSERT_GT(message.native()->buflen, 500000) << "doubled";
+    const std::size_t written = blob_raw_len(message.native()->head);
+    expect_throw_msg<std::runtime_error>([&] { message.add(std::string(65536, 'n'), 1); },
+                                         prefix + "Faild to handle int32");
+    EXPECT_EQ(blob_raw_len(message.native()->head), written);
+}
+
 TEST(Buf, AFieldThatFitsBehindOneThatDoesNotEndsTheOverflow) {
     constexpr std::size_t small = 8 + 4;
     buf message;

@@ -231,6 +231,14 @@ TEST(Allocations, AMessageOfManyFieldsMovesItsBufferAFewTimes) {
     EXPECT_LE(allocations() - before, 10u) << "from 256 bytes to 24 KiB";
 }
 
+TEST(Allocations, AListThatEndsItsMessageIsDecodedWithoutAStackOfNests) {
+    const buf message(table{{"l", {1, 2}}});
+    const std::size_t before = allocations();
+    const table read = utils::to_table(message.native()->head);
+    EXPECT_LE(allocations() - before, 5u) << "the field, two for its list, and the two elements";
+    EXPECT_EQ(read.begin()->second.get<list>().size(), 2u);
+}
+
 TEST(Allocations, ADecodedFieldTakesOneAndItsTextAnother) {
     table flat = small;
     flat.erase("servers");

@@ -191,6 +191,26 @@ TEST(Readers, AFieldShorterThanItsTypeIsABadAttrForToAttr) {
     EXPECT_EQ(utils::to_attr(first(unterminated), false).get<std::string>(), "abcd");
 }
 
+TEST(Readers, AFieldWhoseNameDoesNotEndWithinItHasNoData) {
+    for (const unsigned namelen : {7U, 100U, 0xffffU}) {
+        for (const unsigned id : {0U, 1U, 2U, 3U, 5U, 7U}) {
+            std::string bytes = field(id, "n", "abcd");
+            bytes[4] = static_cast<char>(namelen >> 8);
+            bytes[5] = static_cast<char>(namelen & 0xff);
+            const message received(bytes);
+            EXPECT_TRUE(utils::to_unspec(received.get()).empty());
+            EXPECT_TRUE(utils::to_table(received.get()).empty());
+            EXPECT_TRUE(utils::to_array(received.get()).empty());
+            if (id >= 5) {
+                expect_throw_msg<std::runtime_error>([&] { utils::to_attr(received.get(), false); },
+                                                     "tarn::blob::utils::to_attr: Bad attr");
+            } else if (id == 3) {
+                EXPECT_EQ(utils::to_attr(received.get(), false).get<std::string>(), "");
+            }
+        }
+    }
+}
+
 TEST(Readers, AMessageStaysUntouched) {
     const std::string inside = field(0, "u", "\1\2") + field(3, "s", std::string("a\0b\0", 4)) +
                                field(4, "q", std::string(8, '\1')) + field(5, "i", five) +
