@@ -47,8 +47,12 @@ void epoll_loop::run() {
     core_->run();
 }
 
+// What has been told to stop, or runs a task, may destroy the loop before the call that told it has
+// returned: so both keep the core to themselves.
+
 void epoll_loop::stop() {
-    core_->stop();
+    const auto core = core_;
+    core->stop();
 }
 
 int epoll_loop::fd() const noexcept {
@@ -60,7 +64,8 @@ std::size_t epoll_loop::dispatch() {
 }
 
 void epoll_loop::post(const std::function<void()>& task) {
-    core_->post(task);
+    const auto core = core_;
+    core->post(task);
 }
 
 std::shared_ptr<utils::event_loop::timer> epoll_loop::create_timer() {

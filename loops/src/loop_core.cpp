@@ -64,7 +64,7 @@ public:
     ~turn_end() {
         const std::lock_guard<std::mutex> lock(core_.mutex_);
         core_.tasks_.splice(core_.tasks_.begin(), left_);
-        if (!core_.tasks_.empty()) {
+        if (!core_.tasks_.empty() && core_.needs_wakeup()) {
             core_.wake();
         }
         core_.program_timerfd();
@@ -100,6 +100,7 @@ void loop_core::close() noexcept {
     closed_ = true;
     dropped.swap(tasks_);
     heap_.clear();
+    const std::lock_guard<std::mutex> waking(wake_mutex_);
     epoll_.close();
     eventfd_.close();
     timerfd_.close();
@@ -119,10 +120,13 @@ std::size_t loop_core::dispatch() {
 }
 
 void loop_core::stop() {
-    // Everything happens under the lock, here and in post(), and run() takes it once more before it
-    // returns: so the loop may be destroyed then, even if this call has not returned yet.
-    const std::lock_guard<std::mutex> lock(mutex_);
-    stop_ = true;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        stop_ = true;
+        if (!needs_wakeup()) {
+            return;
+        }
+    }
     wake();
 }
 
@@ -132,11 +136,16 @@ void loop_core::post(const std::function<void()>& task) {
     }
     task_list node;
     node.push_back(task);
-    const std::lock_guard<std::mutex> lock(mutex_);
-    if (closed_) {
-        return;
+    {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        if (closed_) {
+            return;
+        }
+        tasks_.splice(tasks_.end(), node);
+        if (!needs_wakeup()) {
+            return;
+        }
     }
-    tasks_.splice(tasks_.end(), node);
     wake();
 }
 
@@ -262,11 +271,15 @@ void loop_core::insert(timer_entry& entry, std::chrono::nanoseconds deadline) no
     }
 }
 
+bool loop_core::needs_wakeup() noexcept {
+    return !std::exchange(woken_, true);
+}
+
 void loop_core::wake() noexcept {
-    if (woken_) {
-        return;
+    const std::lock_guard<std::mutex> waking(wake_mutex_);
+    if (eventfd_.get() < 0) {
+        return; // closed since
     }
-    woken_ = true;
     const std::uint64_t one = 1;
     while (::write(eventfd_.get(), &one, sizeof(one)) < 0 && errno == EINTR) {}
 }

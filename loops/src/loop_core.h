@@ -58,9 +58,13 @@ private:
 
     // These four expect the lock to be held.
     void insert(timer_entry& entry, std::chrono::nanoseconds deadline) noexcept;
-    void wake() noexcept;
+    /// Whether the eventfd is to be written, which is then taken as done.
+    bool needs_wakeup() noexcept;
     void clear_wakeup() noexcept;
     void program_timerfd() noexcept;
+
+    /// Writes the eventfd. Best without the lock, which the thread that it wakes takes first.
+    void wake() noexcept;
 
     unique_fd epoll_;
     unique_fd eventfd_;
@@ -72,6 +76,8 @@ private:
 
     // Guards everything below. Never held while a task, a handler or a destructor of one runs.
     std::mutex mutex_;
+    // Keeps the eventfd open while it is written. Taken after mutex_.
+    std::mutex wake_mutex_;
     task_list tasks_;
     timer_heap heap_;
     std::size_t timers_ = 0;
@@ -79,7 +85,7 @@ private:
     // The deadline the timerfd was last set to. It may be earlier than the first timer's, since
     // disarming leaves it alone: one idle turn later is cheaper than a system call each time.
     std::chrono::nanoseconds programmed_;
-    // True while the eventfd is readable, so that a burst of posts costs one write.
+    // True while the eventfd is readable, or about to be, so that a burst of posts costs one write.
     bool woken_ = false;
     bool closed_ = false;
 };
