@@ -117,6 +117,9 @@ void app_side::request_connection(client::state next) {
 
 void app_side::request_disconnect() noexcept {
     const std::shared_ptr<connection_ctx> ending = std::move(connection_);
+    if (!ending) {
+        return;
+    }
     connection_id_ = connection_id::none;
     ending->ending_life = life();
     bridge_.post_ready(ending->disconnect_task, ending);

@@ -157,7 +157,7 @@ TEST_F(InvokeEach, AReplyMayReleaseTheLink) {
 TEST_F(InvokeEach, WhatItsHandlersCapturedIsGoneWithTheCall) {
     auto for_each = std::make_shared<int>(0);
     auto for_outcome = std::make_shared<int>(0);
-    bus().invoke_each(
+    const auto link = bus().invoke_each( // which does not keep it
         "own", "serve", {}, [for_each](const blob::attr&) {},
         [for_outcome](const std::error_code&) {}, seconds(0));
     run_until([this] { return !kept_.empty(); });

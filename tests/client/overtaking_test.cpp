@@ -126,9 +126,66 @@ TEST_F(Overtaking, ADisconnectOnAnotherThreadWhileAConnectHandlerRunsIsDone) {
         elsewhere([&] { bus().disconnect(disconnected.handler()); });
     });
     run_until([&] { return disconnected.reported(); });
-    run_until_state(state::disconnected);
+    EXPECT_FALSE(disconnected.code()) << "its own outcome, not that of the connection";
+    EXPECT_EQ(bus().get_state(), state::disconnected);
     EXPECT_EQ(disconnected.count(), 1U);
     expect_a_working_client();
+}
+
+TEST_F(Overtaking, AConnectOnAnotherThreadWhileADisconnectHandlerRunsIsDone) {
+    connect();
+    outcome connected;
+    bus().disconnect([&](const std::error_code& code) {
+        EXPECT_FALSE(code);
+        elsewhere([&] { bus().connect(connected.handler()); });
+    });
+    run_until([&] { return connected.reported(); });
+    EXPECT_FALSE(connected.code()) << "its own outcome, not that of the disconnection";
+    EXPECT_EQ(bus().get_state(), state::connected);
+    EXPECT_EQ(connected.count(), 1U);
+}
+
+TEST_F(Overtaking, WhatOtherThreadsAskForWhileCancelRunsIsEndedByItOrDoneAfterIt) {
+    connect();
+    outcome early;
+    outcome late;
+    outcome nothing;
+    call_outcome called;
+    bus().invoke(
+        "nobody", "echo", {},
+        [&](const std::list<blob::attr>&, const std::error_code&) {
+            elsewhere([&] { bus().connect(early.handler()); });
+        },
+        seconds(0));
+    bus().disconnect({});
+    bus().connect([&](const std::error_code&) {
+        elsewhere([&] {
+            bus().connect(late.handler());
+            bus().disconnect(nothing.handler());
+        });
+    });
+    bus().cancel();
+    EXPECT_EQ(early.code(), generic::aborted);
+    run_until([&] { return late.reported(); });
+    EXPECT_FALSE(late.code());
+    EXPECT_EQ(nothing.count(), 1U);
+    EXPECT_FALSE(nothing.code());
+    EXPECT_EQ(bus().get_state(), state::connected);
+}
+
+TEST_F(Overtaking, AutomaticReconnectionThatAHandlerOfCancelTurnsOnBegins) {
+    utils::scoped_link on;
+    connect();
+    bus().invoke(
+        "nobody", "echo", {},
+        [&](const std::list<blob::attr>&, const std::error_code&) {
+            on = bus().auto_connect([](long long) { return seconds(1); });
+        },
+        seconds(0));
+    bus().cancel();
+    EXPECT_TRUE(on.active());
+    loop()->advance(seconds(1)); // in case that the end of cancel() counted as a failure
+    run_until_state(state::connected);
 }
 
 TEST_F(Overtaking, ADisconnectOnAnotherThreadWhileTheSubscribersHearOfAConnectionIsDone) {
@@ -176,10 +233,15 @@ TEST_F(Overtaking, ADisconnectHandlerMayConnectAndDisconnect) {
 TEST_F(Overtaking, AConnectHandlerThatThrowsTakesThoseBehindItWithIt) {
     bus().connect([](const std::error_code&) { throw std::runtime_error("a connect's"); });
     outcome second;
-    const utils::link link = bus().connect(second.handler());
+    auto captured = std::make_shared<int>(0);
+    const std::weak_ptr<int> watched = captured;
+    const utils::link link = bus().connect(
+        [captured, told = second.handler()](const std::error_code& code) { told(code); });
+    captured.reset();
     EXPECT_THROW(run_until([&] { return second.reported(); }), std::runtime_error);
     EXPECT_EQ(bus().get_state(), state::connected);
     EXPECT_FALSE(link.active());
+    EXPECT_TRUE(watched.expired()) << "although the link lives on";
     outcome disconnected;
     bus().disconnect(disconnected.handler());
     run_until([&] { return disconnected.reported(); });
