@@ -248,7 +248,7 @@ TEST_F(Memory, ASendIsReportedWhicheverAllocationOfTheLoopThreadFails) {
                     sent.code() == make_error_code(msg::invalid_argument))
             << sent.code().message();
     });
-    EXPECT_GT(failed, 5U);
+    EXPECT_GE(failed, 2U);
 }
 
 TEST_F(Memory, ConnectingAndDisconnectingAreReportedWhicheverAllocationOfTheLoopThreadFails) {
