@@ -103,6 +103,7 @@ void app_side::cancel() {
 void app_side::do_after_cancel() {
     era since = 0;
     bool disconnect_asked = false;
+    bool connecting = false;
     {
         const lock_guard guard(lock_);
         if (cancelling()) {
@@ -110,14 +111,17 @@ void app_side::do_after_cancel() {
         }
         since = era_;
         disconnect_asked = std::exchange(disconnect_after_cancel_, false);
-        const bool connect_asked = std::exchange(connect_after_cancel_, false);
-        if (connect_asked || (reconnection_ && !retry_due_)) {
+        connecting = std::exchange(connect_after_cancel_, false) || (reconnection_ && !retry_due_);
+        if (connecting) {
             take_step(connection_event::connect);
         }
     }
     announce();
     if (disconnect_asked) {
         tell_everybody(disconnect_handlers_, since, {});
+        if (!connecting) {
+            tell_everybody(connect_handlers_, since, error::generic::aborted);
+        }
     }
 }
 

@@ -127,10 +127,20 @@ void app_side::request_disconnect() noexcept {
 
 // --- what the application asks for ---
 
+/// With the lock held, while cancel() runs: a handler that it calls has asked for this in the
+/// middle of it; any other thread means what comes after it.
+void app_side::note_for_after_cancel(connection_event event) noexcept {
+    if (canceller_ != std::this_thread::get_id()) {
+        connect_after_cancel_ = event == connection_event::connect; // the last one counts
+        disconnect_after_cancel_ =
+            disconnect_after_cancel_ || event == connection_event::disconnect;
+    }
+}
+
 /// One locked step: `waiting` waits with `others` for what `event` leads to. False when the state
 /// is `reached` already, and there is nothing to wait for.
 bool app_side::wait_for(connection_event event, client::state reached, pending_list& others,
-                        const std::shared_ptr<report>& waiting, bool& after_cancel) {
+                        const std::shared_ptr<report>& waiting) {
     const lock_guard guard(lock_);
     if (!cancelling() && state_ == reached) {
         return false;
@@ -140,9 +150,7 @@ bool app_side::wait_for(connection_event event, client::state reached, pending_l
         others.add(waiting);
     }
     if (cancelling()) {
-        // A handler that cancel() calls has asked for it in the middle of that; anybody else means
-        // what comes after it.
-        after_cancel = after_cancel || canceller_ != std::this_thread::get_id();
+        note_for_after_cancel(event);
         return true;
     }
     try {
@@ -157,12 +165,12 @@ bool app_side::wait_for(connection_event event, client::state reached, pending_l
 }
 
 utils::link app_side::ask_for(connection_event event, client::state reached, pending_list& others,
-                              bool& after_cancel, const client::completion_handler& handler) {
+                              const client::completion_handler& handler) {
     disable_auto_connect();
     const std::shared_ptr<report> waiting =
         handler ? std::make_shared<report>(*this, handler) : nullptr;
     handover();
-    if (!wait_for(event, reached, others, waiting, after_cancel)) {
+    if (!wait_for(event, reached, others, waiting)) {
         return report_later(handler, std::error_code());
     }
     handover();
@@ -178,13 +186,12 @@ utils::link app_side::ask_for(connection_event event, client::state reached, pen
 }
 
 utils::link app_side::connect(const client::completion_handler& handler) {
-    return ask_for(connection_event::connect, client::state::connected, connect_handlers_,
-                   connect_after_cancel_, handler);
+    return ask_for(connection_event::connect, client::state::connected, connect_handlers_, handler);
 }
 
 utils::link app_side::disconnect(const client::completion_handler& handler) {
     return ask_for(connection_event::disconnect, client::state::disconnected, disconnect_handlers_,
-                   disconnect_after_cancel_, handler);
+                   handler);
 }
 
 utils::link app_side::auto_connect(const client::backoff_function& backoff) {
@@ -204,9 +211,8 @@ utils::link app_side::auto_connect(const client::backoff_function& backoff) {
         replaced = end_reconnection(); // another thread's
         if (!cancelling()) {
             take_step(connection_event::connect);
-        } else if (!backoff) {
-            connect_after_cancel_ =
-                connect_after_cancel_ || canceller_ != std::this_thread::get_id();
+        } else {
+            note_for_after_cancel(connection_event::connect);
         }
         reconnection_ = std::move(wanted);
     }

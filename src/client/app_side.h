@@ -155,9 +155,10 @@ private:
     void arm_reconnection();
     void reconnect();
     bool wait_for(connection_event event, client::state reached, pending_list& others,
-                  const std::shared_ptr<report>& waiting, bool& after_cancel);
+                  const std::shared_ptr<report>& waiting);
+    void note_for_after_cancel(connection_event event) noexcept;
     utils::link ask_for(connection_event event, client::state reached, pending_list& others,
-                        bool& after_cancel, const client::completion_handler& handler);
+                        const client::completion_handler& handler);
     void tell_all(pending_list& waiting, pending_list::number before, bool insiders, era since,
                   const std::error_code& code);
     void tell_everybody(pending_list& waiting, era since, const std::error_code& code);

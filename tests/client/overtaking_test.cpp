@@ -160,8 +160,8 @@ TEST_F(Overtaking, WhatOtherThreadsAskForWhileCancelRunsIsEndedByItOrDoneAfterIt
     bus().disconnect({});
     bus().connect([&](const std::error_code&) {
         elsewhere([&] {
-            bus().connect(late.handler());
             bus().disconnect(nothing.handler());
+            bus().connect(late.handler());
         });
     });
     bus().cancel();
@@ -171,6 +171,23 @@ TEST_F(Overtaking, WhatOtherThreadsAskForWhileCancelRunsIsEndedByItOrDoneAfterIt
     EXPECT_EQ(nothing.count(), 1U);
     EXPECT_FALSE(nothing.code());
     EXPECT_EQ(bus().get_state(), state::connected);
+}
+
+TEST_F(Overtaking, OfWhatOtherThreadsAskForWhileCancelRunsTheLastCounts) {
+    outcome connected;
+    outcome disconnected;
+    bus().connect([&](const std::error_code&) {
+        elsewhere([&] {
+            bus().connect(connected.handler());
+            bus().disconnect(disconnected.handler());
+        });
+    });
+    bus().cancel();
+    EXPECT_EQ(connected.code(), generic::aborted);
+    EXPECT_EQ(disconnected.count(), 1U);
+    EXPECT_FALSE(disconnected.code());
+    EXPECT_EQ(bus().get_state(), state::disconnected);
+    expect_a_working_client();
 }
 
 TEST_F(Overtaking, AutomaticReconnectionThatAHandlerOfCancelTurnsOnBegins) {
