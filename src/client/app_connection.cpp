@@ -299,8 +299,9 @@ void app_side::arm_reconnection() {
     long long attempt = 0;
     {
         const lock_guard guard(lock_);
-        if (!reconnection_ || !reconnect_timer_ || state_ != client::state::disconnected) {
-            return; // switched off, stopped, or overtaken
+        if (!reconnection_ || !reconnect_timer_ || state_ != client::state::disconnected ||
+            announcer_.is_behind()) {
+            return; // switched off, stopped, or overtaken by a change that is told next
         }
         if (attempts_ < std::numeric_limits<long long>::max()) {
             ++attempts_;
@@ -337,10 +338,13 @@ void app_side::reconnect() {
     bool failed = false;
     {
         const lock_guard guard(lock_);
-        if (cancelling() || !retry_due_ || !reconnection_) {
+        if (!retry_due_ || !reconnection_) {
             return; // switched off when the timer had already expired
         }
         retry_due_ = false;
+        if (cancelling()) {
+            return; // the end of which makes the attempt
+        }
         try {
             take_step(connection_event::connect);
         } catch (const std::bad_alloc&) {

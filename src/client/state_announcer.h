@@ -31,6 +31,9 @@ public:
         waiting_[(first_ + count_ - 1) % waiting_.size()] = s;
     }
 
+    /// Whether changes have been noted and not been told. With the lock held.
+    bool is_behind() const noexcept { return count_ != 0; }
+
     /// Calls `tell` with everything noted, without the lock. Passes the first exception on when
     /// all is told.
     template <class Tell>
