@@ -1,0 +1,125 @@
+/// One sequence at work: its threads, its handlers, and what they saw.
+#pragma once
+
+#include "operation.h"
+#include "plan.h"
+#include "world.h"
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+namespace tarn::test {
+
+/// Lives until nothing refers to its operations any more, or the process ends.
+class sequence {
+public:
+    using context = std::shared_ptr<client::exchange_ctx>;
+    using act = step::act;
+
+    sequence(world& w, const plan& p);
+    ~sequence();
+    sequence(const sequence&) = delete;
+    sequence& operator=(const sequence&) = delete;
+
+    /// What happened by the way.
+    struct events {
+        std::atomic<int> losses{0}; ///< of the bus, and its refusals
+        std::atomic<int> throws{0};
+        std::atomic<int> cancels{0};
+        std::atomic<int> disconnects{0};
+        std::atomic<int> connects{0}; ///< and auto_connects
+    };
+
+    /// A call by the other process.
+    struct peer_call {
+        int number;
+        step planned;
+    };
+
+    /// Lets all threads do their steps.
+    void start_threads();
+    /// False when they do not come to their end.
+    bool finish_threads(std::chrono::seconds limit);
+
+    /// Does what the plan has not, on the calling thread.
+    model_operation& start(step s);
+
+    /// Lets the kept calls go, which answers them.
+    void drop_kept();
+
+    /// From now on handlers do nothing but their own work: the plan is over.
+    void end_plan() { plan_ended_ = true; }
+
+    /// A new moment.
+    moment now() { return ++clock_; }
+    /// The latest one.
+    moment latest() const { return clock_; }
+    /// Whether a thread is inside an operation or a handler.
+    bool busy() const { return busy_ != 0; }
+    events& seen() { return seen_; }
+    const plan& planned() const { return plan_; }
+    verdict& result() { return world_.result(); }
+    /// All that have begun.
+    std::vector<model_operation*> begun();
+    std::vector<peer_call> peer_calls();
+    /// Where a thread is that does not come back, for the report.
+    std::string whereabouts();
+
+private:
+    void run(const std::vector<step>& steps);
+    void run(const step& s);
+    void run_on_loop(std::size_t first);
+    void perform(model_operation& op, const std::function<utils::link()>& call);
+    utils::link call(model_operation& op);
+    utils::link invoke(model_operation& op, const context& served = {},
+                       model_operation* object = nullptr);
+    utils::link add_object(model_operation& op);
+    void cancel(model_operation& op);
+    void check_all_ended(const model_operation& cancel);
+    void release(int target);
+    void wait_for(int target);
+    void answer();
+    void call_by_peer(const step& s);
+    void upset_bus(act what);
+
+    client::completion_handler completion(model_operation& op);
+    void begin_handler(model_operation& op, const std::string& told);
+    void check_thread(const model_operation& op, bool tells_state);
+    void report(model_operation& op, const std::error_code& code);
+    void check_replies(const model_operation& op, const std::list<blob::attr>& replies);
+    void act_inside(const std::vector<step>& steps, bool throws);
+    void serve(model_operation& op, int method, const context& ctx);
+    void answer_with(model_operation& op, const context& ctx);
+    void tell_state(model_operation& op, client::state s);
+    std::chrono::seconds back_off(model_operation& op, long long attempt);
+    model_operation* find(int id);
+    model_operation& adopt(step s);
+
+    world& world_;
+    const plan& plan_;
+    std::atomic<moment> clock_{0};
+    events seen_;
+    std::vector<std::unique_ptr<model_operation>> planned_; ///< by number, from 1
+    std::atomic<bool> loop_done_{true};
+    std::atomic<bool> plan_ended_{false};
+    std::atomic<int> busy_{0};
+    std::atomic<int> connect_handlers_{0}; ///< that run
+
+    std::mutex lock_; ///< guards the ones below
+    std::list<std::unique_ptr<model_operation>> more_;
+    std::list<std::pair<context, model_operation*>> kept_;
+    std::vector<peer_call> peer_calls_;
+    std::map<std::string, std::vector<std::string>> stacks_; ///< operations under way, by thread
+};
+
+/// The name of a code, "success" for none.
+std::string told(const std::error_code& code);
+
+} // namespace tarn::test
