@@ -2,6 +2,7 @@
 #include "peer_process.h"
 
 #include <array>
+#include <atomic>
 #include <cstdio>
 #include <fcntl.h>
 #include <poll.h>
@@ -45,8 +46,10 @@ void peer_process::order(const std::string& line) {
 }
 
 int peer_process::start_call(const std::string& path, const std::string& method) {
+    // Given once: an answer by the process that follows this one is not taken for its answer.
+    static std::atomic<int> calls{0};
+    const int call = ++calls;
     const std::lock_guard<std::mutex> guard(lock_);
-    const int call = ++next_call_;
     order("call " + std::to_string(call) + " " + path + " " + method + "\n");
     return call;
 }
@@ -106,8 +109,6 @@ bool peer_process::reset() {
         const std::string line = take_line(patience);
         if (line == "reset") {
             answers_.clear();
-            const std::lock_guard<std::mutex> guard(lock_);
-            next_call_ = 0;
             return true;
         }
         if (line.empty()) {

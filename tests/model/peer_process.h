@@ -43,8 +43,7 @@ private:
     std::string take_line(std::chrono::milliseconds limit);
     void order(const std::string& line);
 
-    std::mutex lock_; ///< of the number and of writing
-    int next_call_ = 0;
+    std::mutex lock_; ///< of writing
     int orders_ = -1;
     std::string unread_;
     std::map<int, answer> answers_;
