@@ -81,8 +81,8 @@ bool model::play(sequence& s) {
         world_.result().fail("a thread does not come back");
         return false;
     }
-    return fine() && settle(s) && fine() && judge_names(s) && end_everything(s) && use_anew(s) &&
-           judge_outcomes(s) && fine();
+    return fine() && settle(s) && fine() && judge_names(s) && reconnect(s) && end_everything(s) &&
+           use_anew(s) && judge_outcomes(s) && fine();
 }
 
 bool model::await(sequence& s, const std::function<bool()>& done, const std::string& what) {
@@ -119,6 +119,7 @@ bool model::expect(sequence& s, const step& wanted, const std::error_code& code)
 }
 
 bool model::begin(sequence& s) {
+    s.watch_states();
     return !s.planned().starts_connected || expect(s, simple(act::connect), {});
 }
 
@@ -177,7 +178,16 @@ bool model::settle(sequence& s) {
             return false;
         }
     }
-    return settle_state(s);
+    if (!settle_state(s)) {
+        return false;
+    }
+    std::atomic<bool> checked{false};
+    world_.loop().post([&] {
+        s.check_subscribers();
+        checked = true;
+    });
+    return world_.loop().wait_until([&checked] { return checked.load(); }, std::chrono::hours(1)) &&
+           !world_.result().failed();
 }
 
 bool model::settle_state(sequence& s) {
@@ -206,8 +216,7 @@ bool model::settle_state(sequence& s) {
         if (works == (state == client::state::connected) && state == world_.bus().get_state()) {
             return true;
         }
-        if ((s.seen().losses == 0 && !rules::may_reconnect(s)) ||
-            std::chrono::steady_clock::now() > end) {
+        if (s.seen().losses == 0 || std::chrono::steady_clock::now() > end) {
             world_.result().fail("in state " + std::to_string(static_cast<int>(state)) +
                                  " a call is told " + told(op.outcome()));
             return false;
@@ -293,6 +302,25 @@ std::string model::left_over(sequence& s) {
         }
     }
     return text;
+}
+
+// Automatic reconnection that has come through losses comes through one more. (In the others a loss
+// would excuse too much.)
+bool model::reconnect(sequence& s) {
+    if (s.seen().losses == 0 || !rules::reconnects(s)) {
+        return true;
+    }
+    journal::note("the bus ends the connection once more");
+    const int before = s.successes();
+    world_.drop_bus();
+    return await(
+        s,
+        [&] {
+            return s.successes() != before ||
+                   (!rules::reconnects(s) &&
+                    world_.bus().get_state() == client::state::disconnected);
+        },
+        "it does not connect again");
 }
 
 // By a disconnection or by cancel().

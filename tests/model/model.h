@@ -43,6 +43,7 @@ private:
     bool settle_state(sequence& s);
     bool judge_names(sequence& s);
     bool judge_name(sequence& s, int name);
+    bool reconnect(sequence& s);
     bool end_everything(sequence& s);
     bool is_disconnected();
     bool use_anew(sequence& s);

@@ -36,12 +36,19 @@ struct model_operation {
     std::atomic<int> replies{0}; ///< told one by one
     std::atomic<int> alive{0};   ///< copies of its handlers
     std::atomic<bool> released{false};
-    std::atomic<bool> threw{false}; ///< the call itself, since a handler that it ran threw
-    std::atomic<bool> met_connect_handler{false}; ///< it was called while one ran
+    std::atomic<bool> threw{false};          ///< the call itself, since a handler that it ran threw
+    std::atomic<bool> in_cancel{false};      ///< called by a handler that cancel() called
+    std::atomic<bool> in_outcome{false};     ///< called by a handler that was told of a state
+    std::atomic<client::state> state_then{}; ///< when its handler began
 
-    std::mutex lock; ///< guards the ones below
+    mutable std::mutex lock; ///< guards the ones below
     std::optional<utils::link> link;
-    std::error_code code; ///< the first that was reported
+    std::error_code code;               ///< the first that was reported
+    std::optional<client::state> heard; ///< a subscriber's last state
+    int hearing = 0;                    ///< its calls under way, one inside the other
+    std::thread::id heard_on;           ///< the thread that makes them
+    int attempt = 0;                    ///< what its back-off function was told last
+    int successes = 0;                  ///< how many connections had been made then
     /// The thread on which a release returned before its handler had begun.
     std::thread::id silenced_on;
 
@@ -56,6 +63,16 @@ struct model_operation {
     utils::link handle() {
         const std::lock_guard<std::mutex> guard(lock);
         return link.value_or(utils::link());
+    }
+
+    bool active() const {
+        const std::lock_guard<std::mutex> guard(lock);
+        return link && link->active();
+    }
+
+    bool has_link() {
+        const std::lock_guard<std::mutex> guard(lock);
+        return link.has_value();
     }
 
     std::error_code outcome() {

@@ -37,6 +37,13 @@ bool any(sequence& s, const std::function<bool(const model_operation&)>& wanted)
     return !those(s, wanted).empty();
 }
 
+/// What a handler of cancel() asks for waits for the next outcome, and changes nothing; unless
+/// another cancel() has ended that one before. Automatic reconnection does not wait.
+bool may_wait(const model_operation& op) {
+    return op.in_cancel && (op.planned.what == act::connect || op.planned.what == act::disconnect ||
+                            (op.planned.what == act::auto_connect && op.planned.silent));
+}
+
 moment end_of(const model_operation& op) {
     return op.returned != 0 ? op.returned.load() : std::numeric_limits<moment>::max();
 }
@@ -49,24 +56,17 @@ bool connection_ended(sequence& s, moment until) {
            });
 }
 
-bool cancelled(sequence& s, moment until) {
-    return any(s, [until](const model_operation& op) {
-        return op.planned.what == act::cancel && (until == 0 || op.began < until);
+bool removed(sequence& s, int name) {
+    return any(s, [name](const model_operation& op) {
+        return op.planned.what == act::del && op.planned.name == name;
     });
 }
 
-bool removed(sequence& s, int name, moment until) {
-    return any(s, [name, until](const model_operation& op) {
-        return op.planned.what == act::del && op.planned.name == name &&
-               (until == 0 || op.began < until);
-    });
-}
-
-/// Whether it was called while cancel() ran somewhere.
-bool met_cancel(sequence& s, const model_operation& op) {
-    return any(s, [&op](const model_operation& other) {
-        return other.planned.what == act::cancel && other.began < end_of(op) &&
-               op.began < end_of(other);
+/// Whether one of those took effect after `op` had been called, and before it ended.
+bool overtaken(sequence& s, const model_operation& op,
+               const std::function<bool(const model_operation&)>& by) {
+    return any(s, [&](const model_operation& other) {
+        return &other != &op && by(other) && other.began < op.reported && end_of(other) > op.began;
     });
 }
 
@@ -85,14 +85,14 @@ bool must_end(sequence& s, const model_operation& op) {
     case act::connect:
     case act::auto_connect:
     case act::disconnect:
-        return !met_cancel(s, op);
+        return !may_wait(op);
     case act::invoke:
     case act::invoke_each:
         if (has_limit(op)) {
             return true;
         }
         return op.planned.name < 0 ? op.planned.method != 4 || op.planned.unknown
-                                   : !removed(s, op.planned.name, 0);
+                                   : !removed(s, op.planned.name);
     default:
         return !op.is_send || !connection_ended(s, 0);
     }
@@ -108,26 +108,10 @@ std::string still_under_way(sequence& s) {
     return text;
 }
 
-namespace {
-
-operations reconnecting(sequence& s) {
-    operations found =
-        those(s, [](const model_operation& op) { return op.planned.what == act::auto_connect; });
-    found.erase(std::remove_if(found.begin(), found.end(),
-                               [](model_operation* op) { return !op->handle().active(); }),
-                found.end());
-    return found;
-}
-
-} // namespace
-
 bool reconnects(sequence& s) {
-    const operations on = reconnecting(s);
-    return std::any_of(on.begin(), on.end(), [&s](auto* op) { return !met_cancel(s, *op); });
-}
-
-bool may_reconnect(sequence& s) {
-    return !reconnecting(s).empty();
+    return any(s, [](const model_operation& op) {
+        return op.planned.what == act::auto_connect && op.active();
+    });
 }
 
 std::string judge_state(sequence& s, client::state last) {
@@ -159,13 +143,11 @@ std::string judge_state(sequence& s, client::state last) {
     bool may_not = driving.empty();
     for (const model_operation* const op : driving) {
         const bool followed =
-            std::any_of(driving.begin(), driving.end(),
-                        [op](const model_operation* other) { return other->began > end_of(*op); });
+            std::any_of(driving.begin(), driving.end(), [op](const model_operation* other) {
+                return other->began > end_of(*op) && !may_wait(*other);
+            });
         if (!followed) {
             (connects(*op) ? may_connect : may_not) = true;
-            // The result that is being told may be that of an attempt which is torn down right
-            // after: this one then ends with it, aborted.
-            may_not = may_not || op->met_connect_handler;
         }
     }
     if (connected && !may_connect) {
@@ -192,21 +174,26 @@ std::string judge_outcome(sequence& s, model_operation& op) {
     const moment then = op.reported;
     const bool unconnected = !s.planned().starts_connected || connection_ended(s, then);
     if (code == error::generic::aborted) {
-        const bool overtaken = p.what == act::disconnect
-                                   ? any(s,
-                                         [&](const model_operation& other) {
-                                             return connects(other) && other.began < then;
-                                         })
-                               : p.what == act::connect ? connection_ended(s, then)
-                                                        : cancelled(s, then);
-        return overtaken ? "" : wrong + "and nothing has overtaken it";
+        const auto ends = [&p](const model_operation& other) {
+            return other.planned.what == act::cancel ||
+                   (p.what == act::connect && other.planned.what == act::disconnect);
+        };
+        const bool allowed =
+            p.what == act::disconnect
+                ? op.in_outcome || overtaken(s, op, connects)
+                : overtaken(s, op, ends) || (p.what == act::connect && op.in_outcome);
+        return allowed ? "" : wrong + "and nothing has overtaken it";
     }
     if (code == error::msg::connection_failed) {
-        const bool withdrawn = p.what == act::add && removed(s, p.name, then);
-        return p.what != act::connect && p.what != act::disconnect &&
-                       (unconnected || withdrawn || op.is_send)
+        return p.what != act::connect && p.what != act::disconnect && (unconnected || op.is_send)
                    ? ""
                    : wrong + "and the connection has not ended";
+    }
+    const bool drives_alone = !op.in_outcome && s.seen().losses == 0 && !overtaken(s, op, drives);
+    const auto wanted =
+        p.what == act::connect ? client::state::connected : client::state::disconnected;
+    if (drives(op) && drives_alone && op.state_then != wanted) {
+        return wrong + "in state " + std::to_string(static_cast<int>(op.state_then.load()));
     }
     std::set<std::error_code> allowed{error::msg::success};
     switch (p.what) {
@@ -278,38 +265,18 @@ struct change {
     std::optional<std::error_code> outcome; ///< nothing: nobody was told
 };
 
-/// A name, by the calls. One is doomed when it is withdrawn before it has reached the bus: then its
-/// addition may be told that the connection failed, and its removal that there is no such object.
-enum class name_state { free, served, doomed };
-
-/// What the name is after the change if its outcome is what was told; nothing if it cannot be.
-std::vector<name_state> after(const change& c, name_state before) {
-    const bool told = c.outcome.has_value();
-    const bool success = told && !*c.outcome;
-    if (c.adds) {
-        if (before != name_state::free) {
-            return !told || *c.outcome == error::msg::invalid_argument
-                       ? std::vector<name_state>{before}
-                       : std::vector<name_state>{};
-        }
-        if (!told) {
-            return {name_state::served, name_state::doomed};
-        }
-        if (success) {
-            return {name_state::served};
-        }
-        return *c.outcome == error::msg::connection_failed
-                   ? std::vector<name_state>{name_state::doomed}
-                   : std::vector<name_state>{};
-    }
-    const bool allowed =
-        !told || (success ? before != name_state::free
-                          : before != name_state::served && *c.outcome == error::msg::not_found);
-    return allowed ? std::vector<name_state>{name_state::free} : std::vector<name_state>{};
+/// What becomes of the name with the change, if its outcome is what was told; nothing if it cannot
+/// be.
+std::optional<bool> served_after(const change& c, bool served) {
+    const bool possible =
+        !c.outcome || (!*c.outcome ? served != c.adds
+                       : c.adds    ? served && *c.outcome == error::msg::invalid_argument
+                                   : !served && *c.outcome == error::msg::not_found);
+    return possible ? std::optional<bool>(c.adds) : std::nullopt;
 }
 
 /// Whether the changes in `left` can follow each other so that the name ends as it did.
-bool explained(const std::vector<change>& changes, unsigned left, name_state now, name_state last) {
+bool explained(const std::vector<change>& changes, unsigned left, bool now, bool last) {
     if (left == 0) {
         return now == last;
     }
@@ -322,10 +289,9 @@ bool explained(const std::vector<change>& changes, unsigned left, name_state now
         if (!first) {
             continue;
         }
-        for (const name_state then : after(next, now)) {
-            if (explained(changes, left & ~(1U << i), then, last)) {
-                return true;
-            }
+        const auto then = served_after(next, now);
+        if (then && explained(changes, left & ~(1U << i), *then, last)) {
+            return true;
         }
     }
     return false;
@@ -353,8 +319,7 @@ std::string judge_name(sequence& s, int name, bool served) {
         told_of += "\n    [" + std::to_string(c.began) + ", " + std::to_string(c.returned) + "] " +
                    op->name + ": " + (op->runs != 0 ? told(op->outcome()) : "not told");
     }
-    if (changes.size() > 20 || explained(changes, (1U << changes.size()) - 1, name_state::free,
-                                         served ? name_state::served : name_state::free)) {
+    if (changes.size() > 20 || explained(changes, (1U << changes.size()) - 1, false, served)) {
         return {};
     }
     return std::string("no order of what was done explains that ") +
@@ -363,8 +328,7 @@ std::string judge_name(sequence& s, int name, bool served) {
 }
 
 bool may_stay_unanswered(sequence& s, const sequence::peer_call& call) {
-    return connection_ended(s, 0) || s.planned().restarts_daemon ||
-           removed(s, call.planned.name, 0);
+    return connection_ended(s, 0) || s.planned().restarts_daemon || removed(s, call.planned.name);
 }
 
 std::string judge_peer_call(sequence& s, const sequence::peer_call& call,

@@ -11,17 +11,14 @@ namespace tarn::test::rules {
 bool unheard(const model_operation& op);
 
 /// Whether an unheard operation must come to its end without further ado. The others are calls that
-/// nobody answers, and what was asked for while cancel() ran, which waits for the next outcome.
+/// nobody answers, and what a handler of cancel() has asked for, which waits for the next outcome.
 bool must_end(sequence& s, const model_operation& op);
 
 /// The operations that must end and have not, a line each; empty when there are none.
 std::string still_under_way(sequence& s);
 
-/// Whether an automatic reconnection is on that tries until there is a connection.
+/// Whether automatic reconnection is on.
 bool reconnects(sequence& s);
-
-/// Whether one is on at all. What was asked for while cancel() ran begins with the next loss.
-bool may_reconnect(sequence& s);
 
 /// Complains about a state, the sequence's last one, that no order of its calls leads to; empty if
 /// nothing is wrong.

@@ -7,6 +7,7 @@
 #include "tarn/error.h"
 
 #include <algorithm>
+#include <array>
 #include <ctime>
 #include <utility>
 
@@ -18,7 +19,8 @@ namespace {
 struct place {
     int cancels = 0;                           ///< cancel()
     int drives = 0;                            ///< what changes the state
-    int told = 0;                              ///< state subscribers
+    int told = 0;                              ///< subscribers and back-off functions
+    int outcomes = 0;                          ///< these, and handlers of connections
     int handlers = 0;                          ///< all of them
     std::vector<const model_operation*> calls; ///< operations
 };
@@ -236,7 +238,8 @@ void sequence::perform(model_operation& op, const std::function<utils::link()>& 
     here.calls.push_back(&op);
     journal::note(op.name);
     const inside_of busy(busy_);
-    op.met_connect_handler = connect_handlers_ != 0;
+    op.in_cancel = here.cancels != 0;
+    op.in_outcome = here.outcomes != 0;
     op.began = now();
     try {
         const utils::link link = call_it();
@@ -258,12 +261,10 @@ utils::link sequence::call(model_operation& op) {
     client& bus = world_.bus();
     switch (op.planned.what) {
     case act::connect: {
-        ++seen_.connects;
         const inside_of drive(here.drives);
         return bus.connect(completion(op));
     }
     case act::auto_connect: {
-        ++seen_.connects;
         const inside_of drive(here.drives);
         if (op.planned.silent) {
             return bus.auto_connect({});
@@ -272,7 +273,6 @@ utils::link sequence::call(model_operation& op) {
             [this, self = witness(op)](long long attempt) { return back_off(*self, attempt); });
     }
     case act::disconnect: {
-        ++seen_.disconnects;
         const inside_of drive(here.drives);
         return bus.disconnect(completion(op));
     }
@@ -296,7 +296,6 @@ utils::link sequence::call(model_operation& op) {
 }
 
 void sequence::cancel(model_operation& op) {
-    ++seen_.cancels;
     const inside_of drive(here.drives);
     const inside_of cancelling(here.cancels);
     for (;;) {
@@ -386,6 +385,8 @@ void sequence::release(int target) {
     if (op == nullptr) {
         return;
     }
+    // The call itself may not have returned its link yet; then this releases nothing.
+    const bool has_link = op->has_link();
     utils::link link = op->handle();
     const bool begun_before = op->runs != 0;
     if (link.active()) {
@@ -404,7 +405,7 @@ void sequence::release(int target) {
     // A change of the state that is being told goes to all who had subscribed before it.
     const bool silenced = op->planned.what == act::subscribe ? here.told == 0 : !begun_before;
     const std::lock_guard<std::mutex> guard(op->lock);
-    if (op->link && silenced) {
+    if (has_link && silenced) {
         op->silenced_on = std::this_thread::get_id();
     }
 }
@@ -521,8 +522,11 @@ void sequence::report(model_operation& op, const std::error_code& code) {
     const inside_of handling(here.handlers);
     check_thread(op, false);
     begin_handler(op, told(code));
-    std::atomic<int> others{0};
-    const inside_of connected(op.planned.what == act::connect ? connect_handlers_ : others);
+    int others = 0;
+    const inside_of outcome(op.planned.what <= act::disconnect ? here.outcomes : others);
+    if (op.runs == 0) {
+        op.state_then = world_.bus().get_state();
+    }
     {
         const std::lock_guard<std::mutex> guard(op.lock);
         if (op.runs == 0) {
@@ -556,9 +560,64 @@ void sequence::tell_state(model_operation& op, client::state s) {
     const inside_of handling(here.handlers);
     check_thread(op, true);
     begin_handler(op, "state " + std::to_string(static_cast<int>(s)));
+    check_state(op, s);
     const inside_of telling(here.told);
+    const inside_of outcome(here.outcomes);
+    const auto over = [&op](const void*) {
+        const std::lock_guard<std::mutex> guard(op.lock);
+        --op.hearing;
+    };
+    const std::unique_ptr<model_operation, decltype(over)> hearing(&op, over);
     if (s == op.planned.trigger && ++op.runs == 1) {
         act_inside(op.planned.inside, op.planned.throws);
+    }
+}
+
+// By one thread at a time, in the order of the changes.
+void sequence::check_state(model_operation& op, client::state s) {
+    // By number, which follow which.
+    static constexpr std::array<std::array<bool, 4>, 4> follows{{
+        {false, true, false, false}, // disconnected
+        {true, false, true, true},   // connecting
+        {false, false, false, true}, // connected
+        {true, true, false, false},  // disconnecting
+    }};
+    if (&op == watcher_ && s == client::state::connected) {
+        ++successes_;
+    }
+    seen_.inversions += here.told;
+    const std::lock_guard<std::mutex> guard(op.lock);
+    if (++op.hearing > 1 && op.heard_on != std::this_thread::get_id()) {
+        result().fail(op.name + ": called by two threads at once");
+    }
+    // One who throws keeps the others from hearing.
+    if (op.heard && seen_.throws == 0 && seen_.inversions == 0 &&
+        !follows.at(static_cast<std::size_t>(*op.heard)).at(static_cast<std::size_t>(s))) {
+        result().fail(op.name + ": told state " + std::to_string(static_cast<int>(s)) +
+                      " after state " + std::to_string(static_cast<int>(*op.heard)));
+    }
+    op.heard = s;
+    op.heard_on = std::this_thread::get_id();
+}
+
+void sequence::watch_states() {
+    step s;
+    s.what = act::subscribe;
+    watcher_ = &adopt(s);
+    perform(*watcher_, [this] { return call(*watcher_); });
+}
+
+void sequence::check_subscribers() {
+    const client::state now = world_.bus().get_state();
+    for (model_operation* const op : begun()) {
+        const bool listens = op->planned.what == act::subscribe && op->handle().active();
+        const std::lock_guard<std::mutex> guard(op->lock);
+        if (listens && op->heard && *op->heard != now && seen_.throws == 0 &&
+            seen_.inversions == 0) {
+            result().fail(op->name + ": heard of state " +
+                          std::to_string(static_cast<int>(*op->heard)) + " last, and it is " +
+                          std::to_string(static_cast<int>(now)));
+        }
     }
 }
 
@@ -568,10 +627,18 @@ std::chrono::seconds sequence::back_off(model_operation& op, long long attempt) 
     check_thread(op, true);
     begin_handler(op, "attempt " + std::to_string(attempt));
     const int call = ++op.calls;
-    if (attempt < 1 || attempt > call) {
-        result().fail(op.name + ": call " + std::to_string(call) + " is for attempt " +
-                      std::to_string(attempt));
+    {
+        const std::lock_guard<std::mutex> guard(op.lock);
+        const int successes = successes_;
+        op.attempt = op.successes == successes ? op.attempt + 1 : 1;
+        op.successes = successes;
+        if (attempt != op.attempt) {
+            result().fail(op.name + ": attempt " + std::to_string(attempt) + " instead of " +
+                          std::to_string(op.attempt));
+        }
     }
+    const inside_of telling(here.told);
+    const inside_of outcome(here.outcomes);
     if (call == 1) {
         act_inside(op.planned.inside, false);
     }

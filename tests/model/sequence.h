@@ -32,9 +32,9 @@ public:
     struct events {
         std::atomic<int> losses{0}; ///< of the bus, and its refusals
         std::atomic<int> throws{0};
-        std::atomic<int> cancels{0};
-        std::atomic<int> disconnects{0};
-        std::atomic<int> connects{0}; ///< and auto_connects
+        /// Changes of the state by those who were being told of one: whoever was to be told after
+        /// them has heard of the later one first.
+        std::atomic<int> inversions{0};
     };
 
     /// A call by the other process.
@@ -51,6 +51,12 @@ public:
     /// Does what the plan has not, on the calling thread.
     model_operation& start(step s);
 
+    /// Subscribes to the states, ahead of everybody else.
+    void watch_states();
+    /// All subscribers have heard of the present state. On the loop's thread, once the others are
+    /// done: then nobody is being told.
+    void check_subscribers();
+
     /// Lets the kept calls go, which answers them.
     void drop_kept();
 
@@ -64,6 +70,8 @@ public:
     /// Whether a thread is inside an operation or a handler.
     bool busy() const { return busy_ != 0; }
     events& seen() { return seen_; }
+    /// How many connections subscribers were told of.
+    int successes() const { return successes_; }
     const plan& planned() const { return plan_; }
     verdict& result() { return world_.result(); }
     /// All that have begun.
@@ -98,6 +106,7 @@ private:
     void serve(model_operation& op, int method, const context& ctx);
     void answer_with(model_operation& op, const context& ctx);
     void tell_state(model_operation& op, client::state s);
+    void check_state(model_operation& op, client::state s);
     std::chrono::seconds back_off(model_operation& op, long long attempt);
     model_operation* find(int id);
     model_operation& adopt(step s);
@@ -107,10 +116,11 @@ private:
     std::atomic<moment> clock_{0};
     events seen_;
     std::vector<std::unique_ptr<model_operation>> planned_; ///< by number, from 1
+    model_operation* watcher_ = nullptr;                    ///< the first subscriber
     std::atomic<bool> loop_done_{true};
     std::atomic<bool> plan_ended_{false};
     std::atomic<int> busy_{0};
-    std::atomic<int> connect_handlers_{0}; ///< that run
+    std::atomic<int> successes_{0}; ///< connections that subscribers were told of
 
     std::mutex lock_; ///< guards the ones below
     std::list<std::unique_ptr<model_operation>> more_;
