@@ -37,9 +37,9 @@ namespace tarn {
 /// outstanding on its caller's thread, and state subscribers are called on the thread that changes
 /// the state: the loop's for what comes from the bus, the caller's for connect(), auto_connect(),
 /// disconnect() and cancel(). (Of two threads that change it at the same moment the one that tells
-/// already tells both changes, so that subscribers hear of them in their order.) Results produced
-/// before the application's first request of the bus, or after a cancel(), wait until its next
-/// request.
+/// already tells both changes, one after the other. What a subscriber changes is told inside its
+/// call, before those behind it hear of the first.) Results produced before the application's first
+/// request of the bus, or after a cancel(), wait until its next request.
 ///
 /// Exceptions. Outcomes are std::error_code values, never exceptions. What an operation can throw
 /// is misuse (std::runtime_error "tarn_impl::client: No event loop" when the application's loop is

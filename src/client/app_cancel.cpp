@@ -9,14 +9,16 @@
 namespace tarn {
 
 /// Joins a cancellation that is under way: what it has not ended yet is ended by both, in turns.
-app_side::era app_side::begin_cancel() {
+app_side::cancellation app_side::begin_cancel() {
     const lock_guard guard(lock_);
     if (!cancelling()) {
         ++era_;
-        canceller_ = std::this_thread::get_id();
-        connect_after_cancel_ = false;
-        disconnect_after_cancel_ = false;
     }
+    // What was asked for before is ended by this one, so no older one may begin the next life.
+    ++newest_cancel_;
+    canceller_ = std::this_thread::get_id();
+    connect_after_cancel_ = false;
+    disconnect_after_cancel_ = false;
     bridge_.end_life();
     if (connection_) {
         take_step(connection_event::lost);
@@ -25,13 +27,13 @@ app_side::era app_side::begin_cancel() {
         entry.second->active = false;
     }
     bridge_.hold_delivery();
-    return era_;
+    return {era_, newest_cancel_};
 }
 
-/// Begins the next life. False when the cancellation has ended already, or the client has.
-bool app_side::end_cancel(era since) {
+/// Begins the next life. False when the client has ended, or that is left to a newer cancellation.
+bool app_side::end_cancel(const cancellation& ending) {
     const lock_guard guard(lock_);
-    if (era_ != since || !bridge_.begin_life()) {
+    if (era_ != ending.since || newest_cancel_ != ending.number || !bridge_.begin_life()) {
         return false;
     }
     ++era_;
@@ -55,7 +57,8 @@ void app_side::tell_everybody(pending_list& waiting, era since, const std::error
 void app_side::cancel() {
     disable_auto_connect();
     handover();
-    const era since = begin_cancel();
+    const cancellation begun = begin_cancel();
+    const era since = begun.since;
     announce();
     // One at a time, so that a handler that releases another operation's link still prevents that
     // one's report, and one that cancels finds the rest.
@@ -78,21 +81,23 @@ void app_side::cancel() {
         return; // a handler has cancelled as well, and that one has done the rest
     }
     bridge_.process_task_queue();
-    const auto disconnected = [&](bool& asked_meanwhile) {
+    // Those who are waiting now hear of it; who comes later waits for what comes after.
+    const auto disconnected = [&](const pending_list& waiting, bool& asked_meanwhile) {
         const lock_guard guard(lock_);
         if (era_ == since) {
             take_step(connection_event::cancelled);
-            asked_meanwhile = false; // they are about to hear of it
+            asked_meanwhile = false;
         }
+        return waiting.newest();
     };
-    disconnected(disconnect_after_cancel_);
+    const auto disconnects = disconnected(disconnect_handlers_, disconnect_after_cancel_);
     announce();
-    tell_everybody(disconnect_handlers_, since, {});
-    disconnected(connect_after_cancel_);
+    tell_all(disconnect_handlers_, disconnects, false, since, {});
+    const auto connects = disconnected(connect_handlers_, connect_after_cancel_);
     announce();
-    tell_everybody(connect_handlers_, since, error::generic::aborted);
+    tell_all(connect_handlers_, connects, false, since, error::generic::aborted);
     handover();
-    if (!end_cancel(since)) {
+    if (!end_cancel(begun)) {
         return;
     }
     bridge_.request_drain();

@@ -230,6 +230,7 @@ utils::link app_side::auto_connect(const client::backoff_function& backoff) {
 app_side::backoff_ptr app_side::end_reconnection() noexcept {
     attempts_ = 0;
     retry_due_ = false;
+    ++retry_changes_;
     backoff_ptr dropped = reconnection_ ? std::move(reconnection_->backoff) : nullptr;
     reconnection_.reset();
     return dropped;
@@ -237,20 +238,42 @@ app_side::backoff_ptr app_side::end_reconnection() noexcept {
 
 void app_side::disable_auto_connect(const reconnection* only) {
     backoff_ptr dropped; // destroyed outside the lock
-    std::shared_ptr<utils::event_loop::timer> timer;
     {
         const lock_guard guard(lock_);
         if (only && only != reconnection_.get()) {
             return; // replaced meanwhile
         }
         dropped = end_reconnection();
-        if (!cancelling()) {
-            timer = reconnect_timer_;
-        }
     }
-    // After the back-off is gone: whoever arms the timer meanwhile looks for it again afterwards.
-    if (timer) {
-        timer->stop();
+    adjust_timer();
+}
+
+/// Arms the timer or stops it, as is due. Its functions are the application's, and are called
+/// without the lock: whoever finds that another thread has changed what is due does it once more.
+void app_side::adjust_timer() {
+    bool changed = true;
+    while (changed) {
+        std::shared_ptr<utils::event_loop::timer> timer;
+        std::chrono::seconds delay{0};
+        std::uint64_t seen = 0;
+        {
+            const lock_guard guard(lock_);
+            timer = reconnect_timer_;
+            delay = retry_due_ ? retry_delay_ : delay;
+            seen = retry_changes_;
+        }
+        if (!timer) {
+            return; // the client has been stopped
+        }
+        handover();
+        if (delay == std::chrono::seconds(0)) {
+            timer->stop();
+        } else {
+            timer->set_timeout(delay);
+        }
+        handover();
+        const lock_guard guard(lock_);
+        changed = seen != retry_changes_;
     }
 }
 
@@ -295,7 +318,6 @@ void app_side::tell_state(client::state s) {
 
 void app_side::arm_reconnection() {
     backoff_ptr backoff;
-    std::shared_ptr<utils::event_loop::timer> timer;
     long long attempt = 0;
     {
         const lock_guard guard(lock_);
@@ -308,7 +330,6 @@ void app_side::arm_reconnection() {
         }
         attempt = attempts_;
         backoff = reconnection_->backoff;
-        timer = reconnect_timer_;
     }
     const std::chrono::seconds delay = (*backoff)(attempt);
     {
@@ -316,22 +337,15 @@ void app_side::arm_reconnection() {
         if (!reconnection_ || reconnection_->backoff != backoff) {
             return; // switched off, or replaced, by the back-off function or another thread
         }
-        retry_due_ = delay >= std::chrono::seconds(1);
-        if (!retry_due_) {
+        if (delay < std::chrono::seconds(1)) {
             end_reconnection(); // which leaves the function to this one
             return;
         }
+        retry_due_ = true;
+        retry_delay_ = delay;
+        ++retry_changes_;
     }
-    handover();
-    timer->set_timeout(delay);
-    handover();
-    const auto still_due = [this, &backoff] {
-        const lock_guard guard(lock_);
-        return retry_due_ && reconnection_ && reconnection_->backoff == backoff;
-    };
-    if (!still_due()) {
-        timer->stop();
-    }
+    adjust_timer();
 }
 
 void app_side::reconnect() {

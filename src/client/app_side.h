@@ -18,7 +18,9 @@
 #include "tarn/misc.h"
 
 #include <atomic>
+#include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <exception>
 #include <map>
 #include <memory>
@@ -122,6 +124,12 @@ private:
         backoff_ptr backoff;
     };
 
+    /// One call of cancel(). Several at once share an era.
+    struct cancellation {
+        era since;
+        std::uint64_t number;
+    };
+
     /// The telling of one outcome of the connection.
     class telling {
     public:
@@ -146,6 +154,7 @@ private:
 
     void disable_auto_connect(const reconnection* only = nullptr);
     backoff_ptr end_reconnection() noexcept;
+    void adjust_timer();
     void take_step(connection_event event);
     void set_state(client::state s) noexcept;
     void request_connection(client::state next);
@@ -164,8 +173,8 @@ private:
     void tell_everybody(pending_list& waiting, era since, const std::error_code& code);
     void on_torn_down(life_id heard_in);
     static void end_invoke(const std::shared_ptr<pending>& ended, const std::error_code& code);
-    era begin_cancel();
-    bool end_cancel(era since);
+    cancellation begin_cancel();
+    bool end_cancel(const cancellation& ending);
     void do_after_cancel();
     std::shared_ptr<pending> take_oldest(pending_list& waiting, era since);
     bool begin_call(const std::shared_ptr<invoke_ctx>& call);
@@ -201,8 +210,10 @@ private:
     std::thread::id teller_; ///< who tells an outcome of the connection at present
 
     std::shared_ptr<reconnection> reconnection_;
-    long long attempts_ = 0; ///< consecutive automatic attempts; saturates
-    bool retry_due_ = false; ///< the timer is armed, or about to be
+    long long attempts_ = 0;              ///< consecutive automatic attempts; saturates
+    bool retry_due_ = false;              ///< the timer is to be armed
+    std::chrono::seconds retry_delay_{0}; ///< if so, for so long
+    std::uint64_t retry_changes_ = 0;     ///< of the two above
     std::shared_ptr<utils::event_loop::timer> reconnect_timer_;
 
     pending_list invokes_;
@@ -212,7 +223,8 @@ private:
     pending_list send_handlers_;
 
     era era_ = 0;
-    std::thread::id canceller_; ///< who began the present cancellation
+    std::uint64_t newest_cancel_ = 0;
+    std::thread::id canceller_; ///< who began the newest cancellation
     // What other threads have asked for since it told their like.
     bool connect_after_cancel_ = false;
     bool disconnect_after_cancel_ = false;

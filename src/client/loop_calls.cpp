@@ -17,6 +17,11 @@ namespace {
 /// fill it, and the daemon's queue behind it.
 constexpr int most_unread = 16;
 
+/// With so many calls unanswered each waits for a look-up of its own again. That holds the calls to
+/// the daemon's pace: daemons of before mid 2025 lose messages once they had to queue for a service
+/// that falls behind.
+constexpr std::size_t most_unpaced = 32;
+
 } // namespace
 
 void loop_side::invoke_sync(const std::shared_ptr<invoke_ctx>& call) {
@@ -41,7 +46,7 @@ void loop_side::invoke_sync(const std::shared_ptr<invoke_ctx>& call) {
 /// before: they were requested before it was sent. One that fails answers for nobody else.
 std::error_code loop_side::look_up(ubus_context* bus, const std::string& path, std::uint32_t& id) {
     const auto known = lookups_.find(path);
-    if (known != lookups_.end()) {
+    if (known != lookups_.end() && connection_->requests.size() < most_unpaced) {
         id = known->second;
         return {};
     }
@@ -59,7 +64,7 @@ std::error_code loop_side::look_up(ubus_context* bus, const std::string& path, s
     if (id == 0) {
         return error::msg::not_found; // an object that this process may not see
     }
-    lookups_.emplace(path, id);
+    lookups_[path] = id;
     return {};
 }
 

@@ -52,6 +52,7 @@ bool request_table::insert(ubus_context& bus, std::uint32_t peer, const record& 
     request->newer_ = nullptr;
     (request->older_ ? request->older_->newer_ : oldest_) = request.get();
     request->kept_ = request;
+    ++size_;
     return true;
 }
 
@@ -70,6 +71,7 @@ request_table::record request_table::erase(bus_request& request) noexcept {
     *link = request.next_of_bucket_;
     (request.older_ ? request.older_->newer_ : oldest_) = request.newer_;
     (request.newer_ ? request.newer_->older_ : newest_) = request.older_;
+    --size_;
     return std::move(request.kept_);
 }
 

@@ -4,6 +4,7 @@
 #include "bus.h"
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 #include <memory>
 
@@ -66,6 +67,8 @@ public:
     /// Takes a request off the list. Null if it was not there.
     record erase(bus_request& request) noexcept;
 
+    std::size_t size() const noexcept { return size_; }
+
     /// Takes the oldest off the list; null when there is none left.
     record take_oldest() noexcept;
 
@@ -82,6 +85,7 @@ private:
     buckets by_number_{};
     bus_request* oldest_ = nullptr;
     bus_request* newest_ = nullptr;
+    std::size_t size_ = 0;
 };
 
 } // namespace tarn

@@ -174,6 +174,26 @@ TEST_F(Overtaking, WhatOtherThreadsAskForWhileCancelRunsIsEndedByItOrDoneAfterIt
     EXPECT_EQ(bus().get_state(), state::connected);
 }
 
+TEST_F(Overtaking, ACancelOnAnotherThreadInTheMiddleOfOneEndsWhatWasAskedForBeforeIt) {
+    connect();
+    outcome connected;
+    bus().invoke(
+        "nobody", "echo", {},
+        [&](const std::list<blob::attr>&, const std::error_code&) {
+            elsewhere([&] {
+                bus().connect(connected.handler());
+                bus().cancel();
+                EXPECT_EQ(connected.code(), generic::aborted);
+            });
+        },
+        seconds(0));
+    bus().cancel();
+    loop()->drain();
+    EXPECT_EQ(connected.count(), 1U);
+    EXPECT_EQ(bus().get_state(), state::disconnected);
+    expect_a_working_client();
+}
+
 TEST_F(Overtaking, OfWhatOtherThreadsAskForWhileCancelRunsTheLastCounts) {
     outcome connected;
     outcome disconnected;
