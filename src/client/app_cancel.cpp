@@ -17,8 +17,8 @@ app_side::cancellation app_side::begin_cancel() {
     // What was asked for before is ended by this one, so no older one may begin the next life.
     ++newest_cancel_;
     canceller_ = std::this_thread::get_id();
-    connect_after_cancel_ = false;
-    disconnect_after_cancel_ = false;
+    ended_connects_ = {connect_handlers_.newest(), false};
+    ended_disconnects_ = {disconnect_handlers_.newest(), false};
     bridge_.end_life();
     if (connection_) {
         take_step(connection_event::lost);
@@ -81,19 +81,22 @@ void app_side::cancel() {
         return; // a handler has cancelled as well, and that one has done the rest
     }
     bridge_.process_task_queue();
-    // Those who are waiting now hear of it; who comes later waits for what comes after.
-    const auto disconnected = [&](const pending_list& waiting, bool& asked_meanwhile) {
+    // Those who are waiting now hear of it; who comes later waits for what comes after. Where one
+    // ends and the other begins is for the newest cancellation to say, which is there until the end.
+    const auto disconnected = [&](const pending_list& waiting, ended_by_cancel& ended) {
         const lock_guard guard(lock_);
         if (era_ == since) {
             take_step(connection_event::cancelled);
-            asked_meanwhile = false;
         }
-        return waiting.newest();
+        if (newest_cancel_ == begun.number) {
+            ended = {waiting.newest(), false};
+        }
+        return ended.newest;
     };
-    const auto disconnects = disconnected(disconnect_handlers_, disconnect_after_cancel_);
+    const auto disconnects = disconnected(disconnect_handlers_, ended_disconnects_);
     announce();
     tell_all(disconnect_handlers_, disconnects, false, since, {});
-    const auto connects = disconnected(connect_handlers_, connect_after_cancel_);
+    const auto connects = disconnected(connect_handlers_, ended_connects_);
     announce();
     tell_all(connect_handlers_, connects, false, since, error::generic::aborted);
     handover();
@@ -115,8 +118,8 @@ void app_side::do_after_cancel() {
             return;
         }
         since = era_;
-        disconnect_asked = std::exchange(disconnect_after_cancel_, false);
-        connecting = std::exchange(connect_after_cancel_, false) || (reconnection_ && !retry_due_);
+        disconnect_asked = std::exchange(ended_disconnects_.more_after, false);
+        connecting = std::exchange(ended_connects_.more_after, false) || (reconnection_ && !retry_due_);
         if (connecting) {
             take_step(connection_event::connect);
         }

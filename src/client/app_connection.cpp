@@ -131,9 +131,9 @@ void app_side::request_disconnect() noexcept {
 /// middle of it; any other thread means what comes after it.
 void app_side::note_for_after_cancel(connection_event event) noexcept {
     if (canceller_ != std::this_thread::get_id()) {
-        connect_after_cancel_ = event == connection_event::connect; // the last one counts
-        disconnect_after_cancel_ =
-            disconnect_after_cancel_ || event == connection_event::disconnect;
+        ended_connects_.more_after = event == connection_event::connect; // the last one counts
+        ended_disconnects_.more_after =
+            ended_disconnects_.more_after || event == connection_event::disconnect;
     }
 }
 

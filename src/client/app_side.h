@@ -130,6 +130,12 @@ private:
         std::uint64_t number;
     };
 
+    /// Those who wait for an outcome and hear it of cancel().
+    struct ended_by_cancel {
+        pending_list::number newest = 0;
+        bool more_after = false; ///< another thread has asked for it since
+    };
+
     /// The telling of one outcome of the connection.
     class telling {
     public:
@@ -225,9 +231,8 @@ private:
     era era_ = 0;
     std::uint64_t newest_cancel_ = 0;
     std::thread::id canceller_; ///< who began the newest cancellation
-    // What other threads have asked for since it told their like.
-    bool connect_after_cancel_ = false;
-    bool disconnect_after_cancel_ = false;
+    ended_by_cancel ended_connects_;
+    ended_by_cancel ended_disconnects_;
 };
 
 template <class Handler, class... Args>

@@ -7,6 +7,8 @@
 
 #include <gmock/gmock.h>
 
+#include <atomic>
+#include <future>
 #include <stdexcept>
 #include <string>
 #include <thread>
@@ -191,6 +193,53 @@ TEST_F(Overtaking, ACancelOnAnotherThreadInTheMiddleOfOneEndsWhatWasAskedForBefo
     loop()->drain();
     EXPECT_EQ(connected.count(), 1U);
     EXPECT_EQ(bus().get_state(), state::disconnected);
+    expect_a_working_client();
+}
+
+TEST_F(Overtaking, OfTwoCancellationsTheOlderOneEndsNothingThatTheNewerOneFoundTooLate) {
+    connect();
+    std::promise<void> newer_has_ended_what_it_found;
+    std::promise<void> newer_may_go_on;
+    std::thread newer;
+    std::atomic<std::thread::id> newer_id{};
+    const auto finish_newer = [&] {
+        if (newer.joinable()) {
+            newer_may_go_on.set_value();
+            newer.join();
+        }
+    };
+    outcome last;
+    int first = 0;
+    const utils::scoped_link subscribed = bus().notify_on_state_change([&](client::state s) {
+        if (s == state::disconnected && std::this_thread::get_id() == newer_id) {
+            newer_has_ended_what_it_found.set_value();
+            newer_may_go_on.get_future().wait();
+        }
+    });
+    bus().invoke(
+        "nobody", "echo", {},
+        [&](const std::list<blob::attr>&, const std::error_code&) {
+            newer = std::thread([&] {
+                newer_id = std::this_thread::get_id();
+                bus().cancel();
+            });
+            newer_has_ended_what_it_found.get_future().wait();
+            elsewhere([&] {
+                bus().disconnect([&](const std::error_code&) {
+                    ++first;
+                    if (std::this_thread::get_id() != newer_id) {
+                        finish_newer(); // and with it the cancellation
+                    }
+                });
+                bus().disconnect(last.handler());
+            });
+        },
+        seconds(0));
+    bus().cancel();
+    finish_newer();
+    EXPECT_EQ(first, 1);
+    EXPECT_EQ(last.count(), 1U);
+    EXPECT_FALSE(last.code());
     expect_a_working_client();
 }
 
