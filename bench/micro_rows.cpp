@@ -22,6 +22,7 @@ std::vector<benchmark> benchmarks() {
             all.push_back({std::string(what) + size, true});
         }
     }
+    all.push_back({"there and back", true});
     for (const char* const what : {"post to uloop, ", "post to epoll_loop, "}) {
         for (const char* const threads : {"1 thread", "8 threads"}) {
             all.push_back({std::string(what) + threads, false});

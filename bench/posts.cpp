@@ -4,10 +4,15 @@
 #include "tarn/loops/epoll_loop.h"
 #include "tarn/uloop.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <string>
+#include <system_error>
 #include <thread>
 #include <vector>
 
@@ -113,9 +118,56 @@ void to_epoll_loop(benchmark::State& state, unsigned threads) {
     running.join();
 }
 
+/// One task at a time to uloop, which posts the next to epoll_loop, and so on: the two hand-overs
+/// that a call costs beside the bus traffic.
+void there_and_back(benchmark::State& state) {
+    auto& far = uloop::get_instance();
+    loops::epoll_loop near;
+    std::thread running([&far] { far.run(); });
+    const std::function<void()> back([&near] { near.stop(); });
+    const std::function<void()> there([&near, &back] { near.post(back); });
+    turns measured(state);
+    for (auto turn : state) {
+        far.post(there);
+        near.run();
+    }
+    measured.stop();
+    far.post([&far] { far.exit(); });
+    running.join();
+}
+
+/// The least that it can cost: two threads that wake each other, and do nothing else.
+void there_and_back_bare(benchmark::State& state) {
+    const int there = ::eventfd(0, EFD_CLOEXEC);
+    const int back = ::eventfd(0, EFD_CLOEXEC);
+    if (there < 0 || back < 0) {
+        throw std::system_error(errno, std::generic_category(), "eventfd");
+    }
+    constexpr eventfd_t on = 1;
+    constexpr eventfd_t over = 2;
+    std::thread running([there, back] {
+        for (eventfd_t word = 0; ::eventfd_read(there, &word) == 0 && word != over;) {
+            ::eventfd_write(back, word);
+        }
+    });
+    turns measured(state);
+    for (auto turn : state) {
+        eventfd_t word = 0;
+        ::eventfd_write(there, on);
+        ::eventfd_read(back, &word);
+    }
+    measured.stop();
+    ::eventfd_write(there, over);
+    running.join();
+    ::close(there);
+    ::close(back);
+}
+
 } // namespace
 
 void register_posts() {
+    benchmark::RegisterBenchmark("there and back/tarn", there_and_back)->UseRealTime();
+    benchmark::RegisterBenchmark("there and back/plain", there_and_back_bare)->UseRealTime();
     for (const unsigned threads : {1U, 8U}) {
         const std::string from =
             ", " + std::to_string(threads) + (threads == 1 ? " thread" : " threads") + "/tarn";

@@ -232,6 +232,13 @@ public:
                                     const std::multimap<std::string, blob::attr>& args,
                                     const reply_handler& each, const completion_handler& handler,
                                     const std::chrono::seconds& timeout);
+
+    /// The event loop that the client was made with, where every callback runs; empty when it has
+    /// been destroyed. For timers and tasks of code that is given only the client.
+    /// Thread: any.
+    ///
+    /// A client that does not override it returns an empty pointer.
+    virtual std::weak_ptr<utils::event_loop> get_event_loop() const;
 };
 
 /// One incoming call being served, handed to a method handler.

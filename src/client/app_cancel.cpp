@@ -82,7 +82,8 @@ void app_side::cancel() {
     }
     bridge_.process_task_queue();
     // Those who are waiting now hear of it; who comes later waits for what comes after. Where one
-    // ends and the other begins is for the newest cancellation to say, which is there until the end.
+    // ends and the other begins is for the newest cancellation to say, which is there until the
+    // end.
     const auto disconnected = [&](const pending_list& waiting, ended_by_cancel& ended) {
         const lock_guard guard(lock_);
         if (era_ == since) {
@@ -119,7 +120,8 @@ void app_side::do_after_cancel() {
         }
         since = era_;
         disconnect_asked = std::exchange(ended_disconnects_.more_after, false);
-        connecting = std::exchange(ended_connects_.more_after, false) || (reconnection_ && !retry_due_);
+        connecting =
+            std::exchange(ended_connects_.more_after, false) || (reconnection_ && !retry_due_);
         if (connecting) {
             take_step(connection_event::connect);
         }

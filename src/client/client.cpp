@@ -27,4 +27,8 @@ utils::link client::invoke_each(const std::string& path, const std::string& meth
     return invoke(path, method, args, tell, timeout);
 }
 
+std::weak_ptr<utils::event_loop> client::get_event_loop() const {
+    return {};
+}
+
 } // namespace tarn

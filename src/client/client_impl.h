@@ -54,6 +54,7 @@ public:
                             const std::multimap<std::string, blob::attr>& args,
                             const reply_handler& each, const completion_handler& handler,
                             const std::chrono::seconds& timeout) override;
+    std::weak_ptr<utils::event_loop> get_event_loop() const override { return loop_; }
 
     // What libubus calls, on the loop thread. Exceptions stop here, before they reach C code.
     static void connection_lost_handler(ubus_context* context);

@@ -76,6 +76,14 @@ TEST(Instance, LaterCallsWithTheSameOrNoLoopReturnTheSameClient) {
     EXPECT_EQ(&client::get_instance(expired), &first);
 }
 
+TEST(Instance, GivesTheLoopThatItWasMadeWith) {
+    const auto loop = keep(std::make_shared<hand_loop>());
+    const client& made = client::get_instance(loop);
+    EXPECT_EQ(made.get_event_loop().lock(), loop);
+    client::get_instance({});
+    EXPECT_EQ(made.get_event_loop().lock(), loop) << "also after a later call without one";
+}
+
 TEST(Instance, AnotherLiveLoopIsRefused) {
     client& first = client::get_instance(keep(std::make_shared<hand_loop>()));
     const auto other = std::make_shared<hand_loop>();
