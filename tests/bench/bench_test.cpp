@@ -65,6 +65,7 @@ std::vector<std::string> every_row() {
             names.push_back(what + size);
         }
     }
+    names.push_back("there and back");
     for (const std::string what : {"post to uloop, ", "post to epoll_loop, "}) {
         for (const char* const threads : {"1 thread", "8 threads"}) {
             names.push_back(what + threads);
