@@ -213,10 +213,12 @@ public:
     /// generic::aborted, disconnect handlers success, and the state becomes `disconnected`.
     /// Published objects are no longer served; their names are free from the next
     /// state::connected on. Everything already handed to the application's loop falls silent. The
-    /// client can be used again afterwards. It never waits for the bus. What a handler throws, and
-    /// std::bad_alloc, passes through; the client can be used again after another cancel(), which
-    /// does the rest. So may a handler that it calls do, and then use the client: what is left is
-    /// ended by the inner one.
+    /// client can be used again afterwards. It never waits for the bus, nor for a handler that has
+    /// begun on the application's loop when another thread calls cancel(): so the last reply that
+    /// invoke_each() reports may be handled there while the call is reported as aborted here. What
+    /// a handler throws, and std::bad_alloc, passes through; the client can be used again after
+    /// another cancel(), which does the rest. So may a handler that it calls do, and then use the
+    /// client: what is left is ended by the inner one.
     virtual void cancel() = 0;
 
     /// As invoke(), for replies that are wanted when they come, or are many: `each` is called on

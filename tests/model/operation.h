@@ -35,6 +35,9 @@ struct model_operation {
     std::atomic<int> calls{0};   ///< of the object's method handlers, or of the back-off function
     std::atomic<int> replies{0}; ///< told one by one
     std::atomic<int> alive{0};   ///< copies of its handlers
+    /// Told its outcome by a cancel() that does not run on the loop: one reply may have begun
+    /// there.
+    std::atomic<bool> one_may_follow{false};
     std::atomic<bool> released{false};
     std::atomic<bool> threw{false};          ///< the call itself, since a handler that it ran threw
     std::atomic<bool> in_cancel{false};      ///< called by a handler that cancel() called

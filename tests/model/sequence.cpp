@@ -343,7 +343,7 @@ utils::link sequence::invoke(model_operation& op, const context& served, model_o
             [this, self = witness(op)](const blob::attr&) {
                 check_thread(*self, false);
                 begin_handler(*self, "a reply");
-                if (self->runs != 0) {
+                if (self->runs != 0 && !self->one_may_follow.exchange(false)) {
                     result().fail(self->name + ": told a reply after its end");
                 }
                 ++self->replies;
@@ -526,6 +526,7 @@ void sequence::report(model_operation& op, const std::error_code& code) {
     const inside_of outcome(op.planned.what <= act::disconnect ? here.outcomes : others);
     if (op.runs == 0) {
         op.state_then = world_.bus().get_state();
+        op.one_may_follow = !world_.loop().on_its_thread();
     }
     {
         const std::lock_guard<std::mutex> guard(op.lock);
