@@ -144,7 +144,8 @@ bool model::settle(sequence& s) {
     auto quiet_since = std::chrono::steady_clock::now();
     const auto at_rest = [&] {
         s.drop_kept();
-        // A handler that was dropped, since another threw, will not come: then it is quiet.
+        // A handler that was dropped, since another threw, will not come: then it is quiet. But a
+        // served call is answered even so, however slow the other process is.
         const moment now = s.now();
         if (now != last + 1) {
             quiet_since = std::chrono::steady_clock::now();
@@ -154,9 +155,8 @@ bool model::settle(sequence& s) {
             s.seen().throws != 0 &&
             std::chrono::steady_clock::now() - quiet_since > std::chrono::milliseconds(30);
         // Nothing has begun or ended while it was looked at.
-        return !s.busy() &&
-               (may_be_dropped || (rules::still_under_way(s).empty() && peer_is_answered())) &&
-               !s.busy() && s.latest() == now;
+        return !s.busy() && (may_be_dropped || rules::still_under_way(s).empty()) &&
+               peer_is_answered() && !s.busy() && s.latest() == now;
     };
     // What comes after the plan's end, calls that need not be answered for instance, begins nothing
     // any more.
