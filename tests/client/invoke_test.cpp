@@ -1,6 +1,7 @@
 /// Calls of objects that another process publishes through plain libubus.
 #include "client/client_fixture.h"
 
+#include "support/held_loop_thread.h"
 #include "support/scripted_bus.h"
 #include "tarn/error.h"
 
@@ -516,6 +517,39 @@ TEST_F(InvokeOnAScriptedBus, ALookUpThatNamesNoObjectIsNotFoundAndNothingIsCalle
     call_outcome done;
     call_remote(done);
     EXPECT_EQ(done.code(), make_error_code(msg::not_found));
+}
+
+TEST_F(InvokeOnAScriptedBus, ARefusalCountsMoreThanAReplyThatDoesNotDecode) {
+    scripted_.on_next(wire::invoke, [](const wire::bytes&, const wire::received& request) {
+        const wire::bytes odd = wire::message(wire::data, request.seq(), request.peer(),
+                                              wire::objid(scripted_bus::remote_id) +
+                                                  wire::data_of(wire::field(9, "x", {0, 0, 0, 0})));
+        constexpr std::uint32_t permission_denied = 6;
+        return scripted_bus::answer{odd + scripted_bus::status_message(request, permission_denied)};
+    });
+    call_outcome done;
+    call_remote(done);
+    EXPECT_EQ(done.code(), make_error_code(msg::permission_denied));
+    EXPECT_EQ(done.replies().size(), 1U);
+}
+
+TEST_F(InvokeOnAScriptedBus, CallsThatAreRequestedTogetherShareALookUpUnlessItFails) {
+    const auto look_ups_of_two_calls = [this](const char* path) {
+        const std::size_t before = scripted_.received(wire::lookup);
+        call_outcome first;
+        call_outcome second;
+        {
+            const held_loop_thread held;
+            bus().invoke(path, scripted_bus::remote_method, {}, first.handler(), seconds(0));
+            bus().invoke(path, scripted_bus::remote_method, {}, second.handler(), seconds(0));
+        }
+        run_until([&] { return first.reported() && second.reported(); });
+        EXPECT_EQ(first.code(), second.code());
+        return scripted_.received(wire::lookup) - before;
+    };
+    EXPECT_EQ(look_ups_of_two_calls(scripted_bus::remote_path), 1U);
+    EXPECT_EQ(look_ups_of_two_calls(scripted_bus::remote_path), 1U) << "not kept for later";
+    EXPECT_EQ(look_ups_of_two_calls("nobody"), 2U);
 }
 
 class InvokeWithoutAConnection : public client_test {

@@ -78,6 +78,21 @@ TEST_F(Order, CancelEndsCallsThenOperationsThenWhatIsQueuedThenDisconnectsThenCo
                             "disconnect: Success", "connect: Aborted"));
 }
 
+TEST_F(Order, CancelEndsAdditionsThenRemovalsThenReplies) {
+    connect();
+    std::shared_ptr<client::exchange_ctx> open;
+    bus().add_object("own", {{"hold", {[&](const auto& ctx) { open = ctx; }, {}}}}, {});
+    bus().invoke("own", "hold", {}, {}, seconds(0));
+    run_until([&] { return open != nullptr; });
+    const held_loop_thread held;
+    open->send({}, notes_.completion("reply"));
+    bus().del_object("own", true, notes_.completion("removal"));
+    bus().add_object("other", {}, notes_.completion("addition"));
+    bus().cancel();
+    EXPECT_THAT(notes_.seen(),
+                ElementsAre("addition: Aborted", "removal: Aborted", "reply: Aborted"));
+}
+
 TEST_F(Order, CallsThatADisconnectionEndsHearOfItAfterTheStateAndTheDisconnectHandlers) {
     connect();
     std::vector<std::shared_ptr<client::exchange_ctx>> open;

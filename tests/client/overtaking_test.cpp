@@ -236,7 +236,11 @@ TEST_F(Overtaking, OfTwoCancellationsTheOlderOneEndsNothingThatTheNewerOneFoundT
         },
         seconds(0));
     bus().cancel();
+    outcome after;
+    bus().connect(after.handler());
+    EXPECT_EQ(bus().get_state(), state::disconnected) << "the newer one is under way";
     finish_newer();
+    EXPECT_EQ(after.code(), generic::aborted) << "in time to be ended by it";
     EXPECT_EQ(first, 1);
     EXPECT_EQ(last.count(), 1U);
     EXPECT_FALSE(last.code());
@@ -403,6 +407,23 @@ TEST_F(Overtaking, TheNamesOfObjectsAreFreeWhenTheHandlersOfTheDisconnectionHave
     ASSERT_NO_FATAL_FAILURE(connect());
     EXPECT_FALSE(add("own"));
     EXPECT_FALSE(call("own"));
+}
+
+TEST_F(Overtaking, ACallThatIsOnItsWayToItsHandlerIsNotServedAfterACancel) {
+    connect();
+    int served = 0;
+    outcome added;
+    bus().add_object(
+        "own", {{"count", {[&](const std::shared_ptr<client::exchange_ctx>&) { ++served; }, {}}}},
+        added.handler());
+    run_until([&] { return added.reported(); });
+    loop()->drain();
+    bus().invoke("own", "count", {}, {}, seconds(0));
+    ASSERT_TRUE(loop()->wait_for_task(limit)) << "the call has arrived";
+    bus().cancel();
+    loop()->drain();
+    EXPECT_EQ(served, 0);
+    expect_a_working_client();
 }
 
 TEST_F(Overtaking, AfterACancelTheNamesOfObjectsAreFreeFromTheNextConnectedOn) {

@@ -233,11 +233,19 @@ bool scripted_bus::receive(connection& client) {
     return true;
 }
 
+std::size_t scripted_bus::received(wire::type type) {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return received_[type];
+}
+
 bool scripted_bus::handle(connection& client, const wire::received& message) {
-    if (message.type() == wire::status) {
+    {
         const std::lock_guard<std::mutex> guard(lock_);
-        completions_.emplace_back(message.seq(), static_cast<int>(message.number(1)));
-        changed_.notify_all();
+        ++received_[message.type()];
+        if (message.type() == wire::status) {
+            completions_.emplace_back(message.seq(), static_cast<int>(message.number(1)));
+            changed_.notify_all();
+        }
     }
     if (!client.answering) {
         return true;

@@ -89,6 +89,9 @@ public:
     /// A call's sequence number and the status with which the client has completed it.
     using completion = std::pair<std::uint16_t, int>;
 
+    /// How many messages of this type clients have sent so far.
+    std::size_t received(wire::type type);
+
     /// Waits for the client's completion of the call with this sequence number and returns its
     /// status; -1 when it does not come within a generous limit.
     int wait_for_status(std::uint16_t seq);
@@ -128,10 +131,11 @@ private:
     const bus_address address_{socket_.path()};
     int wake_up_ = -1;
 
-    std::mutex lock_; ///< guards the five below
+    std::mutex lock_; ///< guards the six below
     std::condition_variable changed_;
     std::deque<std::function<void()>> tasks_;
     std::vector<completion> completions_;
+    std::map<int, std::size_t> received_; ///< by type
     bool reacted_ = false;
     bool ending_ = false;
 
