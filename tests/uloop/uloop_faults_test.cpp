@@ -243,6 +243,28 @@ TEST_F(UloopFaults, AFailingWakeUpWriteLeavesPostAndTheTaskIsNotQueued) {
     EXPECT_FALSE(ran);
 }
 
+TEST_F(UloopFaults, WhatWasPostedBehindATaskWhoseWakeUpFailedIsWokenForByTheNextPost) {
+    bool ran = false;
+    loop.post([&] {
+        {
+            bool nested = false;
+            const intercept fault(call::write, [&] {
+                if (!nested) {
+                    nested = true;
+                    // As another thread may, which counts on the byte that is being written.
+                    loop.post([&ran] { ran = true; });
+                }
+                return EPIPE;
+            });
+            EXPECT_THROW(loop.post([] { ADD_FAILURE() << "it is not queued"; }),
+                         std::runtime_error);
+        }
+        loop.post([this] { loop.exit(); });
+    });
+    loop.run();
+    EXPECT_TRUE(ran);
+}
+
 TEST_F(UloopFaults, AFailingWakeUpWriteLeavesExitAndTheLoopGoesOn) {
     const std::string text = "uloop: Can't notify uloop: Can't write into socketpair [32]: " +
                              std::string(std::strerror(EPIPE));
