@@ -49,7 +49,7 @@ check_kind() {
         readelf -d "$prefix/lib/libtarn.so" | grep -F 'soname: [libtarn.so.0.0]' ||
             fail "the soname is not libtarn.so.0.0"
     fi
-    (for include in include loops/include loops/conformance; do
+    (for include in include loops/include loops/conformance testing/include; do
         (cd "$source/$include" && find . -name '*.h')
     done) | sort |
         diff -u - <(cd "$prefix/include" && find . -name '*.h' | sort) ||

@@ -1,68 +1,10 @@
-/// An event loop that a test turns by hand: tasks wait until drained, time stands until advanced.
+/// The tests' event loop: the one of the test kit.
 #pragma once
 
-#include "tarn/event_loop.h"
-
-#include <chrono>
-#include <cstddef>
-#include <functional>
-#include <memory>
-#include <vector>
+#include "tarn/testing/manual_loop.h"
 
 namespace tarn::test {
 
-/// Everything but post(), create_timer() and the timers' functions belongs to the one thread that
-/// plays the loop's thread; wait_for_task() and the counts may be called from any. Timers may
-/// outlive the loop. Exceptions of tasks and handlers pass through; what was waiting still waits.
-class hand_loop final : public utils::event_loop {
-public:
-    hand_loop();
-    ~hand_loop() override;
-    hand_loop(const hand_loop&) = delete;
-    hand_loop& operator=(const hand_loop&) = delete;
-
-    void post(const std::function<void()>& task) override;
-    std::shared_ptr<timer> create_timer() override;
-
-    /// Runs the task that has waited longest. False when there is none.
-    bool run_one();
-
-    /// Runs tasks until none waits, those posted meanwhile included. Returns how many were run.
-    std::size_t drain();
-
-    /// Blocks until a task waits (true) or `limit` has passed (false). Runs nothing.
-    bool wait_for_task(std::chrono::milliseconds limit);
-
-    /// Runs tasks as they come until `done()` is true, which is asked between tasks, or `limit` has
-    /// passed. Returns what `done()` said last. Timers stand still.
-    bool run_until(const std::function<bool()>& done, std::chrono::milliseconds limit);
-
-    /// Moves the clock on, firing on the way every timer that comes due, each at its own time, also
-    /// those armed by handlers; a delay of zero or less armed by a handler waits for the next
-    /// advance(). Runs no tasks. `advance(0s)` fires what is due already. Returns how many fired.
-    std::size_t advance(std::chrono::seconds by);
-
-    /// The clock, zero at first.
-    std::chrono::seconds now() const;
-
-    /// The remaining time of every armed timer, the earliest first.
-    std::vector<std::chrono::seconds> armed_timers() const;
-
-    /// Tasks posted and not yet run.
-    std::size_t waiting_tasks() const;
-    /// Calls of post() so far.
-    std::size_t post_count() const;
-    /// Calls of create_timer() so far.
-    std::size_t timers_made() const;
-    /// Timers that somebody still owns.
-    std::size_t timers_alive() const;
-
-private:
-    struct state;
-    class hand_timer;
-
-    // Shared with the timers, which may outlive the loop.
-    std::shared_ptr<state> state_;
-};
+using hand_loop = testing::manual_loop;
 
 } // namespace tarn::test

@@ -1,23 +1,10 @@
-/// A folder for the files of one test.
+/// The test kit's temporary_folder, for the tests.
 #pragma once
 
-#include <string>
+#include "tarn/testing/temporary_folder.h"
 
 namespace tarn::test {
 
-/// Makes an empty folder under TMPDIR (else /tmp), and removes it with what is in it. Failure to
-/// make it throws std::filesystem::filesystem_error.
-class temporary_folder {
-public:
-    temporary_folder();
-    ~temporary_folder();
-    temporary_folder(const temporary_folder&) = delete;
-    temporary_folder& operator=(const temporary_folder&) = delete;
-
-    const std::string& path() const { return path_; }
-
-private:
-    std::string path_;
-};
+using testing::temporary_folder;
 
 } // namespace tarn::test

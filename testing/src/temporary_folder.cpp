@@ -1,12 +1,12 @@
 /// A folder for the files of one test.
-#include "support/temporary_folder.h"
+#include "tarn/testing/temporary_folder.h"
 
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
 #include <system_error>
 
-namespace tarn::test {
+namespace tarn::testing {
 
 namespace fs = std::filesystem;
 
@@ -23,4 +23,4 @@ temporary_folder::~temporary_folder() {
     fs::remove_all(path_, ignored);
 }
 
-} // namespace tarn::test
+} // namespace tarn::testing

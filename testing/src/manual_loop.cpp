@@ -1,5 +1,5 @@
-/// The hand-driven event loop.
-#include "support/hand_loop.h"
+/// The event loop that a test drives.
+#include "tarn/testing/manual_loop.h"
 
 #include <algorithm>
 #include <condition_variable>
@@ -9,7 +9,7 @@
 #include <set>
 #include <utility>
 
-namespace tarn::test {
+namespace tarn::testing {
 
 namespace {
 
@@ -41,7 +41,7 @@ struct earlier {
 
 } // namespace
 
-struct hand_loop::state {
+struct manual_loop::state {
     using task_list = std::list<std::function<void()>>;
 
     // Guards everything here. Tasks and handlers are copied, run and destroyed outside it.
@@ -89,23 +89,23 @@ struct hand_loop::state {
     }
 };
 
-class hand_loop::hand_timer final : public utils::event_loop::timer {
+class manual_loop::manual_timer final : public utils::event_loop::timer {
 public:
-    explicit hand_timer(std::shared_ptr<state> loop)
+    explicit manual_timer(std::shared_ptr<state> loop)
         : loop_(std::move(loop)) {
         const std::lock_guard<std::mutex> lock(loop_->mutex);
         ++loop_->made;
         ++loop_->alive;
     }
 
-    ~hand_timer() override {
+    ~manual_timer() override {
         const std::lock_guard<std::mutex> lock(loop_->mutex);
         loop_->armed.erase(&entry_);
         --loop_->alive;
     }
 
-    hand_timer(const hand_timer&) = delete;
-    hand_timer& operator=(const hand_timer&) = delete;
+    manual_timer(const manual_timer&) = delete;
+    manual_timer& operator=(const manual_timer&) = delete;
 
     void set_handler(std::function<void()> action) override {
         std::shared_ptr<const std::function<void()>> handler;
@@ -140,10 +140,10 @@ private:
     entry entry_;
 };
 
-hand_loop::hand_loop()
+manual_loop::manual_loop()
     : state_(std::make_shared<state>()) {}
 
-hand_loop::~hand_loop() {
+manual_loop::~manual_loop() {
     state::task_list dropped;
     const std::lock_guard<std::mutex> lock(state_->mutex);
     state_->closed = true;
@@ -151,7 +151,7 @@ hand_loop::~hand_loop() {
     state_->armed.clear();
 }
 
-void hand_loop::post(const std::function<void()>& task) {
+void manual_loop::post(const std::function<void()>& task) {
     state::task_list node;
     node.push_back(task);
     const std::lock_guard<std::mutex> lock(state_->mutex);
@@ -162,11 +162,11 @@ void hand_loop::post(const std::function<void()>& task) {
     }
 }
 
-std::shared_ptr<utils::event_loop::timer> hand_loop::create_timer() {
-    return std::make_shared<hand_timer>(state_);
+std::shared_ptr<utils::event_loop::timer> manual_loop::create_timer() {
+    return std::make_shared<manual_timer>(state_);
 }
 
-bool hand_loop::run_one() {
+bool manual_loop::run_one() {
     state::task_list current;
     {
         const std::lock_guard<std::mutex> lock(state_->mutex);
@@ -179,7 +179,7 @@ bool hand_loop::run_one() {
     return true;
 }
 
-std::size_t hand_loop::drain() {
+std::size_t manual_loop::drain() {
     std::size_t count = 0;
     while (run_one()) {
         ++count;
@@ -187,12 +187,12 @@ std::size_t hand_loop::drain() {
     return count;
 }
 
-bool hand_loop::wait_for_task(std::chrono::milliseconds limit) {
+bool manual_loop::wait_for_task(std::chrono::milliseconds limit) {
     std::unique_lock<std::mutex> lock(state_->mutex);
     return state_->posted.wait_for(lock, limit, [this] { return !state_->tasks.empty(); });
 }
 
-bool hand_loop::run_until(const std::function<bool()>& done, std::chrono::milliseconds limit) {
+bool manual_loop::run_until(const std::function<bool()>& done, std::chrono::milliseconds limit) {
     using clock = std::chrono::steady_clock;
     // `done` may also come true without a task: look again this often.
     constexpr std::chrono::milliseconds look_again(20);
@@ -209,7 +209,7 @@ bool hand_loop::run_until(const std::function<bool()>& done, std::chrono::millis
     return true;
 }
 
-std::size_t hand_loop::advance(std::chrono::seconds by) {
+std::size_t manual_loop::advance(std::chrono::seconds by) {
     std::chrono::seconds target{};
     std::uint64_t first_new = 0;
     {
@@ -227,12 +227,12 @@ std::size_t hand_loop::advance(std::chrono::seconds by) {
     return count;
 }
 
-std::chrono::seconds hand_loop::now() const {
+std::chrono::seconds manual_loop::now() const {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     return state_->now;
 }
 
-std::vector<std::chrono::seconds> hand_loop::armed_timers() const {
+std::vector<std::chrono::seconds> manual_loop::armed_timers() const {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     std::vector<std::chrono::seconds> left;
     for (const entry* next : state_->armed) {
@@ -241,24 +241,24 @@ std::vector<std::chrono::seconds> hand_loop::armed_timers() const {
     return left;
 }
 
-std::size_t hand_loop::waiting_tasks() const {
+std::size_t manual_loop::waiting_tasks() const {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     return state_->tasks.size();
 }
 
-std::size_t hand_loop::post_count() const {
+std::size_t manual_loop::post_count() const {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     return state_->posts;
 }
 
-std::size_t hand_loop::timers_made() const {
+std::size_t manual_loop::timers_made() const {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     return state_->made;
 }
 
-std::size_t hand_loop::timers_alive() const {
+std::size_t manual_loop::timers_alive() const {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     return state_->alive;
 }
 
-} // namespace tarn::test
+} // namespace tarn::testing
