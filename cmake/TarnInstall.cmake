@@ -7,7 +7,7 @@ include(CMakePackageConfigHelpers)
 set(_tarn_cmakedir "${CMAKE_INSTALL_LIBDIR}/cmake/tarn")
 set(_tarn_pkgconfigdir "${CMAKE_INSTALL_LIBDIR}/pkgconfig")
 
-install(TARGETS tarn tarn_loops tarn_loops_conformance tarn_testing EXPORT tarn-targets
+install(TARGETS tarn tarn_ext tarn_loops tarn_loops_conformance tarn_testing EXPORT tarn-targets
         LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
         ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 if(TARN_EXAMPLES)
@@ -58,7 +58,7 @@ endif()
 # The prefix as seen from the folder of the .pc files.
 file(RELATIVE_PATH TARN_PC_PREFIX "${CMAKE_INSTALL_FULL_LIBDIR}/pkgconfig" "${CMAKE_INSTALL_PREFIX}")
 string(REGEX REPLACE "/$" "" TARN_PC_PREFIX "${TARN_PC_PREFIX}")
-foreach(_tarn_pc tarn tarn-loops tarn-testing)
+foreach(_tarn_pc tarn tarn-ext tarn-loops tarn-testing)
     configure_file("${PROJECT_SOURCE_DIR}/cmake/${_tarn_pc}.pc.in" ${_tarn_pc}.pc @ONLY)
     install(FILES "${CMAKE_CURRENT_BINARY_DIR}/${_tarn_pc}.pc" DESTINATION "${_tarn_pkgconfigdir}")
 endforeach()

@@ -1,0 +1,8 @@
+/// Everything of tarn::ext that needs no other library than libtarn, in one include.
+#pragma once
+
+#include "tarn/ext/convert.h"
+#include "tarn/ext/fields.h"
+#include "tarn/ext/mismatch.h"
+#include "tarn/ext/reply.h"
+#include "tarn/ext/result.h"
