@@ -1,7 +1,7 @@
 /// tarn: the bus from the command line.
-#include "json.h"
 #include "options.h"
 
+#include <tarn/ext/json.h>
 #include <tarn/loops/epoll_loop.h>
 #include <tarn/tarn.h>
 
@@ -133,7 +133,7 @@ tarn::blob::table arguments_of_call(const std::vector<std::string>& words) {
         text = words[2];
     }
     try {
-        return tools::to_table(text);
+        return tarn::ext::parse_json(text);
     } catch (const std::invalid_argument& error) {
         throw usage_error(error.what());
     }
@@ -146,7 +146,8 @@ public:
         : bus_(bus)
         , path_(given.words[0])
         , method_(given.words[1])
-        , form_(given.single_line ? tools::layout::single_line : tools::layout::indented) {}
+        , form_(given.single_line ? tarn::ext::json_layout::single_line
+                                  : tarn::ext::json_layout::indented) {}
 
     /// Starts the loop and returns the exit status. The limit counts for all of it.
     int run(const tarn::blob::table& args, seconds limit) {
@@ -167,7 +168,7 @@ public:
 private:
     // At once, since the next reply may be long in coming, and so may the end.
     void print(const tarn::blob::attr& reply) const {
-        std::cout << tools::to_text(reply.get<tarn::blob::table>(), form_) << std::endl;
+        std::cout << tarn::ext::write_json(reply.get<tarn::blob::table>(), form_) << std::endl;
         if (!std::cout) {
             throw std::runtime_error(cannot_write);
         }
@@ -193,7 +194,7 @@ private:
     tarn::client& bus_;
     const std::string path_;
     const std::string method_;
-    const tools::layout form_;
+    const tarn::ext::json_layout form_;
     int exit_status_ = 1;
     tarn::utils::scoped_link connection_;
     tarn::utils::scoped_link call_;

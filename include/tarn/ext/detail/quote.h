@@ -34,7 +34,7 @@ inline std::string quote(std::string_view text) {
             quoted += "\\t";
             break;
         default:
-            if (byte < 0x20U || byte == 0x7fU) {
+            if (byte < 0x20U) {
                 quoted += "\\u00";
                 quoted += digits[byte >> 4U];
                 quoted += digits[byte & 0xfU];

@@ -1,5 +1,5 @@
 /// JSON text to message values and back.
-#include "json.h"
+#include "tarn/ext/json.h"
 
 #include <gtest/gtest.h>
 
@@ -9,12 +9,13 @@
 namespace {
 
 using namespace tarn::blob;
-using tools::layout;
-using tools::to_table;
+using layout = tarn::ext::json_layout;
+using tarn::ext::parse_json;
+using tarn::ext::write_json;
 
 /// The value of the only field, "v".
 attr value_of(const std::string& text) {
-    const table fields = to_table("{\"v\": " + text + "}");
+    const table fields = parse_json("{\"v\": " + text + "}");
     EXPECT_EQ(fields.size(), 1U);
     return fields.find("v")->second;
 }
@@ -28,7 +29,7 @@ void expect_value(const std::string& text, const std::type_info& type, T value) 
 
 std::string refusal_of(const std::string& text) {
     try {
-        to_table(text);
+        parse_json(text);
     } catch (const std::invalid_argument& refused) {
         return refused.what();
     }
@@ -36,7 +37,7 @@ std::string refusal_of(const std::string& text) {
 }
 
 std::string line(const table& fields) {
-    return tools::to_text(fields, layout::single_line);
+    return write_json(fields);
 }
 
 TEST(JsonReader, IntegersThatFitGoOutAs32BitsSigned) {
@@ -111,18 +112,18 @@ TEST(JsonReader, ANulCharacterIsRefusedSinceTheBusWouldCutTheText) {
 }
 
 TEST(JsonReader, ObjectsAndArraysNest) {
-    const table fields = to_table(R"({"o": {"l": [1, "x", {"deep": [[]]}], "e": {}}, "n": 1})");
+    const table fields = parse_json(R"({"o": {"l": [1, "x", {"deep": [[]]}], "e": {}}, "n": 1})");
     EXPECT_EQ(line(fields), R"({"n":1,"o":{"e":{},"l":[1,"x",{"deep":[[]]}]}})");
 }
 
 TEST(JsonReader, ANameGivenTwiceIsTwoFieldsInTheirOrder) {
-    EXPECT_EQ(line(to_table(R"({"a": 1, "b": {"c": 1, "c": 2}, "a": "x"})")),
+    EXPECT_EQ(line(parse_json(R"({"a": 1, "b": {"c": 1, "c": 2}, "a": "x"})")),
               R"({"a":1,"a":"x","b":{"c":1,"c":2}})");
 }
 
 TEST(JsonReader, NothingAtAllIsAnEmptyMessage) {
-    EXPECT_TRUE(to_table("").empty());
-    EXPECT_TRUE(to_table("{}").empty());
+    EXPECT_TRUE(parse_json("").empty());
+    EXPECT_TRUE(parse_json("{}").empty());
 }
 
 TEST(JsonReader, NullGoesOutAsRawBytesOfWhichThereAreNone) {
@@ -156,9 +157,9 @@ TEST(JsonReader, TextThatIsNoUtf8IsRefused) {
 TEST(Json, AbsurdlyDeepJsonIsReadAndWritten) {
     constexpr std::size_t depth = 200000;
     const std::string text = "{\"v\":" + std::string(depth, '[') + std::string(depth, ']') + "}";
-    const table fields = to_table(text);
+    const table fields = parse_json(text);
     EXPECT_EQ(line(fields), text);
-    EXPECT_LT(tools::to_text(fields, layout::indented).size(), 100 * 2 * depth);
+    EXPECT_LT(write_json(fields, layout::indented).size(), 100 * 2 * depth);
 }
 
 TEST(JsonWriter, IntegersOfEveryWidthArePrintedSigned) {
@@ -189,12 +190,12 @@ TEST(JsonWriter, RawBytesAreHex) {
 TEST(JsonWriter, RawBytesOfWhichThereAreNoneAreNullAtAnyDepth) {
     EXPECT_EQ(line({{"a", bytes{}}}), R"({"a":null})");
     const std::string nested = R"({"a":[null,1,{"b":null},[null]],"c":{"d":null}})";
-    EXPECT_EQ(line(to_table(nested)), nested);
+    EXPECT_EQ(line(parse_json(nested)), nested);
 }
 
 TEST(JsonWriter, TheLimitsOf64BitsComeBackAsTheyWent) {
     const std::string limits = R"({"a":[9223372036854775807,-9223372036854775808]})";
-    EXPECT_EQ(line(to_table(limits)), limits);
+    EXPECT_EQ(line(parse_json(limits)), limits);
 }
 
 TEST(JsonWriter, TextThatIsNoUtf8IsReplacedInValuesAndNames) {
@@ -208,11 +209,18 @@ TEST(JsonWriter, RepeatedNamesAreKept) {
 }
 
 TEST(JsonWriter, IndentsByTwoAndKeepsEmptyContainersShort) {
-    EXPECT_EQ(tools::to_text({{"a", {1, 2}}, {"b", table{}}, {"c", list{}}, {"d", {{"e", "f"}}}},
-                             layout::indented),
+    EXPECT_EQ(write_json({{"a", {1, 2}}, {"b", table{}}, {"c", list{}}, {"d", {{"e", "f"}}}},
+                         layout::indented),
               "{\n  \"a\": [\n    1,\n    2\n  ],\n  \"b\": {},\n  \"c\": [],\n"
               "  \"d\": {\n    \"e\": \"f\"\n  }\n}");
-    EXPECT_EQ(tools::to_text({}, layout::indented), "{}");
+    EXPECT_EQ(write_json({}, layout::indented), "{}");
+}
+
+TEST(JsonWriter, AnyValueIsWrittenTheSameWay) {
+    EXPECT_EQ(write_json(attr(5)), "5");
+    EXPECT_EQ(write_json(attr{1, "x"}), R"([1,"x"])");
+    EXPECT_EQ(write_json(attr{{"a", 1}}, layout::indented), "{\n  \"a\": 1\n}");
+    EXPECT_EQ(write_json(attr()), "null");
 }
 
 } // namespace
