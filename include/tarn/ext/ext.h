@@ -1,8 +1,10 @@
 /// Everything of tarn::ext that needs no other library than libtarn, in one include.
 #pragma once
 
+#include "tarn/ext/backoff.h"
 #include "tarn/ext/convert.h"
 #include "tarn/ext/fields.h"
 #include "tarn/ext/mismatch.h"
+#include "tarn/ext/print.h"
 #include "tarn/ext/reply.h"
 #include "tarn/ext/result.h"
