@@ -2,8 +2,10 @@
 #pragma once
 
 #include "tarn/ext/backoff.h"
+#include "tarn/ext/call.h"
 #include "tarn/ext/convert.h"
 #include "tarn/ext/fields.h"
+#include "tarn/ext/future.h"
 #include "tarn/ext/mismatch.h"
 #include "tarn/ext/print.h"
 #include "tarn/ext/reply.h"
