@@ -10,3 +10,4 @@
 #include "tarn/ext/print.h"
 #include "tarn/ext/reply.h"
 #include "tarn/ext/result.h"
+#include "tarn/ext/watch.h"
