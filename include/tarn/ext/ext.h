@@ -6,6 +6,7 @@
 #include "tarn/ext/convert.h"
 #include "tarn/ext/fields.h"
 #include "tarn/ext/future.h"
+#include "tarn/ext/in_flight_limit.h"
 #include "tarn/ext/mismatch.h"
 #include "tarn/ext/print.h"
 #include "tarn/ext/reply.h"
