@@ -29,7 +29,7 @@ protected:
     /// A call that is answered never.
     utils::link hold(in_flight_limit& some) {
         return some.call("demo", "late", {{"ms", 600000}}, 0s,
-                         [this](result<reply> held) { failures_.push_back(held.error()); });
+                         [this](const result<reply>& held) { failures_.push_back(held.error()); });
     }
 
     utils::link echo(in_flight_limit& some, int n) {

@@ -20,16 +20,13 @@ namespace tarn::ext {
 
 namespace detail {
 
-/// `handler`, which takes a result<T>, as the client takes it.
+/// `handler`, which takes a result<T>, to be captured by what the client is given. Shared, since
+/// the client copies its handlers and this one may be movable only.
 template <class T, class Handler>
-client::result_handler to_result_handler(Handler&& handler) {
+std::shared_ptr<std::decay_t<Handler>> keep_handler(Handler&& handler) {
     static_assert(std::is_invocable_v<std::decay_t<Handler>&, result<T>>,
                   "the handler of a call takes a tarn::ext::result of what is asked for");
-    // Shared, since the client copies its handlers and this one may be movable only.
-    const auto kept = std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
-    return [kept](const std::list<blob::attr>& replies, const std::error_code& status) {
-        (*kept)(decode<T>(replies, status));
-    };
+    return std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
 }
 
 } // namespace detail
@@ -61,16 +58,16 @@ utils::link call(client& bus, const std::string& path, const std::string& method
                  const blob::table& args, const std::chrono::duration<Rep, Period>& limit,
                  Handler&& handler) {
     using value = detail::wanted_t<T, Handler>;
+    const auto kept = detail::keep_handler<value>(std::forward<Handler>(handler));
     return bus.invoke(
         path, method, args,
-        [loop = detail::loop_thread::of(bus),
-         decoded = detail::to_result_handler<value>(std::forward<Handler>(handler))](
-            const std::list<blob::attr>& replies, const std::error_code& status) {
+        [loop = detail::loop_thread::of(bus), kept](const std::list<blob::attr>& replies,
+                                                    const std::error_code& status) {
             // cancel() ends calls on its caller's thread.
             if (loop && status != error::generic::aborted) {
                 loop->note();
             }
-            decoded(replies, status);
+            (*kept)(detail::decode<value>(replies, status));
         },
         detail::whole_seconds(limit));
 }

@@ -149,7 +149,7 @@ template <class T, class S>
 T narrow(S stored) {
     using wide = std::conditional_t<std::is_signed_v<T>, long long, unsigned long long>;
     using seen = std::conditional_t<std::is_signed_v<T>, std::make_signed_t<S>, S>;
-    const wide value = static_cast<seen>(stored);
+    const auto value = static_cast<wide>(static_cast<seen>(stored));
     using range = std::numeric_limits<T>;
     if (value < static_cast<wide>(range::min()) || value > static_cast<wide>(range::max())) {
         throw mismatch(integer_words<T>(), "the integer " + std::to_string(value));

@@ -354,7 +354,11 @@ public:
         made->method = method;
         made->args = args;
         made->limit = detail::whole_seconds(limit);
-        made->handler = detail::to_result_handler<value>(std::forward<Handler>(handler));
+        const auto kept = detail::keep_handler<value>(std::forward<Handler>(handler));
+        made->handler = [kept](const std::list<blob::attr>& replies,
+                               const std::error_code& status) {
+            (*kept)(detail::decode<value>(replies, status));
+        };
         // First, so that a call that has started never lacks its link.
         const utils::link link = misc::aggregate_adapter<utils::link>(
             std::make_shared<detail::limited_link>(queue_, made));

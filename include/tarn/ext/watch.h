@@ -104,8 +104,8 @@ private:
         }
         const client::state next = told_.front();
         told_.pop_front();
-        // The client does not report one state twice in a row: this one was the present state at
-        // the start, and its report to the subscribers came after.
+        // The same again is no change. It was the present state at the start, and was told to the
+        // subscribers after that; or the client has left out what was between.
         return next == *reported_ ? std::nullopt : std::optional(next);
     }
 
