@@ -1,5 +1,6 @@
 /// The program that every packaging check builds and runs: a little of each part of the library,
 /// on a machine where there is no bus.
+#include <tarn/ext/ext.h>
 #include <tarn/loops/epoll_loop.h>
 #include <tarn/tarn.h>
 
@@ -32,6 +33,8 @@ int main() {
     const std::multimap<std::string, tarn::blob::attr> table{
         {"name", "lan"}, {"up", true}, {"mtu", 1500}};
     expect(table.find("name")->second.get<std::string>() == "lan", "a table of values");
+
+    expect(tarn::ext::reply(table).at<int>("mtu") == 1500, "the header-only layer");
 
     auto& client = tarn::client::get_instance(loop);
     bool connect_reported = false;
