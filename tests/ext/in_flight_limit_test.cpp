@@ -98,7 +98,10 @@ TEST_F(InFlightLimit, AHandlerThatThrowsGivesItsPlaceBack) {
 
 TEST_F(InFlightLimit, AHandlerMayCallAgain) {
     in_flight_limit one(bus(), 1);
-    one.call("demo", "echo", 0s, [&](const result<reply>&) { echo(one, 2); });
+    one.call("demo", "echo", 0s, [&](const result<reply>&) {
+        EXPECT_EQ(one.running(), 0U) << "its own place is free already";
+        echo(one, 2);
+    });
     echo(one, 1);
     run_until([&] { return answers_.size() == 2; });
     EXPECT_THAT(answers_, ElementsAre(1, 2)) << "behind those that wait";

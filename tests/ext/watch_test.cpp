@@ -60,6 +60,14 @@ TEST_F(Watch, ChangesBeforeTheFirstReportAreTheStateThatItReports) {
     EXPECT_THAT(seen_, ElementsAre(state::connecting, state::connected));
 }
 
+TEST_F(Watch, OfSeveralChangesBeforeTheFirstReportTheLastIsReported) {
+    const auto link = record();
+    bus().connect({});
+    bus().cancel();
+    loop()->drain();
+    EXPECT_THAT(seen_, ElementsAre(state::disconnected));
+}
+
 TEST_F(Watch, OneThatBeginsInsideAChangeReportsThatStateOnce) {
     utils::scoped_link inner;
     const utils::scoped_link outer = bus().notify_on_state_change([&](state s) {
