@@ -1,0 +1,33 @@
+// Publishes the object "slow", whose method "sum" is answered by a worker thread while the loop
+// goes on: a parameter of type responder is the right to answer later, from any thread.
+//
+// Try: tarn call slow sum '{"numbers": [1, 2, 39]}'
+#include <tarn/ext/app.h>
+#include <tarn/ext/service.h>
+
+#include <future>
+#include <iostream>
+#include <list>
+#include <numeric>
+#include <vector>
+
+int main() {
+    tarn::ext::app app;
+    std::list<std::future<void>> workers; // its destructor waits for them
+    tarn::ext::service slow(app.bus(), "slow");
+    slow.method("sum", {"numbers"},
+                [&workers](std::vector<long long> numbers, tarn::ext::responder<long long> caller) {
+                    workers.remove_if([](const std::future<void>& one) {
+                        return one.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
+                    });
+                    workers.push_back(std::async(std::launch::async, [=] {
+                        // Dropped without an answer, it would answer unknown_error.
+                        caller.answer(std::accumulate(numbers.begin(), numbers.end(), 0LL));
+                    }));
+                });
+    slow.on_published([](const std::error_code& failed) {
+        std::cout << "slow: " << (failed ? failed.message() : "ready") << std::endl;
+    });
+    slow.publish();
+    return app.run_forever();
+}
