@@ -33,7 +33,7 @@ diff -u --label README.md --label "$program" \
         shown' README.md) "$program"
 
 lines=$(wc -l <"$program")
-[[ $lines -gt 0 && $lines -le 30 ]] || {
-    echo "$program has $lines lines; at most 30 are meant" >&2
+[[ $lines -gt 0 && $lines -le 12 ]] || {
+    echo "$program has $lines lines; at most 12 are meant" >&2
     exit 1
 }

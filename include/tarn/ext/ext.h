@@ -1,6 +1,8 @@
-/// Everything of tarn::ext that needs no other library than libtarn, in one include.
+/// Everything of tarn::ext that needs no other library than libtarn, in one include. (tarn/ext/app.h
+/// needs tarn::loops, tarn/ext/json.h nlohmann-json.)
 #pragma once
 
+#include "tarn/ext/await.h"
 #include "tarn/ext/backoff.h"
 #include "tarn/ext/call.h"
 #include "tarn/ext/convert.h"
@@ -10,5 +12,8 @@
 #include "tarn/ext/mismatch.h"
 #include "tarn/ext/print.h"
 #include "tarn/ext/reply.h"
+#include "tarn/ext/responder.h"
 #include "tarn/ext/result.h"
+#include "tarn/ext/service.h"
+#include "tarn/ext/task.h"
 #include "tarn/ext/watch.h"
