@@ -134,7 +134,7 @@ private:
 class sleepers {
 public:
     static sleepers& instance() {
-        static sleepers* const all = new sleepers;
+        static auto* const all = new sleepers;
         return *all;
     }
     void add(const std::shared_ptr<task_run>& run) {

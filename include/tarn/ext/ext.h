@@ -1,5 +1,5 @@
-/// Everything of tarn::ext that needs no other library than libtarn, in one include. (tarn/ext/app.h
-/// needs tarn::loops, tarn/ext/json.h nlohmann-json.)
+/// Everything of tarn::ext that needs no other library than libtarn, in one include. Not in it are
+/// app.h, which needs tarn::loops, and json.h, which needs nlohmann-json.
 #pragma once
 
 #include "tarn/ext/await.h"

@@ -348,8 +348,8 @@ public:
                       "responder");
         std::array<std::string, N> names;
         std::copy(std::begin(fields), std::end(fields), names.begin());
-        client::method_policy policy = detail::policy_of<F>(names);
-        return add(name, std::move(function), std::move(policy),
+        const client::method_policy policy = detail::policy_of<F>(names);
+        return add(name, std::move(function), policy,
                    [names = std::move(names)](blob::table&& arguments) {
                        return detail::read_arguments<F>(std::move(arguments), names);
                    });
@@ -402,13 +402,14 @@ public:
 
 private:
     template <class F, class Read>
-    service& add(const std::string& name, F&& function, client::method_policy policy, Read read) {
+    service& add(const std::string& name, F&& function, const client::method_policy& policy,
+                 Read read) {
         const auto served = std::make_shared<detail::method<std::decay_t<F>, Read>>(
             core_, name, std::forward<F>(function), std::move(read));
         core_->add_method(
             name,
             [served](const std::shared_ptr<client::exchange_ctx>& call) { served->serve(call); },
-            std::move(policy));
+            policy);
         return *this;
     }
 
