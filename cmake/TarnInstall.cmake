@@ -1,5 +1,5 @@
 # Install rules: the libraries, the command-line client, the public headers, a CMake package
-# (find_package(tarn)) and pkg-config files. Nothing installed names the folder it was built or
+# (find_package(tarn), with a component for each adapter of a loop) and pkg-config files. Nothing installed names the folder it was built or
 # installed in, so the tree can be moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
@@ -16,10 +16,15 @@ if(TARN_EXAMPLES)
     set_target_properties(tarn_cli PROPERTIES INSTALL_RPATH "$ORIGIN/${_tarn_libdir}")
     install(TARGETS tarn_cli RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
 endif()
+# The adapters are headers: all are installed, whichever libraries this machine has.
+foreach(_tarn_name IN LISTS TARN_LOOP_NAMES)
+    list(APPEND _tarn_adapter_headers "${PROJECT_SOURCE_DIR}/loops/${_tarn_name}/include/")
+endforeach()
 install(DIRECTORY "${PROJECT_SOURCE_DIR}/include/"
                   "${PROJECT_SOURCE_DIR}/loops/include/"
                   "${PROJECT_SOURCE_DIR}/loops/conformance/"
                   "${PROJECT_SOURCE_DIR}/testing/include/"
+                  ${_tarn_adapter_headers}
         DESTINATION "${CMAKE_INSTALL_INCLUDEDIR}"
         FILES_MATCHING PATTERN "*.h")
 install(EXPORT tarn-targets NAMESPACE tarn:: DESTINATION "${_tarn_cmakedir}"
@@ -31,6 +36,7 @@ configure_package_config_file("${PROJECT_SOURCE_DIR}/cmake/tarn-config.cmake.in"
 write_basic_package_version_file(tarnConfigVersion.cmake COMPATIBILITY SameMinorVersion)
 install(FILES "${CMAKE_CURRENT_BINARY_DIR}/tarnConfig.cmake"
               "${CMAKE_CURRENT_BINARY_DIR}/tarnConfigVersion.cmake"
+              "${PROJECT_SOURCE_DIR}/cmake/TarnLoops.cmake"
         DESTINATION "${_tarn_cmakedir}")
 
 # What a program that links the static libraries must add.
@@ -61,4 +67,12 @@ string(REGEX REPLACE "/$" "" TARN_PC_PREFIX "${TARN_PC_PREFIX}")
 foreach(_tarn_pc tarn tarn-ext tarn-loops tarn-testing)
     configure_file("${PROJECT_SOURCE_DIR}/cmake/${_tarn_pc}.pc.in" ${_tarn_pc}.pc @ONLY)
     install(FILES "${CMAKE_CURRENT_BINARY_DIR}/${_tarn_pc}.pc" DESTINATION "${_tarn_pkgconfigdir}")
+endforeach()
+foreach(_tarn_name IN LISTS TARN_LOOP_NAMES)
+    string(REPLACE "_" "-" TARN_PC_LOOP "${_tarn_name}")
+    set(TARN_PC_LOOP_REQUIRES "${TARN_LOOP_REQUIRES_${_tarn_name}}")
+    configure_file("${PROJECT_SOURCE_DIR}/cmake/tarn-loops-adapter.pc.in" tarn-loops-${TARN_PC_LOOP}.pc
+                   @ONLY)
+    install(FILES "${CMAKE_CURRENT_BINARY_DIR}/tarn-loops-${TARN_PC_LOOP}.pc"
+            DESTINATION "${_tarn_pkgconfigdir}")
 endforeach()

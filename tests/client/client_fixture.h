@@ -1,13 +1,14 @@
-/// What the client's tests start from: a bus of their own, a loop that the test drives by hand, the
-/// process's client on it, and recorders for what handlers report.
+/// What the client's tests start from: a bus of their own, a loop that the test drives (by hand, or
+/// one of another library: see make_test_loop()), the process's client on it, and recorders for
+/// what handlers report.
 #pragma once
 
 #include "tarn/client.h"
 
 #include "support/bus_daemon.h"
 #include "support/child_process.h"
-#include "support/hand_loop.h"
 #include "support/on_loop_thread.h"
+#include "support/test_loop.h"
 
 #include <gtest/gtest.h>
 
@@ -66,13 +67,13 @@ private:
     std::shared_ptr<record> seen_ = std::make_shared<record>();
 };
 
-/// A client on a hand-driven loop, without a bus. One process per test: the client is bound to the
-/// first test's loop for good.
+/// A client on a loop that the test drives, without a bus. One process per test: the client is
+/// bound to the first test's loop for good.
 class client_test : public ::testing::Test {
 protected:
-    static const std::shared_ptr<hand_loop>& loop() {
+    static const std::shared_ptr<test_loop>& loop() {
         // Outlives the client, which is made after it.
-        static const auto instance = std::make_shared<hand_loop>();
+        static const std::shared_ptr<test_loop> instance = make_test_loop();
         return instance;
     }
 

@@ -55,11 +55,11 @@ public:
         return *outcome_;
     }
     bool reported() const { return outcome_.has_value(); }
-    explicit kept(std::shared_ptr<hand_loop> loop)
+    explicit kept(std::shared_ptr<test_loop> loop)
         : client_loop_(std::move(loop)) {}
 
 private:
-    std::shared_ptr<hand_loop> client_loop_;
+    std::shared_ptr<test_loop> client_loop_;
     std::optional<result<T>> outcome_;
     int count_ = 0;
 };

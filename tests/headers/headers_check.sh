@@ -2,7 +2,7 @@
 # headers_check.sh COMPILER STANDARD INCLUDE_DIR...
 # Compiles every header below each INCLUDE_DIR as an application would include it: alone, with all
 # our warnings as errors, and without reaching a header of libubox or libubus, nor of nlohmann-json
-# but from the one that is about JSON.
+# but from the one that is about JSON. What else they include is in CPLUS_INCLUDE_PATH.
 set -euo pipefail
 
 compiler=$1 standard=$2 folders=("${@:3}")
@@ -18,7 +18,7 @@ checked=0 bad=0
 while IFS= read -r header; do
     # Twice, to see that the header guards itself.
     printf '#include "%s"\n#include "%s"\n' "$header" "$header" >"$work/alone.cpp"
-    if ! "$compiler" "-std=$standard" -fsyntax-only "${folders[@]/#/-I}" -MD -MF "$work/used" \
+    if ! "$compiler" "-std=$standard" -fsyntax-only -fPIC "${folders[@]/#/-I}" -MD -MF "$work/used" \
         -Wall -Wextra -Wpedantic -Wshadow -Wconversion -Werror "$work/alone.cpp"; then
         echo "$header: does not compile alone" >&2
         bad=$((bad + 1))

@@ -27,8 +27,48 @@ consumer() {
     run "$work/$kind/$1/consumer"
 }
 
+# configure_loops NAME [cmake option...]: the examples on loops of other libraries, in the folder NAME.
+configure_loops() {
+    cmake -G Ninja -S "$here/cmake-loops" -B "$work/$kind/$1" -DCMAKE_BUILD_TYPE=Release \
+        -DCMAKE_PREFIX_PATH="$prefix;$bus_prefix" -DTARN_EXAMPLES="$source/examples/loops" \
+        "${@:2}" >"$work/$kind/$1.log" 2>&1
+}
+
+# expect_no_bus PROGRAM: an example says that there is no bus, and fails.
+expect_no_bus() {
+    local said status=0
+    said=$(run "$@" 2>&1) || status=$?
+    [[ $status -eq 1 && $said == "cannot connect: "* ]] || fail "$1: status $status, '$said'"
+}
+
+# Each adapter through the CMake package and through pkg-config, for the libraries that are here.
+check_loops() {
+    local program component package
+    say "$kind: components for loops of other libraries"
+    configure_loops cmake-loops || {
+        cat "$work/$kind/cmake-loops.log"
+        return 1
+    }
+    cmake --build "$work/$kind/cmake-loops"
+    if configure_loops refused -DTARN_WANTED=loops_none; then
+        fail "a component that does not exist was found"
+    fi
+    while read -r program component; do
+        expect_no_bus "$work/$kind/cmake-loops/$program"
+        package=tarn-${component//_/-}
+        say "$kind: pkg-config, $package for $program"
+        # Unquoted: these are lists of options.
+        # shellcheck disable=SC2046
+        g++ -std=c++17 -Wall -Wextra -Werror \
+            -o "$work/$kind/$program" $(PKG_CONFIG_PATH=$prefix/lib/pkgconfig $pkg_config --cflags "$package") \
+            "$source/examples/loops/$program.cpp" $(PKG_CONFIG_PATH=$prefix/lib/pkgconfig $pkg_config --libs "$package")
+        expect_no_bus env LD_LIBRARY_PATH="$prefix/lib${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" \
+            "$work/$kind/$program"
+    done <"$work/$kind/cmake-loops/programs.txt"
+}
+
 check_kind() {
-    local shared prefix=$work/$kind/prefix
+    local shared pkg_config=pkg-config prefix=$work/$kind/prefix
     [[ $kind == shared ]] && shared=ON || shared=OFF
 
     say "$kind: install"
@@ -49,8 +89,9 @@ check_kind() {
         readelf -d "$prefix/lib/libtarn.so" | grep -F 'soname: [libtarn.so.0.0]' ||
             fail "the soname is not libtarn.so.0.0"
     fi
-    (for include in include loops/include loops/conformance testing/include; do
-        (cd "$source/$include" && find . -name '*.h')
+    (for include in "$source"/include "$source"/loops/{,*/}include "$source"/loops/conformance \
+        "$source"/testing/include; do
+        (cd "$include" && find . -name '*.h')
     done) | sort |
         diff -u - <(cd "$prefix/include" && find . -name '*.h' | sort) ||
         fail "the installed headers are not the public headers"
@@ -63,7 +104,6 @@ check_kind() {
     consumer cmake-package -DCMAKE_PREFIX_PATH="$prefix;$bus_prefix"
 
     say "$kind: pkg-config"
-    local pkg_config=pkg-config
     [[ $kind == shared ]] || pkg_config="pkg-config --static"
     cp -R "$here/pkgconfig" "$here/main.cpp" "$work/$kind/"
     PKG_CONFIG_PATH=$prefix/lib/pkgconfig make -C "$work/$kind/pkgconfig" \
@@ -73,6 +113,8 @@ check_kind() {
     if grep -E '(^|[ /])(libubox/|libubus)' "$work/$kind/pkgconfig/used.d"; then
         fail "a program that uses libtarn includes a header of libubox or libubus"
     fi
+
+    check_loops
 
     say "$kind: add_subdirectory"
     consumer subdirectory -DTARN_SOURCE="$source" -DBUILD_SHARED_LIBS=$shared "${options[@]}"

@@ -1,0 +1,23 @@
+# Which loops of other libraries there are adapters for, and what each needs. Used by the build, and
+# by find_package(tarn) on the machine of the user: the adapters are headers, so the library that an
+# adapter is for is looked for where it is used.
+set(TARN_LOOP_NAMES asio)
+
+# tarn_find_loop(NAME): looks for the library of that name and sets in the caller
+#   TARN_LOOP_MISSING  why the adapter cannot be used, empty if it can
+#   TARN_LOOP_LINK     what a user of the adapter links beside tarn::loops
+macro(tarn_find_loop name)
+    set(TARN_LOOP_MISSING "")
+    set(TARN_LOOP_LINK "")
+    if("${name}" STREQUAL "asio")
+        # Both are headers, which the application includes itself: no include path is added.
+        find_path(TARN_ASIO_INCLUDE_DIR asio.hpp)
+        find_path(TARN_BOOST_ASIO_INCLUDE_DIR boost/asio.hpp)
+        mark_as_advanced(TARN_ASIO_INCLUDE_DIR TARN_BOOST_ASIO_INCLUDE_DIR)
+        if(NOT TARN_ASIO_INCLUDE_DIR AND NOT TARN_BOOST_ASIO_INCLUDE_DIR)
+            set(TARN_LOOP_MISSING "neither asio.hpp nor boost/asio.hpp found")
+        endif()
+    else()
+        set(TARN_LOOP_MISSING "no such loop")
+    endif()
+endmacro()
