@@ -107,4 +107,9 @@ REGISTER_TYPED_TEST_SUITE_P(EventLoopExceptions, OfATaskLeaveTheOthersForTheNext
                             OfAHandlerLeaveItsTimerAsItWasArmedThere,
                             OfAHandlerThatReleasedItsTimerAreHarmless);
 
+// Not every loop lets exceptions out. Elder releases of GoogleTest do not ask.
+#ifdef GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST
+GTEST_ALLOW_UNINSTANTIATED_PARAMETERIZED_TEST(EventLoopExceptions);
+#endif
+
 } // namespace tarn::loops::conformance
