@@ -70,7 +70,10 @@ foreach(_tarn_pc tarn tarn-ext tarn-loops tarn-testing)
 endforeach()
 foreach(_tarn_name IN LISTS TARN_LOOP_NAMES)
     string(REPLACE "_" "-" TARN_PC_LOOP "${_tarn_name}")
-    set(TARN_PC_LOOP_REQUIRES "${TARN_LOOP_REQUIRES_${_tarn_name}}")
+    set(TARN_PC_LOOP_REQUIRES "")
+    if(DEFINED TARN_LOOP_PACKAGE_${_tarn_name})
+        set(TARN_PC_LOOP_REQUIRES ", ${TARN_LOOP_PACKAGE_${_tarn_name}}")
+    endif()
     configure_file("${PROJECT_SOURCE_DIR}/cmake/tarn-loops-adapter.pc.in" tarn-loops-${TARN_PC_LOOP}.pc
                    @ONLY)
     install(FILES "${CMAKE_CURRENT_BINARY_DIR}/tarn-loops-${TARN_PC_LOOP}.pc"

@@ -1,7 +1,9 @@
 # Which loops of other libraries there are adapters for, and what each needs. Used by the build, and
 # by find_package(tarn) on the machine of the user: the adapters are headers, so the library that an
 # adapter is for is looked for where it is used.
-set(TARN_LOOP_NAMES asio)
+set(TARN_LOOP_NAMES asio glib)
+# Found by pkg-config under these names.
+set(TARN_LOOP_PACKAGE_glib glib-2.0)
 
 # tarn_find_loop(NAME): looks for the library of that name and sets in the caller
 #   TARN_LOOP_MISSING  why the adapter cannot be used, empty if it can
@@ -16,6 +18,18 @@ macro(tarn_find_loop name)
         mark_as_advanced(TARN_ASIO_INCLUDE_DIR TARN_BOOST_ASIO_INCLUDE_DIR)
         if(NOT TARN_ASIO_INCLUDE_DIR AND NOT TARN_BOOST_ASIO_INCLUDE_DIR)
             set(TARN_LOOP_MISSING "neither asio.hpp nor boost/asio.hpp found")
+        endif()
+    elseif(DEFINED TARN_LOOP_PACKAGE_${name})
+        find_package(PkgConfig QUIET)
+        if(PkgConfig_FOUND)
+            pkg_check_modules(TARN_LOOP_${name} QUIET IMPORTED_TARGET GLOBAL ${TARN_LOOP_PACKAGE_${name}})
+        endif()
+        if(TARN_LOOP_${name}_FOUND)
+            set(TARN_LOOP_LINK PkgConfig::TARN_LOOP_${name})
+        elseif(PkgConfig_FOUND)
+            set(TARN_LOOP_MISSING "pkg-config knows no ${TARN_LOOP_PACKAGE_${name}}")
+        else()
+            set(TARN_LOOP_MISSING "no pkg-config to find ${TARN_LOOP_PACKAGE_${name}} with")
         endif()
     else()
         set(TARN_LOOP_MISSING "no such loop")
