@@ -1,10 +1,11 @@
 # Which loops of other libraries there are adapters for, and what each needs. Used by the build, and
 # by find_package(tarn) on the machine of the user: the adapters are headers, so the library that an
 # adapter is for is looked for where it is used.
-set(TARN_LOOP_NAMES asio glib uv)
+set(TARN_LOOP_NAMES asio glib uv sd_event)
 # Found by pkg-config under these names.
 set(TARN_LOOP_PACKAGE_glib glib-2.0)
 set(TARN_LOOP_PACKAGE_uv libuv)
+set(TARN_LOOP_PACKAGE_sd_event libsystemd)
 
 # tarn_find_loop(NAME): looks for the library of that name and sets in the caller
 #   TARN_LOOP_MISSING  why the adapter cannot be used, empty if it can
