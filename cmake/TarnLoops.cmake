@@ -1,7 +1,7 @@
 # Which loops of other libraries there are adapters for, and what each needs. Used by the build, and
 # by find_package(tarn) on the machine of the user: the adapters are headers, so the library that an
 # adapter is for is looked for where it is used.
-set(TARN_LOOP_NAMES asio glib uv sd_event)
+set(TARN_LOOP_NAMES asio glib uv sd_event qt)
 # Found by pkg-config under these names.
 set(TARN_LOOP_PACKAGE_glib glib-2.0)
 set(TARN_LOOP_PACKAGE_uv libuv)
@@ -20,6 +20,13 @@ macro(tarn_find_loop name)
         mark_as_advanced(TARN_ASIO_INCLUDE_DIR TARN_BOOST_ASIO_INCLUDE_DIR)
         if(NOT TARN_ASIO_INCLUDE_DIR AND NOT TARN_BOOST_ASIO_INCLUDE_DIR)
             set(TARN_LOOP_MISSING "neither asio.hpp nor boost/asio.hpp found")
+        endif()
+    elseif("${name}" STREQUAL "qt")
+        # One adapter for both: the application links the Qt that it is written for, before or after.
+        find_library(TARN_QT_LIBRARY NAMES Qt6Core Qt5Core)
+        mark_as_advanced(TARN_QT_LIBRARY)
+        if(NOT TARN_QT_LIBRARY)
+            set(TARN_LOOP_MISSING "neither libQt6Core nor libQt5Core found")
         endif()
     elseif(DEFINED TARN_LOOP_PACKAGE_${name})
         find_package(PkgConfig QUIET)
