@@ -1,5 +1,5 @@
-/// Tests what hand_loop offers to tests beyond the interface of an event loop.
-#include "support/hand_loop.h"
+/// Tests what manual_loop offers to tests beyond the interface of an event loop.
+#include "tarn/testing/manual_loop.h"
 
 #include <gtest/gtest.h>
 
@@ -8,12 +8,12 @@
 
 namespace {
 
-using tarn::test::hand_loop;
+using tarn::testing::manual_loop;
 using namespace std::chrono_literals;
 using timer_ptr = std::shared_ptr<tarn::utils::event_loop::timer>;
 
-TEST(HandLoop, TasksWaitUntilTheyAreDrained) {
-    hand_loop loop;
+TEST(ManualLoop, TasksWaitUntilTheyAreDrained) {
+    manual_loop loop;
     int runs = 0;
     loop.post([&runs] { ++runs; });
     loop.post([&runs] { ++runs; });
@@ -24,8 +24,8 @@ TEST(HandLoop, TasksWaitUntilTheyAreDrained) {
     EXPECT_EQ(loop.drain(), 0U);
 }
 
-TEST(HandLoop, RunOneRunsExactlyOneTask) {
-    hand_loop loop;
+TEST(ManualLoop, RunOneRunsExactlyOneTask) {
+    manual_loop loop;
     std::vector<int> order;
     loop.post([&order] { order.push_back(1); });
     loop.post([&order] { order.push_back(2); });
@@ -36,16 +36,16 @@ TEST(HandLoop, RunOneRunsExactlyOneTask) {
     EXPECT_EQ(order, (std::vector<int>{1, 2}));
 }
 
-TEST(HandLoop, DrainRunsWhatTasksPost) {
-    hand_loop loop;
+TEST(ManualLoop, DrainRunsWhatTasksPost) {
+    manual_loop loop;
     bool ran = false;
     loop.post([&] { loop.post([&ran] { ran = true; }); });
     EXPECT_EQ(loop.drain(), 2U);
     EXPECT_TRUE(ran);
 }
 
-TEST(HandLoop, WaitForTaskReturnsForATaskOfAnotherThreadAndRunsNothing) {
-    hand_loop loop;
+TEST(ManualLoop, WaitForTaskReturnsForATaskOfAnotherThreadAndRunsNothing) {
+    manual_loop loop;
     bool ran = false;
     std::thread poster([&] { loop.post([&ran] { ran = true; }); });
     EXPECT_TRUE(loop.wait_for_task(20s));
@@ -53,13 +53,13 @@ TEST(HandLoop, WaitForTaskReturnsForATaskOfAnotherThreadAndRunsNothing) {
     poster.join();
 }
 
-TEST(HandLoop, WaitForTaskGivesUpAtItsLimit) {
-    hand_loop loop;
+TEST(ManualLoop, WaitForTaskGivesUpAtItsLimit) {
+    manual_loop loop;
     EXPECT_FALSE(loop.wait_for_task(1ms));
 }
 
-TEST(HandLoop, RunUntilDrainsTasksOfAnotherThreadAsTheyCome) {
-    hand_loop loop;
+TEST(ManualLoop, RunUntilDrainsTasksOfAnotherThreadAsTheyCome) {
+    manual_loop loop;
     int runs = 0;
     std::thread poster([&] {
         for (int count = 0; count < 100; ++count) {
@@ -70,8 +70,8 @@ TEST(HandLoop, RunUntilDrainsTasksOfAnotherThreadAsTheyCome) {
     poster.join();
 }
 
-TEST(HandLoop, RunUntilStopsAtTheTaskThatMadeItTrue) {
-    hand_loop loop;
+TEST(ManualLoop, RunUntilStopsAtTheTaskThatMadeItTrue) {
+    manual_loop loop;
     int runs = 0;
     loop.post([&runs] { ++runs; });
     loop.post([&runs] { ++runs; });
@@ -79,13 +79,13 @@ TEST(HandLoop, RunUntilStopsAtTheTaskThatMadeItTrue) {
     EXPECT_EQ(loop.waiting_tasks(), 1U);
 }
 
-TEST(HandLoop, RunUntilGivesUpAtItsLimit) {
-    hand_loop loop;
+TEST(ManualLoop, RunUntilGivesUpAtItsLimit) {
+    manual_loop loop;
     EXPECT_FALSE(loop.run_until([] { return false; }, 1ms));
 }
 
-TEST(HandLoop, TimersFireOnlyWhenTimeIsAdvanced) {
-    hand_loop loop;
+TEST(ManualLoop, TimersFireOnlyWhenTimeIsAdvanced) {
+    manual_loop loop;
     int fired = 0;
     const auto made = loop.create_timer();
     made->set_handler([&fired] { ++fired; });
@@ -97,8 +97,8 @@ TEST(HandLoop, TimersFireOnlyWhenTimeIsAdvanced) {
     EXPECT_EQ(loop.now(), 3s);
 }
 
-TEST(HandLoop, EveryTimerFiresAtItsOwnTime) {
-    hand_loop loop;
+TEST(ManualLoop, EveryTimerFiresAtItsOwnTime) {
+    manual_loop loop;
     std::vector<std::chrono::seconds> times;
     const auto made = loop.create_timer();
     made->set_handler([&] {
@@ -111,8 +111,8 @@ TEST(HandLoop, EveryTimerFiresAtItsOwnTime) {
     EXPECT_EQ(loop.now(), 6s);
 }
 
-TEST(HandLoop, ATimerArmedWithoutDelayByAHandlerWaitsForTheNextAdvance) {
-    hand_loop loop;
+TEST(ManualLoop, ATimerArmedWithoutDelayByAHandlerWaitsForTheNextAdvance) {
+    manual_loop loop;
     const auto made = loop.create_timer();
     made->set_handler([&made] { made->set_timeout(0s); });
     made->set_timeout(1s);
@@ -121,8 +121,8 @@ TEST(HandLoop, ATimerArmedWithoutDelayByAHandlerWaitsForTheNextAdvance) {
     EXPECT_EQ(loop.advance(0s), 1U);
 }
 
-TEST(HandLoop, AdvancingByTheMostFiresAllButTheTimersThatNeverExpire) {
-    hand_loop loop;
+TEST(ManualLoop, AdvancingByTheMostFiresAllButTheTimersThatNeverExpire) {
+    manual_loop loop;
     const auto made = loop.create_timer();
     made->set_handler([] {});
     const auto endless = loop.create_timer();
@@ -133,8 +133,8 @@ TEST(HandLoop, AdvancingByTheMostFiresAllButTheTimersThatNeverExpire) {
     EXPECT_EQ(loop.advance(std::chrono::seconds::max()), 0U);
 }
 
-TEST(HandLoop, ListsTheArmedTimersByRemainingTime) {
-    hand_loop loop;
+TEST(ManualLoop, ListsTheArmedTimersByRemainingTime) {
+    manual_loop loop;
     const auto first = loop.create_timer();
     const auto second = loop.create_timer();
     const auto idle = loop.create_timer();
@@ -146,8 +146,8 @@ TEST(HandLoop, ListsTheArmedTimersByRemainingTime) {
     EXPECT_EQ(loop.armed_timers(), std::vector<std::chrono::seconds>{6s});
 }
 
-TEST(HandLoop, CountsPostsAndTimers) {
-    hand_loop loop;
+TEST(ManualLoop, CountsPostsAndTimers) {
+    manual_loop loop;
     loop.post([] {});
     loop.drain();
     loop.post([] {});
