@@ -16,7 +16,8 @@ int main() {
     std::list<std::future<void>> workers; // its destructor waits for them
     tarn::ext::service slow(app.bus(), "slow");
     slow.method("sum", {"numbers"},
-                [&workers](std::vector<long long> numbers, tarn::ext::responder<long long> caller) {
+                [&workers](const std::vector<long long>& numbers,
+                           const tarn::ext::responder<long long>& caller) {
                     workers.remove_if([](const std::future<void>& one) {
                         return one.wait_for(std::chrono::seconds(0)) == std::future_status::ready;
                     });
