@@ -87,8 +87,9 @@ TEST_F(Future, WaitingOnTheLoopsOwnThreadIsRefused) {
     EXPECT_EQ(echo.get().at<int>("n"), 42) << "it is there already";
 }
 
-TEST_F(Future, TheLoopsThreadIsLearnedFromAHandlerToo) {
-    // The task that was posted first has not run when the handler does: nothing was drained.
+TEST_F(Future, AHandlerTellsThatTheLoopHasMovedToItsThread) {
+    learn();
+    std::thread([] { ext::detail::loop_thread::of(bus())->note(); }).join();
     bool refused = false;
     bool called = false;
     ext::call(bus(), "demo", "echo", 5s, [&](const ext::result<reply>&) {
