@@ -149,6 +149,7 @@ template <class T, class S>
 T narrow(S stored) {
     using wide = std::conditional_t<std::is_signed_v<T>, long long, unsigned long long>;
     using seen = std::conditional_t<std::is_signed_v<T>, std::make_signed_t<S>, S>;
+    // NOLINTNEXTLINE(bugprone-signed-char-misuse): a number of 8 bits, not a character
     const auto value = static_cast<wide>(static_cast<seen>(stored));
     using range = std::numeric_limits<T>;
     if (value < static_cast<wide>(range::min()) || value > static_cast<wide>(range::max())) {
