@@ -100,6 +100,7 @@ void private_bus::start() {
         words.insert(words.end(), {"-A", rules_path_});
     }
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }
