@@ -48,8 +48,9 @@ enum class generic : int { TARN_ERROR_GENERIC_LIST(TARN_ERROR_ENUMERATOR) };
 /// number.
 class TARN_API msg_category final : public std::error_category {
 public:
-    /// The one instance. Categories are compared by address, so every code uses this one. Any
-    /// thread.
+    /// The one instance. Categories are compared by address, so every code uses this one.
+    ///
+    /// Thread: any.
     static msg_category& get_inst();
 
     ~msg_category() override;
@@ -68,8 +69,9 @@ private:
 /// and number.
 class TARN_API generic_category final : public std::error_category {
 public:
-    /// The one instance. Categories are compared by address, so every code uses this one. Any
-    /// thread.
+    /// The one instance. Categories are compared by address, so every code uses this one.
+    ///
+    /// Thread: any.
     static generic_category& get_inst();
 
     ~generic_category() override;
@@ -85,17 +87,21 @@ private:
     generic_category() = default;
 };
 
-/// The code with the number of `value` and the category msg_category. Any thread.
+/// The code with the number of `value` and the category msg_category.
+///
+/// Thread: any.
 TARN_API std::error_code make_error_code(msg value);
 
-/// The code with the number of `value` and the category generic_category. Any thread.
+/// The code with the number of `value` and the category generic_category.
+///
+/// Thread: any.
 TARN_API std::error_code make_error_code(generic value);
 
 } // namespace tarn::error
 
 #undef TARN_ERROR_ENUMERATOR
 
-/// Lets the enumerators stand wherever a std::error_code is expected.
+/// Lets the enumerators be used wherever a std::error_code is expected.
 template <>
 struct std::is_error_code_enum<tarn::error::msg> : std::true_type {};
 template <>

@@ -1,5 +1,5 @@
 /// The interface of the application's own event loop, which the application implements (or takes
-/// ready-made from tarn::loops) and hands to the client: every handler of the client runs there.
+/// ready-made from tarn::loops) and passes to the client: every handler of the client runs there.
 #pragma once
 
 #include "tarn/export.h"
@@ -14,9 +14,9 @@ namespace tarn::utils {
 ///
 /// The client holds it by a weak pointer only. It must outlive every call of the client's
 /// interface and stay alive while bus traffic can still arrive: when the library's own thread has
-/// a result to deliver and the loop is gone, the process ends (there is nobody left to tell).
+/// a result to deliver and the loop is gone, the process ends (the result cannot be reported).
 ///
-/// What an implementation must stand:
+/// What an implementation must guarantee:
 /// - post() and create_timer() are called from any thread, several at once, including the
 ///   library's loop thread;
 /// - post() is called with a lock of the library held, so it must never run the task inside the
@@ -35,7 +35,7 @@ public:
     /// A one-shot timer of the loop, idle when made. It is owned through the std::shared_ptr that
     /// create_timer() returned: when the last owner lets it go it is disarmed, and its handler is
     /// not started any more. The last owner may let it go from inside the timer's own handler.
-    /// A timer may outlive its loop; its operations then do nothing.
+    /// A timer may outlive its loop; its operations are then no-ops.
     class TARN_API timer {
     public:
         virtual ~timer() = default;
@@ -59,11 +59,16 @@ public:
 
     virtual ~event_loop() = default;
 
-    /// Runs `task` later on the loop's thread, in posting order, never inside this call.
-    /// Any thread, with a lock of the library held.
+    /// Queues `task`.
+    ///
+    /// Thread: any, with a lock of the library held.
+    /// Handler: `task` runs once, later, on the loop's thread, in posting order, never inside this
+    /// call.
     virtual void post(const std::function<void()>& task) = 0;
 
-    /// A new, idle one-shot timer of this loop; never null. Any thread.
+    /// A new, idle one-shot timer of this loop; never null.
+    ///
+    /// Thread: any.
     virtual std::shared_ptr<timer> create_timer() = 0;
 };
 

@@ -1,7 +1,7 @@
 /// TARN_API: marks what libtarn exports; everything else in the shared library is hidden.
 #pragma once
 
-// In the bracket form, because g++ does not let the older one stand beside [[nodiscard]].
+// In the bracket form, because g++ does not accept the older one beside [[nodiscard]].
 #if defined(TARN_STATIC)
 #define TARN_API
 #else

@@ -25,7 +25,9 @@ namespace tarn {
 /// Not to be confused with the application's loop (utils::event_loop), where handlers run.
 class TARN_API uloop {
 public:
-    /// The one instance of the process. Any thread.
+    /// The one instance of the process.
+    ///
+    /// Thread: any.
     static uloop& get_instance();
 
     uloop(const uloop&) = delete;
@@ -37,40 +39,50 @@ public:
     ///
     /// When the loop ends, tasks still queued are destroyed without having run. An exception that
     /// leaves a task (or is reported through exception_handler()) ends the loop and is thrown from
-    /// here; the rest of that task's batch is dropped. Further errors, all std::runtime_error:
-    /// "uloop: " followed by
+    /// here; the rest of that task's batch is dropped.
+    ///
+    /// Errors: throws that exception, and std::runtime_error "uloop: " followed by
     ///   "Can't run second uloop"                 a run() is under way; it is not disturbed;
     ///   "Can't create socketpair for post [..."  no descriptors left;
     ///   "Can't init uloop"                       libubox's initialisation failed. The dispositions
     ///                                            it may have changed are not put back;
     ///   "Can't add fd to uloop [..."             libubox refused the wake-up descriptor;
-    ///   "Unexptected uloop exit"                 the loop ended although nobody asked for it;
+    ///   "Unexptected uloop exit"                 the loop ended without having been asked to;
     /// and those of unix_signal_actions. After any of them run() may be called again. Tasks posted
     /// before a run() that failed to start stay queued.
     void run();
 
     /// Asks a running loop to stop: tasks still queued, and those posted from now on, are not run.
-    /// Does nothing, and leaves nothing behind for the next run(), when the loop is not running.
-    /// Any thread, tasks included. Throws what notify() throws.
+    /// A no-op that leaves nothing behind for the next run() when the loop is not running.
+    ///
+    /// Thread: any, tasks included.
+    /// Errors: throws what notify() throws.
     void exit();
 
-    /// Queues `task` to run on the loop's thread, never inside this call; an empty one is ignored.
-    /// Any thread, tasks included: what a task posts runs after everything that was queued with it.
-    /// The task is destroyed on the loop's thread as soon as it has run. Throws what notify()
-    /// throws; the task is then not queued.
+    /// Queues `task`; an empty one is ignored.
+    ///
+    /// Thread: any, tasks included: what a task posts runs after all that was queued with it.
+    /// Handler: `task` runs on the loop's thread, never inside this call, and is destroyed there
+    /// as soon as it has run.
+    /// Errors: throws what notify() throws; the task is then not queued.
     void post(std::function<void()>&& task);
     /// The same with a copy of `task`.
     void post(const std::function<void()>& task);
 
     /// Runs everything that is queued; when exit() was called, ends the loop instead. For the
-    /// loop's own use: the loop's thread only. `drain_wakeup` says that a wake-up byte is there to
-    /// be consumed. Throws std::runtime_error "uloop: Can't clean uloop notify buffer: ..." when it
-    /// cannot be read, and what a task throws; the tasks not yet run are then dropped.
+    /// loop's own use. `drain_wakeup` says that a wake-up byte is there to be consumed.
+    ///
+    /// Thread: the loop's only.
+    /// Errors: throws std::runtime_error "uloop: Can't clean uloop notify buffer: ..." when the
+    /// byte cannot be read, and what a task throws; the tasks not yet run are then dropped.
     void process(bool drain_wakeup);
 
     /// Wakes the loop if it runs, is not asked to stop, and has no task queued (with one queued it
-    /// has been woken already, so a burst of posts costs one wake-up). For the loop's own use. Any
-    /// thread. Throws std::runtime_error "uloop: Can't notify uloop: ..." when it cannot be woken.
+    /// has been woken already: the wake-ups of a burst of posts are coalesced into one). For the
+    /// loop's own use.
+    ///
+    /// Thread: any.
+    /// Errors: throws std::runtime_error "uloop: Can't notify uloop: ..." when it cannot be woken.
     void notify();
 
     /// Ends the loop with the exception being handled, which run() then throws; of several, the
@@ -118,9 +130,9 @@ private:
     bool exiting_ = false;
     pid_t owner_; ///< the process that ran the loop last, or made the instance
     /// Guards everything here. No task runs and none is destroyed while it is held. Recursive,
-    /// since notify() is part of exit() and also stands alone.
+    /// since notify() is part of exit() and is also called alone.
     std::recursive_mutex lock_;
-    /// A list, since taking it whole must not allocate: nobody could report a failure there.
+    /// A list, since taking it whole must not allocate: a failure could not be reported there.
     task_list queue_;
     task_list source_;                                     ///< the source while it is not queued
     const std::function<void()>* queued_source_ = nullptr; ///< the source while it is

@@ -16,11 +16,16 @@ struct number {
 };
 
 /// The version of the interface: 1, 0, 0. It counts changes of the interface and is deliberately
-/// not the release number that get_string() returns. Any thread; throws nothing.
+/// not the release number that get_string() returns.
+///
+/// Thread: any.
+/// Errors: none; throws nothing.
 TARN_API number get();
 
-/// The release as text, "0.0.1": the file version of the shared library. Any thread; throws only
-/// std::bad_alloc.
+/// The release as text, "0.0.1": the file version of the shared library.
+///
+/// Thread: any.
+/// Errors: throws only std::bad_alloc.
 TARN_API std::string get_string();
 
 } // namespace tarn::version
