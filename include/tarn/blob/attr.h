@@ -136,9 +136,10 @@ inline constexpr bool is_long = std::is_same_v<T, long> || std::is_same_v<T, uns
 ///
 /// Copies are deep and independent. Copying, moving and destroying need a constant amount of stack
 /// and linear time however deep values are nested; moving and destroying never allocate.
-/// Operations that fail to allocate throw `std::bad_alloc` and leave the value as it was.
+/// Operations that fail to allocate throw `std::bad_alloc` and leave the value as it was (strong
+/// exception guarantee).
 ///
-/// Threads: no locking inside. A value may be handed from thread to thread; concurrent use of one
+/// Threads: no locking inside. A value may be passed from thread to thread; concurrent use of one
 /// value must be excluded by the caller.
 class TARN_API attr {
 public:
@@ -323,7 +324,7 @@ private:
     mutable attr value_;
 };
 
-/// What stands between braces and is no field. Its only use is to be refused: without it, some
+/// What is written between braces and is no field. Its only use is to be refused: without it, some
 /// compilers take `{{0, "x"}}` as a copy of `{0, "x"}` and silently drop a level.
 class braced {
 public:

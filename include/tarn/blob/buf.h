@@ -25,7 +25,7 @@ namespace tarn::blob {
 /// Nothing that fails rolls the message back: fields written before the failure stay, and the
 /// nests that were open stay open. After an exception call clear() or discard the buf.
 ///
-/// Threads: none inside; one thread at a time.
+/// Threads: one at a time; no locking inside.
 class TARN_API buf {
 public:
     /// An empty message. Throws `std::bad_alloc` when libubox cannot allocate it.

@@ -1,4 +1,4 @@
-/// link_handler: a handler together with a link that takes it out of service.
+/// link_handler: a handler together with a link that disables it.
 #pragma once
 
 #include "tarn/link.h"
@@ -48,7 +48,7 @@ std::tuple<Function, std::weak_ptr<void>, utils::link> wrap_handler(const F& han
 
     const auto ctx = std::make_shared<link_ctx>(handler);
     const utils::link l = aggregate_adapter<utils::link>(ctx);
-    // Shared by all copies of the wrapped handler: the last one takes the user's handler with it.
+    // Shared by all copies of the wrapped handler: the last one destroys the user's handler.
     const auto guard = std::make_shared<utils::scoped_link>(l);
     return {[ctx, once, guard](auto&&... args) {
                 std::shared_ptr<F> kept = ctx->get();
@@ -68,13 +68,13 @@ std::tuple<Function, std::weak_ptr<void>, utils::link> wrap_handler(const F& han
 
 } // namespace linkhandlerdetail
 
-/// A handler that calls a copy of `handler`, and a link on it. Releasing the link takes `handler`
-/// out of service and destroys it: calls do nothing from then on, though one that has already begun
-/// runs to its end. The link is active until it is released, until every copy of the returned
-/// handler is destroyed, or, with `once`, until the first call, before `handler` is entered.
+/// A handler that calls a copy of `handler`, and a link on it. Releasing the link disables
+/// `handler` and destroys it: calls are no-ops from then on, though one that has already begun runs
+/// to its end. The link is active until it is released, until every copy of the returned handler is
+/// destroyed, or, with `once`, until the first call, before `handler` is entered.
 ///
 /// Every call runs a fresh copy of `handler`. What it throws passes through, and what making the
-/// copy throws too: the handler then has not run and is still in service. An empty std::function
+/// copy throws too: the handler then has not run and is still enabled. An empty std::function
 /// throws std::bad_function_call when called.
 ///
 /// Threads. The returned handler may be called, copied and destroyed on one thread while the link

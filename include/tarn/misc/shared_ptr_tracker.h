@@ -1,4 +1,4 @@
-/// shared_ptr_tracker: remembers objects without owning them and tells whether all of them are
+/// shared_ptr_tracker: observes objects without owning them and reports whether all of them are
 /// still alive.
 #pragma once
 
@@ -14,7 +14,7 @@ namespace tarn::misc {
 /// Watches any number of objects held by std::shared_ptr. It expires for good when the first of
 /// them is found gone. It never keeps an object alive.
 ///
-/// One tracker may be asked on several threads at once; add() and assignment need the tracker to
+/// One tracker may be queried on several threads at once; add() and assignment need the tracker to
 /// themselves.
 class TARN_API shared_ptr_tracker {
 public:

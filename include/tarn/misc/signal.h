@@ -25,7 +25,7 @@ class signal {
 public:
     signal() = default;
 
-    /// Copies hold slots of their own: links handed out by `other` do not reach them.
+    /// Copies hold slots of their own: links that `other` returned do not refer to them.
     signal(const signal& other) { copy_slots(other); }
 
     /// Takes the slots themselves, as swap() does, and leaves `other` without any.
@@ -35,9 +35,9 @@ public:
     ~signal() { clear(); }
 
     /// Replaces the slots by copies of `other`'s. The links of the slots replaced turn inactive,
-    /// those handed out by `other` keep referring to `other`'s. A signal assigned to itself is
+    /// those that `other` returned keep referring to `other`'s. A signal assigned to itself is
     /// emptied.
-    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): emptied, as said
+    // NOLINTNEXTLINE(bugprone-unhandled-self-assignment): emptied, as documented
     signal& operator=(const signal& other) {
         clear();
         copy_slots(other);
@@ -53,7 +53,7 @@ public:
 
     /// Exchanges the slots themselves. Their links stay active, but a link reaches its slot only
     /// through the signal it was connected to: it must not be released while the slot sits in
-    /// another one. Once that other signal is destroyed, or swapped back, all is well again.
+    /// another one. Once that other signal is destroyed, or swapped back, the link may be released.
     void swap(signal& other) noexcept { slots_.swap(other.slots_); }
     friend void swap(signal& a, signal& b) noexcept { a.swap(b); }
 

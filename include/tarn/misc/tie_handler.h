@@ -1,4 +1,4 @@
-/// tie_handler: a handler that falls silent when the objects it was meant for are gone.
+/// tie_handler: a handler whose calls are dropped when the objects it was meant for are gone.
 #pragma once
 
 #include "tarn/misc/callable_traits.h"
@@ -11,10 +11,10 @@
 namespace tarn::misc {
 
 /// A handler of the same signature as `handler` that calls it while all of `owners` are alive and
-/// does nothing from then on. Owners are weak or shared pointers; either way the result does not
+/// is a no-op from then on. Owners are weak or shared pointers; either way the result does not
 /// keep them alive, so `handler` may capture a plain pointer to one of them.
 ///
-/// The owners are looked at when the call begins; nothing holds them while `handler` runs, so the
+/// The owners are checked when the call begins; nothing holds them while `handler` runs, so the
 /// thread that destroys them must be the one that runs the handler, or wait for it.
 ///
 /// For handlers that return nothing. What `handler` throws passes through.
