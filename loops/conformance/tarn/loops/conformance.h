@@ -1,4 +1,4 @@
-/// The conformance suite for event loops: checks that a loop stands what the client does to it.
+/// The conformance suite for event loops: checks that a loop withstands what the client does to it.
 ///
 /// Write a driver for your loop (see tarn::loops::conformance::fixture), then, in a GoogleTest
 /// program, at namespace scope:

@@ -21,7 +21,8 @@ namespace tarn::loops::conformance {
 /// How long a case waits for something that must happen before it fails.
 constexpr std::chrono::seconds patience(20);
 
-/// Calls a function when it is destroyed: put into a task or a handler, it tells when that dies.
+/// Calls a function when it is destroyed: put into a task or a handler, it shows when that
+/// is.
 class at_end {
 public:
     explicit at_end(std::function<void()> action)
@@ -90,7 +91,7 @@ private:
     bool started_ = false;
 };
 
-/// The base of all cases. `Driver` makes one loop and runs it when told to:
+/// The base of all cases. `Driver` makes one loop and runs it on request:
 ///
 ///     struct my_driver {
 ///         my_driver();                          // makes the loop, idle
