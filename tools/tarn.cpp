@@ -44,14 +44,14 @@ constexpr const char* help =
   tarn --version
   tarn --help
 
-Options may stand anywhere, before the command too. What follows a -- is no option.
+Options are accepted anywhere, also before the command. What follows a -- is no option.
 
 Integers go out 32 bits wide when they fit (signed), else 64; numbers with a point as doubles, null
 as a field without type and data. In replies, a byte of 0 or 1 is printed as false or true, a field
 without a type as hexadecimal digits, or as null when it has no data.
 
 Errors go to standard error, with the object and the method: 'tarn: demo.fly: Method not found'.
-Exit status: 0 success, 2 wrong usage or JSON, 3 no bus, 4 nobody there or no answer in time,
+Exit status: 0 success, 2 wrong usage or JSON, 3 no bus, 4 timed out,
 10 + N when the call ended with ubus status N (14 no such object, 13 no such method, ...),
 1 anything else.
 )";
@@ -74,7 +74,7 @@ int exit_status_for(const std::error_code& status) {
                : 1;
 }
 
-/// Tells the user of a failure: what was asked for, and why it did not come to be.
+/// Reports a failure to the user: what was requested, and why it failed.
 int report(const std::string& subject, const std::error_code& status, const char* remark = "") {
     if (status) {
         std::cerr << "tarn: " << subject << ": " << status.message() << remark << '\n';
