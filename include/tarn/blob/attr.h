@@ -201,9 +201,10 @@ public:
     std::type_index type() const { return type_fn_ ? type_fn_() : std::type_index(typeid(void)); }
 
     /// Replaces the value by a copy of `value`, or by `value` moved where it is an rvalue. T is one
-    /// of the types named above, given (`set<int>(5)`) or deduced (`set(5)`). Throws
-    /// `std::logic_error` ("basic_string::_M_construct null not valid") when `value` is a null
-    /// text. When it throws, the attr keeps its value, and an rvalue argument its own.
+    /// of the types named above, given (`set<int>(5)`) or deduced (`set(5)`).
+    ///
+    /// Errors: throws `std::logic_error` ("basic_string::_M_construct null not valid") when `value`
+    /// is a null text. When it throws, the attr keeps its value, and an rvalue argument its own.
     template <class T, std::enable_if_t<detail::is_value<T>, int> = 0>
     void set(T&& value) {
         using S = detail::bare<T>;
@@ -225,8 +226,10 @@ public:
     void set(const T& value) {
         set<const T&>(value);
     }
-    /// Holds the NUL-terminated text as a `std::string`: `set<char>("text")`. Throws
-    /// `std::logic_error` ("basic_string::_M_construct null not valid") when `text` is null.
+    /// Holds the NUL-terminated text as a `std::string`: `set<char>("text")`.
+    ///
+    /// Errors: throws `std::logic_error` ("basic_string::_M_construct null not valid") when `text`
+    /// is null.
     template <class T, std::enable_if_t<std::is_same_v<T, char>, int> = 0>
     void set(const char* text) {
         store_text(text);
@@ -241,9 +244,9 @@ public:
     /// assigned, set, reset, moved from, swapped or destroyed. T is a stored type or the signed
     /// type of the same width; `get<long>()` and `get<unsigned long>()` return by value.
     ///
-    /// Throws `std::runtime_error` when the stored type is another one or the attr is empty:
-    /// "tarn::blob::attr::get can't cast from ", the name of the type held, " to ", the name of
-    /// the stored type asked for, both as `std::type_info::name()` gives them.
+    /// Errors: throws `std::runtime_error` when the stored type is another one or the attr is
+    /// empty: "tarn::blob::attr::get can't cast from ", the name of the type held, " to ", the name
+    /// of the stored type requested, both as `std::type_info::name()` gives them.
     template <class T, class S = detail::stored_t<T>>
     std::conditional_t<detail::is_long<T>, T, T&> get() {
         return as<T, S, T>();

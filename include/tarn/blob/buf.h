@@ -18,7 +18,7 @@ namespace tarn::blob {
 /// for libubus or libubox calls of its own.
 ///
 /// Numbers go out in network byte order, signed ones as the bits of the unsigned type of their
-/// width; `bool` and `unsigned char` both become INT8, and a reader cannot tell them apart. A
+/// width; `bool` and `unsigned char` both become INT8, and a reader cannot distinguish them. A
 /// string ends at its first NUL, and so does a name. Nesting of any depth is written with a
 /// constant amount of stack. A message has at most 0xffffff bytes, a name at most 65535.
 ///
@@ -28,7 +28,9 @@ namespace tarn::blob {
 /// Threads: one at a time; no locking inside.
 class TARN_API buf {
 public:
-    /// An empty message. Throws `std::bad_alloc` when libubox cannot allocate it.
+    /// An empty message.
+    ///
+    /// Errors: throws `std::bad_alloc` when libubox cannot allocate it.
     buf();
     /// A message with the given fields, as by assign().
     buf(const std::multimap<std::string, attr>& fields);
@@ -38,11 +40,15 @@ public:
     buf(const buf&) = delete;
     buf& operator=(const buf&) = delete;
 
-    /// Starts an empty message. Throws `std::bad_alloc` when libubox cannot allocate it.
+    /// Starts an empty message.
+    ///
+    /// Errors: throws `std::bad_alloc` when libubox cannot allocate it.
     void clear();
 
     /// Appends one field at the current level: a scalar, or a list or table with all it holds,
-    /// elements of a list under the empty name. Throws
+    /// elements of a list under the empty name.
+    ///
+    /// Errors: throws
     ///  - `std::logic_error` "tarn::blob::buff: Unsupported type [" + type name + "]" for an empty
     ///    attr, also one inside `value`;
     ///  - `std::runtime_error` "tarn::blob::buff: Faild to handle " + "unspec", "array", "table",
@@ -51,8 +57,9 @@ public:
     ///  - `std::bad_alloc`.
     void add(const std::string& name, const attr& value);
 
-    /// Starts a new message and adds every entry of `fields` in its order. Throws as clear() and
-    /// add() do.
+    /// Starts a new message and adds every entry of `fields` in its order.
+    ///
+    /// Errors: throws as clear() and add() do.
     void assign(const std::multimap<std::string, attr>& fields);
     /// As assign().
     buf& operator=(const std::multimap<std::string, attr>& fields);
@@ -78,9 +85,11 @@ private:
 namespace utils {
 
 /// The blobmsg type (a number of libubox's `enum blobmsg_type`, which a C enumeration forbids to
-/// declare here) of a stored type of attr. Any thread. Throws `std::logic_error`
-/// "tarn::blob::utils::to_blobmsg_type: Unknown type" when `type` is no stored type: `typeid(int)`
-/// is none, `typeid(unsigned int)` is.
+/// declare here) of a stored type of attr.
+///
+/// Thread: any.
+/// Errors: throws `std::logic_error` "tarn::blob::utils::to_blobmsg_type: Unknown type" when `type`
+/// is no stored type: `typeid(int)` is none, `typeid(unsigned int)` is.
 TARN_API int to_blobmsg_type(const std::type_index& type);
 
 } // namespace utils

@@ -73,13 +73,13 @@ std::tuple<Function, std::weak_ptr<void>, utils::link> wrap_handler(const F& han
 /// to its end. The link is active until it is released, until every copy of the returned handler is
 /// destroyed, or, with `once`, until the first call, before `handler` is entered.
 ///
-/// Every call runs a fresh copy of `handler`. What it throws passes through, and what making the
-/// copy throws too: the handler then has not run and is still enabled. An empty std::function
-/// throws std::bad_function_call when called.
-///
-/// Threads. The returned handler may be called, copied and destroyed on one thread while the link
-/// is released on another; release() does not throw and does not wait for a call. No lock is held
-/// while `handler` is called or destroyed.
+/// Thread: the returned handler may be called, copied and destroyed on one thread while the link is
+/// released on another; release() does not throw and does not wait for a call.
+/// Handler: every call runs a fresh copy of `handler`. No lock is held while `handler` is called or
+/// destroyed.
+/// Errors: what `handler` throws passes through, and what making the copy throws too: the handler
+/// then has not run and is still enabled. An empty std::function throws std::bad_function_call when
+/// called.
 template <class F>
 [[nodiscard]] std::enable_if_t<is_callable<F, void>::value,
                                std::pair<typename callable_traits<F>::type, utils::link>>

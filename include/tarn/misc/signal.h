@@ -19,7 +19,7 @@ namespace tarn::misc {
 /// for few subscribers and rare events.
 ///
 /// No locks: the signal and the release of its links belong to one thread at a time. active() of a
-/// link may be asked on any thread.
+/// link may be called on any thread.
 template <class R, class... Args>
 class signal {
 public:
@@ -58,8 +58,10 @@ public:
     friend void swap(signal& a, signal& b) noexcept { a.swap(b); }
 
     /// Appends a copy of `f`. The link is active while the slot is connected; releasing it
-    /// disconnects and destroys the slot at once, also during an emission. It must not be released
-    /// on a thread other than the signal's.
+    /// disconnects and destroys the slot at once, also during an emission.
+    ///
+    /// Thread: the signal's; the link must not be released on another one.
+    /// Handler: the copy of `f` is called by every emission, on the thread that emits.
     utils::link connect(const std::function<R(Args...)>& f) {
         class link_ctx final : public utils::link::impl {
         public:
@@ -91,7 +93,9 @@ public:
     }
 
     /// Emits: calls every slot, in order, each with `args`. For signals whose slots return nothing.
-    /// What a slot throws ends the emission and passes through; an empty slot throws
+    ///
+    /// Thread: the signal's.
+    /// Errors: what a slot throws ends the emission and passes through; an empty slot throws
     /// std::bad_function_call. The signal itself is unchanged by that.
     template <class T>
     std::enable_if_t<std::is_void_v<T>> call_impl(Args... args) const {

@@ -14,10 +14,11 @@ namespace tarn::misc {
 /// is a no-op from then on. Owners are weak or shared pointers; either way the result does not
 /// keep them alive, so `handler` may capture a plain pointer to one of them.
 ///
-/// The owners are checked when the call begins; nothing holds them while `handler` runs, so the
-/// thread that destroys them must be the one that runs the handler, or wait for it.
+/// For handlers that return nothing.
 ///
-/// For handlers that return nothing. What `handler` throws passes through.
+/// Thread: the owners are checked when the call begins; nothing holds them while `handler` runs, so
+/// the thread that destroys them must be the one that runs the handler, or wait for it.
+/// Errors: what `handler` throws passes through.
 template <class F, class... Owners>
 std::enable_if_t<is_callable<F, void>::value, typename callable_traits<F>::type>
 tie_handler(const F& handler, Owners&&... owners) {

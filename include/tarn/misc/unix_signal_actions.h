@@ -16,7 +16,9 @@ namespace tarn::misc {
 class TARN_API unix_signal_actions {
 public:
     /// Records the current action of `signo`, then of each further signal in order. The first
-    /// recorded action of a signal is kept. Installs nothing. Throws std::runtime_error
+    /// recorded action of a signal is kept. Installs nothing.
+    ///
+    /// Errors: throws std::runtime_error
     /// "unix_signal_actions failed to get old action of signal ..." for a signal that has no action
     /// to read; those before it are recorded.
     template <class... Signos>
@@ -29,7 +31,9 @@ public:
 
     /// Puts back, in the order of the signal numbers, each recorded action whose handler is no
     /// longer the installed one. A changed mask or changed flags alone are left as they are. The
-    /// record is kept, so it can be put back again. Throws std::runtime_error
+    /// record is kept, so it can be put back again.
+    ///
+    /// Errors: throws std::runtime_error
     /// "unix_signal_actions failed to get new action of signal ..." or
     /// "unix_signal_actions failed to set back old action for signal ..." at the first failure; the
     /// signals after it are left as they are.
