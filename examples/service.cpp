@@ -4,7 +4,7 @@
 //   sum     {"numbers": [...]}   answers from a worker thread, when the result is there
 //   count   {"to": n}            answers with n replies, then completes
 //   greet   {"name", "loud"}     takes its arguments through a policy: fields of another type, or
-//                                that nobody named, do not get through
+//                                that are not named, do not get through
 //
 // Watch for: an object lives as long as its connection, so it is added again on every
 // "connected"; an exchange_ctx may be kept and answered later, from any thread, and answers

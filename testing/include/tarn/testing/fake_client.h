@@ -41,11 +41,11 @@ struct served_call {
     std::optional<std::error_code> status;
 };
 
-/// Stands in for tarn::client in the tests of code that is given a `tarn::client&`. There is no bus
-/// and no thread: everything happens on the event loop that the test hands in, usually a
+/// Replaces tarn::client in the tests of code that is given a `tarn::client&`. There is no bus
+/// and no thread: everything happens on the event loop that the test passes, usually a
 /// manual_loop, when the test runs its tasks.
 ///
-/// It behaves as the real client does on a bus that nobody disturbs: the states and their order,
+/// It behaves as the real client does on an undisturbed bus: the states and their order,
 /// callbacks on the loop and never inside the call, links, time limits (by timers of the loop),
 /// automatic reconnection, names, cancel(). Values pass through the encoding of the bus, so a
 /// policy, a type without an encoding or a signed integer ends up as there. What races of threads

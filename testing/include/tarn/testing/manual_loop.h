@@ -39,7 +39,7 @@ public:
     bool wait_for_task(std::chrono::milliseconds limit);
 
     /// Runs tasks as they come until `done()` is true, which is asked between tasks, or `limit` has
-    /// passed. Returns what `done()` said last. Timers stand still.
+    /// passed. Returns what `done()` said last. Timers do not advance.
     bool run_until(const std::function<bool()>& done, std::chrono::milliseconds limit);
 
     /// Moves the clock on, firing on the way every timer that comes due, each at its own time, also

@@ -21,8 +21,8 @@ namespace tarn::loops::conformance {
 /// How long a case waits for something that must happen before it fails.
 constexpr std::chrono::seconds patience(20);
 
-/// Calls a function when it is destroyed: put into a task or a handler, it shows when that
-/// is.
+/// Calls a function when it is destroyed: put into a task or a handler, it shows when
+/// that is destroyed.
 class at_end {
 public:
     explicit at_end(std::function<void()> action)
