@@ -8,6 +8,7 @@
 
 #include <csignal>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <vector>
 
@@ -16,9 +17,16 @@ namespace {
 
 class ExtExamples : public ::testing::Test {
 protected:
-    void start_demo() {
-        demo_ = std::make_unique<child_process>(std::vector<std::string>{TARN_TEST_SERVICE});
-        demo_->wait_for_line("demo_service: ready");
+    /// Starts the object of that name and returns once it can be called; nothing for "".
+    void start_service(const std::string& object) {
+        if (object == "demo") {
+            service_ = std::make_unique<child_process>(std::vector<std::string>{TARN_TEST_SERVICE});
+            service_->wait_for_line("demo_service: ready");
+        } else if (!object.empty()) {
+            service_ = std::make_unique<child_process>(
+                std::vector<std::string>{TARN_TEST_EXAMPLES "/" + object});
+            service_->wait_for_line(object + ": ready");
+        }
     }
 
     static child_process start(const std::string& example) {
@@ -32,34 +40,85 @@ protected:
         return std::to_string(tool.wait()) + ' ' + printed;
     }
 
-    const bus_daemon daemon_;
-    std::unique_ptr<child_process> demo_;
+    bus_daemon daemon_;
+    std::unique_ptr<child_process> service_;
 };
 
-TEST_F(ExtExamples, HelloPrintsItsEcho) {
-    start_demo();
-    child_process hello = start("hello");
-    EXPECT_EQ(hello.read_rest(), "hello\n");
-    EXPECT_EQ(hello.wait(), 0);
+/// One run of a program that ends by itself.
+struct example_run {
+    const char* name; ///< of the case
+    const char* program;
+    const char* service; ///< that it calls; "" for none
+    const char* prints;
+    int status;
+};
+void PrintTo(const example_run& run, std::ostream* out) {
+    *out << run.name;
 }
 
-TEST_F(ExtExamples, HelloFailsWhenThereIsNoObject) {
-    child_process hello = start("hello");
-    EXPECT_EQ(hello.read_rest(), "demo.echo: Not found\n");
-    EXPECT_EQ(hello.wait(), 1);
+class ExtExampleRun : public ExtExamples, public ::testing::WithParamInterface<example_run> {};
+
+TEST_P(ExtExampleRun, Ends) {
+    const example_run& run = GetParam();
+    start_service(run.service);
+    child_process program = start(run.program);
+    EXPECT_EQ(program.read_rest(), run.prints);
+    EXPECT_EQ(program.wait(), run.status);
 }
 
-TEST_F(ExtExamples, TheCoroutinePrintsBothEchoes) {
-    start_demo();
-    child_process coroutine = start("coroutine");
-    EXPECT_EQ(coroutine.read_rest(), "hello\nhello again\n");
-    EXPECT_EQ(coroutine.wait(), 0);
+constexpr example_run runs[] = {
+    {"HelloPrintsItsEcho", "hello", "demo", "hello\n", 0},
+    {"HelloFailsWithoutItsObject", "hello", "", "demo.echo: Not found\n", 1},
+    {"TheTypedCallPrintsTheStructureOfItsReply", "typed_call", "calculator", "7 / 2 = 3, rest 1\n",
+     0},
+    {"TheTypedCallFailsWithoutItsObject", "typed_call", "", "calculator.divide: Not found\n", 1},
+    {"StructuresComeBackAndAMismatchNamesItsField", "structures", "demo",
+     "lan: 2 ports, lan2 is down, uplink wan\n"
+     "Parsing message data failed: ports[0].name: expected a signed 32-bit integer, found a "
+     "string\n",
+     0},
+    {"StructuresFailWithoutTheirObject", "structures", "", "demo.echo: Not found\n", 1},
+    {"SeveralRepliesArePrintedAsTheyArrive", "several_replies", "demo", "1\n2\nthat was all\n", 0},
+    {"SeveralRepliesFailWithoutTheirObject", "several_replies", "", "demo.twice: Not found\n", 1},
+    {"TheWorkersFuturesGetBothAnswers", "future", "demo", "waiting\nhello world\n", 0},
+    {"TheWorkersFutureThrowsTheFailure", "future", "", "waiting\nworker: Not found\n", 1},
+    {"TheCoroutinePrintsBothEchoes", "coroutine", "demo", "hello\nhello again\n", 0},
+    {"TheCoroutineFailsWhenItsCallDoes", "coroutine", "", "Not found\n", 1},
+    {"CallsEndByLinkTimeLimitAndCancel", "cancel", "demo",
+     "released: no report\ntime limit: Request timed out\ncancel: Aborted\n", 0},
+    {"CancelFailsWithoutItsObject", "cancel", "", "released: no report\ndemo.late: Not found\n", 1},
+    {"OfAHundredCallsThreeAreInFlight", "in_flight_limit", "demo",
+     "3 in flight, 97 waiting\n100 answered, 0 failed\n", 0},
+    {"TheCallsInFlightFailWithoutTheirObject", "in_flight_limit", "",
+     "3 in flight, 97 waiting\ndemo.echo: Not found\n0 answered, 100 failed\n", 1},
+};
+INSTANTIATE_TEST_SUITE_P(Of, ExtExampleRun, ::testing::ValuesIn(runs),
+                         [](const ::testing::TestParamInfo<example_run>& run) {
+                             return std::string(run.param.name);
+                         });
+
+TEST_F(ExtExamples, ASignalEndsTheWorkersWait) {
+    start_service("demo");
+    service_->pause(); // it does not answer
+    child_process program = start("future");
+    program.wait_for_line("waiting");
+    program.kill(SIGTERM);
+    EXPECT_EQ(program.read_rest(), "worker: Aborted\n");
+    EXPECT_EQ(program.wait(), 128 + SIGTERM);
 }
 
-TEST_F(ExtExamples, TheCoroutineFailsWhenItsCallDoes) {
-    child_process coroutine = start("coroutine");
-    EXPECT_EQ(coroutine.read_rest(), "Not found\n");
-    EXPECT_EQ(coroutine.wait(), 1);
+TEST_F(ExtExamples, ReconnectComesBackToABusThatWasAway) {
+    daemon_.stop();
+    child_process program = start("reconnect");
+    program.wait_for_line("attempt 1 in 1 s");
+    for (int outage = 0; outage < 2; ++outage) {
+        daemon_.start();
+        program.wait_for_line("connected");
+        daemon_.kill9();
+        program.wait_for_line("disconnected");
+    }
+    program.kill(SIGTERM);
+    EXPECT_EQ(program.wait(), 0);
 }
 
 TEST_F(ExtExamples, TheCalculatorServesUntilItIsEnded) {
@@ -89,7 +148,9 @@ TEST_F(ExtExamples, TheDeferredAnswerComesFromItsWorker) {
 TEST(ExtExamplesWithoutABus, FailAtOnce) {
     const temporary_folder folder;
     const bus_address nowhere(folder.path() + "/ubus.sock");
-    for (const std::string example : {"hello", "coroutine"}) {
+    for (const std::string example : {"hello", "typed_call", "structures", "several_replies",
+                                      "future", "coroutine", "cancel", "in_flight_limit"}) {
+        SCOPED_TRACE(example);
         child_process program(
             {"/bin/sh", "-c", "exec " TARN_TEST_EXAMPLES "/" + example + " 2>&1"});
         EXPECT_EQ(program.read_rest(), "cannot connect to the bus: Unknown error\n");
