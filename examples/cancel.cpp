@@ -20,11 +20,12 @@ int main() {
             return;
         }
         std::cout << "time limit: " << late.message() << std::endl;
-        call_late(0s, [&app](const outcome& cancelled) {
+        call_late(0s, [](const outcome& cancelled) {
             std::cout << "cancel: " << cancelled.message() << std::endl;
-            app.stop();
         });
         app.bus().cancel(); // calls the handlers before it returns
+        std::cout << "nothing is pending" << std::endl;
+        app.stop();
     };
     const auto states = tarn::ext::watch(app.bus(), [&](tarn::client::state now) {
         if (now == tarn::client::state::connected) {

@@ -33,7 +33,7 @@ int main() {
     });
     const int status = app.run();
     while (worker.valid() && worker.wait_for(10ms) != std::future_status::ready) {
-        app.loop().dispatch(); // after a signal: the worker's calls end on this thread
+        app.loop().dispatch(); // after a signal: reports a call that was made too late
     }
     return status;
 }
