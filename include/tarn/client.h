@@ -341,6 +341,7 @@ public:
     std::multimap<std::string, blob::attr> args;
 
 protected:
+    /// For the implementation, which fills in the call's arguments.
     explicit exchange_ctx(std::multimap<std::string, blob::attr>&& arguments)
         : args(std::move(arguments)) {}
 };

@@ -31,6 +31,7 @@
     X(1, aborted, "Aborted")                                                                       \
     X(2, unknown_error, "Unknown error")
 
+/// One enumerator of such a list. Not defined after this header.
 #define TARN_ERROR_ENUMERATOR(number, name, message) name = number,
 
 namespace tarn::error {
@@ -101,8 +102,10 @@ TARN_API std::error_code make_error_code(generic value);
 
 #undef TARN_ERROR_ENUMERATOR
 
+/// @cond
 /// Lets the enumerators be used wherever a std::error_code is expected.
 template <>
 struct std::is_error_code_enum<tarn::error::msg> : std::true_type {};
 template <>
 struct std::is_error_code_enum<tarn::error::generic> : std::true_type {};
+/// @endcond

@@ -5,5 +5,6 @@
 #if defined(TARN_STATIC)
 #define TARN_API
 #else
+/// Marks what the library exports. Empty with TARN_STATIC.
 #define TARN_API [[gnu::visibility("default")]]
 #endif

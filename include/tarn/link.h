@@ -134,6 +134,7 @@ namespace misc {
 template <class T>
 class aggregate_adapter : public T {
 public:
+    /// Passes `args` on to a constructor of T, protected ones included.
     template <class... Args>
     explicit aggregate_adapter(Args&&... args)
         : T(std::forward<Args>(args)...) {}

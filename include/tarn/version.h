@@ -10,9 +10,9 @@ namespace tarn::version {
 
 /// The interface version as a record of three 32-bit numbers.
 struct number {
-    std::int32_t major;
-    std::int32_t minor;
-    std::int32_t patch;
+    std::int32_t major; ///< the first number
+    std::int32_t minor; ///< the second number
+    std::int32_t patch; ///< the third number
 };
 
 /// The version of the interface: 1, 0, 0. It counts changes of the interface and is deliberately

@@ -189,6 +189,7 @@ public:
         value_.swap(other.value_);
         std::swap(type_fn_, other.type_fn_);
     }
+    /// As left.swap(right).
     friend void swap(attr& left, attr& right) noexcept { left.swap(right); }
 
     /// Destroys the value, if any.

@@ -71,6 +71,7 @@ public:
     /// The buffer itself, for libubox and libubus calls; its `head` is the message. The pointer
     /// stays valid for the life of the buf; `head` changes with every operation above.
     ::blob_buf* native() noexcept { return b_.get(); }
+    /// The same, to read from.
     const ::blob_buf* native() const noexcept { return b_.get(); }
 
 private:

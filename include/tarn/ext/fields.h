@@ -31,6 +31,7 @@
         return ::std::make_tuple(TARN_EXT_FOR_EACH(TARN_EXT_FIELD, type, __VA_ARGS__));            \
     }
 
+/// One member, for TARN_FIELDS.
 #define TARN_EXT_FIELD(type, member)                                                               \
     ::tarn::ext::detail::named_member<decltype(type::member), type> {                              \
 #member, &type::member                                                                     \

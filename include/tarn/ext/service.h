@@ -299,7 +299,9 @@ public:
     /// Prepares an object called `name`. Nothing is published before publish().
     service(client& bus, std::string name)
         : core_(std::make_shared<detail::service_core>(bus, std::move(name))) {}
+    /// Takes over the object; `other` may only be assigned to or destroyed afterwards.
     service(service&& other) noexcept = default;
+    /// Exchanges the objects of the two.
     service& operator=(service&& other) noexcept {
         std::swap(core_, other.core_);
         return *this;

@@ -207,10 +207,13 @@ class [[nodiscard]] task {
     static_assert(!std::is_reference_v<T>, "a task yields a value; return a pointer");
 
 public:
+    /// The compiler's side of the coroutine.
     using promise_type = detail::task_promise<T>;
 
+    /// Takes over the coroutine; `other` is empty afterwards.
     task(task&& other) noexcept
         : frame_(std::exchange(other.frame_, nullptr)) {}
+    /// Exchanges the coroutines of the two.
     task& operator=(task&& other) noexcept {
         std::swap(frame_, other.frame_);
         return *this;

@@ -30,6 +30,7 @@ public:
 
     /// A copy watches the same objects, and has expired if the original was found expired.
     shared_ptr_tracker(const shared_ptr_tracker& other);
+    /// Watches from now on what `other` watches, and nothing else; expired if `other` was found so.
     shared_ptr_tracker& operator=(const shared_ptr_tracker& other);
     ~shared_ptr_tracker() = default;
 

@@ -55,6 +55,7 @@ public:
     /// through the signal it was connected to: it must not be released while the slot sits in
     /// another one. Once that other signal is destroyed, or swapped back, the link may be released.
     void swap(signal& other) noexcept { slots_.swap(other.slots_); }
+    /// As a.swap(b).
     friend void swap(signal& a, signal& b) noexcept { a.swap(b); }
 
     /// Appends a copy of `f`. The link is active while the slot is connected; releasing it

@@ -17,6 +17,7 @@ namespace tarn::loops::conformance {
 
 /// Names the one driver of an instantiation, in place of GoogleTest's "0".
 struct loop_name {
+    /// Called by GoogleTest, once for each type.
     template <class>
     static const char* GetName(int) {
         return "Loop";

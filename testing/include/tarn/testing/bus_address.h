@@ -15,6 +15,7 @@ public:
     bus_address(const bus_address&) = delete;
     bus_address& operator=(const bus_address&) = delete;
 
+    /// The path of the socket itself.
     const std::string& path() const { return path_; }
 
     /// From now on ubus_connect(NULL), in this process and in those that it starts, leads to this

@@ -31,11 +31,13 @@ struct outcome {
     static outcome reply(blob::table fields) { return {{std::move(fields)}, {}, false}; }
     /// No reply and this status.
     static outcome failure(const std::error_code& status) { return {{}, status, false}; }
+    /// The callee never completes the call (see `never`).
     static outcome no_answer() { return {{}, {}, true}; }
 };
 
 /// A call of an object that the code under test has published, and what has become of it.
 struct served_call {
+    /// The data replies so far, in order.
     std::list<blob::table> replies;
     /// The status, once the call is completed: as it would reach the caller.
     std::optional<std::error_code> status;
@@ -60,10 +62,10 @@ public:
 
     /// A call that the code under test has made.
     struct call {
-        std::string path;
-        std::string method;
-        blob::table args;
-        std::chrono::seconds timeout;
+        std::string path;             ///< the path of the object
+        std::string method;           ///< the name of the method
+        blob::table args;             ///< the arguments, as the code under test passed them
+        std::chrono::seconds timeout; ///< the time limit; zero means none
     };
 
     /// What an attempt to connect finds.
@@ -87,6 +89,7 @@ public:
     /// ends with msg::not_found, or with msg::method_not_found where another method of `path` is
     /// scripted.
     void on(const std::string& path, const std::string& method, outcome what);
+    /// The same, with an outcome computed for each call from its arguments.
     void on(const std::string& path, const std::string& method, responder answer);
 
     /// The next call of it ends with `what`; several of these queue up, ahead of what on() says.
@@ -133,6 +136,7 @@ public:
     utils::link notify_on_state_change(const state_handler& handler) override;
     state get_state() const override;
     bool is_active() const override;
+    /// As client::invoke(), answered by the script.
     utils::link invoke(const std::string& path, const std::string& method, const blob::table& args,
                        const result_handler& handler, const std::chrono::seconds& timeout) override;
     utils::link add_object(const std::string& name, const method_map& methods,

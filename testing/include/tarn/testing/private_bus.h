@@ -24,6 +24,7 @@ class temporary_folder;
 /// Errors: std::runtime_error when the daemon cannot be found or started, with the reason.
 class private_bus {
 public:
+    /// Which daemon, and how it is started.
     struct options {
         /// The program; empty for the value of the environment variable TARN_TEST_BUSD, else the
         /// first of `tarn-busd` and `ubusd` that PATH has.
@@ -38,12 +39,15 @@ public:
         bool start = true;
     };
 
+    /// Starts a daemon with the default options.
     private_bus();
+    /// Starts a daemon as `chosen` says.
     explicit private_bus(options chosen);
     ~private_bus();
     private_bus(const private_bus&) = delete;
     private_bus& operator=(const private_bus&) = delete;
 
+    /// The path of the daemon's own socket, in the temporary folder.
     const std::string& socket_path() const { return address_->path(); }
     /// Leads clients here again after they have been led elsewhere.
     void lead_clients_here() const { address_->lead_clients_here(); }
@@ -59,8 +63,9 @@ public:
     void kill9();
     /// kill9(), then start().
     void restart();
-    /// Holds it (SIGSTOP) and lets it go on (SIGCONT).
+    /// Stops its execution (SIGSTOP): connections stay, requests are not answered.
     void pause();
+    /// Ends a pause() (SIGCONT).
     void resume();
 
     /// Connects like a client would: a stream socket the caller closes, or -1.

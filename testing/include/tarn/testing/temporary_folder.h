@@ -14,6 +14,7 @@ public:
     temporary_folder(const temporary_folder&) = delete;
     temporary_folder& operator=(const temporary_folder&) = delete;
 
+    /// The folder's path.
     const std::string& path() const { return path_; }
 
 private:

@@ -8,9 +8,11 @@
 
 namespace tarn::loops::conformance {
 
+/// What an exception of a task or a handler may do to a loop that lets it out.
 template <class Driver>
 class EventLoopExceptions : public fixture<Driver> {
 protected:
+    /// Runs the loop and checks that the exception of a task or handler comes out.
     void expect_thrown() {
         EXPECT_THROW(this->driver().run_until([] { return false; }, patience), std::runtime_error);
     }

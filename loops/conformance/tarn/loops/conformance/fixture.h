@@ -25,6 +25,7 @@ constexpr std::chrono::seconds patience(20);
 /// that is destroyed.
 class at_end {
 public:
+    /// `action` is called once, by the destructor.
     explicit at_end(std::function<void()> action)
         : action_(std::move(action)) {}
     ~at_end() { action_(); }
@@ -76,11 +77,13 @@ public:
         });
     }
 
+    /// Lets all threads begin their work. To be called once.
     void start() {
         started_ = true;
         start_.set_value();
     }
 
+    /// Whether all threads have done their work.
     bool finished() const { return finished_ == members_.size(); }
 
 private:
@@ -108,9 +111,12 @@ private:
 template <class Driver>
 class fixture : public ::testing::Test {
 protected:
+    /// A timer of the loop, and its owner.
     using timer_ptr = std::shared_ptr<utils::event_loop::timer>;
 
+    /// The loop under test.
     utils::event_loop& loop() { return driver_.loop(); }
+    /// The driver of the case, made anew for each.
     Driver& driver() { return driver_; }
 
     /// Runs the loop until `done()`. False, and a failure of the case, when that does not come.

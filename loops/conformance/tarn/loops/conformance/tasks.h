@@ -10,6 +10,7 @@
 
 namespace tarn::loops::conformance {
 
+/// Order, thread and lifetime of posted tasks.
 template <class Driver>
 class EventLoopTasks : public fixture<Driver> {};
 

@@ -9,6 +9,7 @@
 
 namespace tarn::loops::conformance {
 
+/// Timers used by several threads at once while they expire.
 template <class Driver>
 class EventLoopThreads : public fixture<Driver> {
 protected:

@@ -8,6 +8,7 @@
 
 namespace tarn::loops::conformance {
 
+/// When timers fire and when they do not.
 template <class Driver>
 class EventLoopTimers : public fixture<Driver> {};
 
