@@ -38,14 +38,21 @@ case $1 in
     # README.md is the front page. Headings get the names by which a page refers to them. Files that
     # are no part of the site are copied into it under their path from the root.
     awk -v path="${1#"$PWD"/}" '
+        function id(page) { gsub(/[^A-Za-z]+/, "-", page); return page }
         BEGIN {
-            page = path
-            gsub(/[^A-Za-z]+/, "-", page)
+            page = id(path)
+            folder = path
+            sub(/[^\/]*$/, "", folder)
         }
         /^ *```/ { code = !code }
         !code {
             gsub(/\]\(#/, "](#" page "-")
             gsub(/\]\(\.\.\/examples\//, "](examples/")
+            while (match($0, /\]\([A-Za-z_.\/-]*\.md#/)) {
+                other = substr($0, RSTART + 2, RLENGTH - 3)
+                if (!sub(/^\.\.\//, "", other)) other = folder other
+                $0 = substr($0, 1, RSTART) "(#" id(other) "-" substr($0, RSTART + RLENGTH)
+            }
             gsub(/\]\(LICENSE\)/, "](./LICENSE)")
             while (match($0, /\]\(include\/[a-z_\/]*\.h\)/)) {
                 header = substr($0, RSTART + 10, RLENGTH - 11)
