@@ -27,7 +27,7 @@ case $1 in
         { print }' "$1" | sed -E \
         -e 's|^#pragma once$|/// @file|' \
         -e 's#^( *)/// (Threads?|Delivery|Handlers?|Errors|Exceptions)[:.] #\1/// @label{\2} #' \
-        -e 's|^( *)///   (  )?([^ /][^/]*[^ /.])  +([^ /])|\1///   - <b>\3</b>: \4|' |
+        -e 's#^( *)///   (  )?([^ /-]([^ ;]| [^ ;])*[^ .;])  +([^ /])#\1///   - <b>\3</b>: \5#' |
         awk '
             /^ *\/\/\/   - /                 { list = 1; print; next }
             list && /^ *\/\/\/ [^ ]/         { sub(/\/\/\/ /, "/// @gap ") }
