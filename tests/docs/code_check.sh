@@ -15,7 +15,8 @@ work=$(mktemp -d)
 trap 'rm -rf "$work"' EXIT
 
 # For each block: a line "NUMBER example PATH PAGE:LINE", with its text in NUMBER.txt, or a line
-# "NUMBER code - PAGE:LINE", with a whole translation unit in NUMBER.cpp.
+# "NUMBER code STANDARD PAGE:LINE", with a whole translation unit in NUMBER.cpp. Coroutines need
+# C++20; the rest is meant for C++17.
 # shellcheck disable=SC2016 # awk's own dollars
 awk -v work="$work" '
     function refuse(reason) { print FILENAME ":" FNR ": " reason >"/dev/stderr"; bad = 1 }
@@ -35,7 +36,7 @@ awk -v work="$work" '
         } else {
             unit = includes before located(first) text after
             printf "%s", unit >(work "/" number ".cpp")
-            print number, "code", "-", place
+            print number, "code", (text ~ /co_(await|return|yield)/ ? "c++20" : "c++17"), place
         }
         forget_marks()
         next
@@ -72,17 +73,17 @@ awk -v work="$work" '
     }' README.md docs/*.md loops/README.md >"$work/blocks"
 
 # -Wno-unused-*: what a page shows is often used by the reader alone.
-options=(-std=c++17 -fsyntax-only -Wall -Wextra -Werror -Wno-unused-variable
+options=(-fsyntax-only -Wall -Wextra -Werror -Wno-unused-variable
     -Wno-unused-but-set-variable -Wno-unused-function
     -Iinclude -Iloops/include -Iloops/asio/include -Iloops/glib/include -Iloops/qt/include
     -Iloops/sd_event/include -Iloops/uv/include -Iloops/conformance -Itesting/include -I.)
 
 checked=0 bad=0
-while read -r number kind example place; do
+while read -r number kind what place; do
     if [[ $kind == example ]]; then
-        diff -u --label "$place" --label "$example" "$work/$number.txt" "$example" ||
+        diff -u --label "$place" --label "$what" "$work/$number.txt" "$what" ||
             bad=$((bad + 1))
-    elif ! "$compiler" "${options[@]}" "$work/$number.cpp"; then
+    elif ! "$compiler" "-std=$what" "${options[@]}" "$work/$number.cpp"; then
         echo "$place: does not compile" >&2
         bad=$((bad + 1))
     fi
