@@ -21,6 +21,7 @@
 #include <string>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -251,8 +252,8 @@ TEST_F(UloopFaults, WhatWasPostedBehindATaskWhoseWakeUpFailedIsWokenForByTheNext
             const intercept fault(call::write, [&] {
                 if (!nested) {
                     nested = true;
-                    // As another thread may, which counts on the byte that is being written.
-                    loop.post([&ran] { ran = true; });
+                    // Another thread relies on the byte that is being written.
+                    std::thread([&] { loop.post([&ran] { ran = true; }); }).join();
                 }
                 return EPIPE;
             });
