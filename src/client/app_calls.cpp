@@ -79,7 +79,7 @@ bool app_side::begin_limited_call(const std::shared_ptr<invoke_ctx>& call,
         if (end(*call)) {
             throw;
         }
-        // It has ended, and its handler has heard of that.
+        // It has ended, and its handler has been notified.
     }
     return true;
 }
@@ -99,7 +99,7 @@ void app_side::tell_reply(invoke_ctx& call, const blob::attr& reply) {
     {
         const lock_guard guard(lock_);
         if (!call.active()) {
-            return; // and whoever has ended it may be taking it apart
+            return; // and the thread that has ended it may be clearing it
         }
         each = call.each;
     }
@@ -134,7 +134,7 @@ void app_side::cancel_invoke(invoke_ctx& call) noexcept {
 }
 
 void app_side::expire_invoke(const std::weak_ptr<invoke_ctx>& watched) {
-    // The timer's handler, which holds the argument, dies with the timer.
+    // The timer's handler, which holds the argument, is destroyed with the timer.
     const auto call = watched.lock();
     if (!call) {
         return;

@@ -81,9 +81,8 @@ void app_side::cancel() {
         return; // a handler has cancelled as well, and that one has done the rest
     }
     bridge_.process_task_queue();
-    // Those who are waiting now hear of it; who comes later waits for what comes after. Where one
-    // ends and the other begins is for the newest cancellation to say, which is there until the
-    // end.
+    // The handlers that wait now are notified; later ones wait for what comes after. The newest
+    // cancellation decides where the line is, since it runs until the end.
     const auto disconnected = [&](const pending_list& waiting, ended_by_cancel& ended) {
         const lock_guard guard(lock_);
         if (era_ == since) {
@@ -108,7 +107,7 @@ void app_side::cancel() {
     do_after_cancel();
 }
 
-/// What other threads have asked for while cancel() ran, too late to be ended by it.
+/// Does what other threads have requested while cancel() ran, too late to be ended by it.
 void app_side::do_after_cancel() {
     era since = 0;
     bool disconnect_asked = false;

@@ -1,5 +1,5 @@
-/// The application's side of the connection: its state, those who wait for it, and automatic
-/// reconnection.
+/// The application's side of the connection: its state, the handlers that wait for it, and
+/// automatic reconnection.
 #include "client/app_side.h"
 
 #include "client/handover.h"
@@ -42,7 +42,7 @@ private:
     utils::link slot_;
 };
 
-/// Runs the steps of one event to their end: what one throws passes on when the last is done.
+/// Runs all steps of one event: the first exception is rethrown when the last step is done.
 class all_steps {
 public:
     template <class Step>
@@ -125,10 +125,10 @@ void app_side::request_disconnect() noexcept {
     bridge_.post_ready(ending->disconnect_task, ending);
 }
 
-// --- what the application asks for ---
+// --- requests of the application ---
 
-/// With the lock held, while cancel() runs: a handler that it calls has asked for this in the
-/// middle of it; any other thread means what comes after it.
+/// With the lock held, while cancel() runs. A request from a handler that it calls is part of the
+/// cancellation; one from any other thread is for afterwards.
 void app_side::note_for_after_cancel(connection_event event) noexcept {
     if (canceller_ != std::this_thread::get_id()) {
         ended_connects_.more_after = event == connection_event::connect; // the last one counts
@@ -225,8 +225,8 @@ utils::link app_side::auto_connect(const client::backoff_function& backoff) {
     return link;
 }
 
-/// With the lock held: automatic reconnection is off, and its link inactive. The function is handed
-/// to the caller to destroy.
+/// With the lock held: automatic reconnection is off, and its link inactive. Returns the function
+/// for the caller to destroy.
 app_side::backoff_ptr app_side::end_reconnection() noexcept {
     attempts_ = 0;
     retry_due_ = false;
@@ -249,7 +249,7 @@ void app_side::disable_auto_connect(const reconnection* only) {
 }
 
 /// Arms the timer or stops it, as is due. Its functions are the application's, and are called
-/// without the lock: whoever finds that another thread has changed what is due does it once more.
+/// without the lock: a thread that finds what is due changed by another one repeats the step.
 void app_side::adjust_timer() {
     bool changed = true;
     while (changed) {
@@ -323,7 +323,7 @@ void app_side::arm_reconnection() {
         const lock_guard guard(lock_);
         if (!reconnection_ || !reconnect_timer_ || state_ != client::state::disconnected ||
             announcer_.is_behind()) {
-            return; // switched off, stopped, or overtaken by a change that is told next
+            return; // switched off, stopped, or superseded by a change that is announced next
         }
         if (attempts_ < std::numeric_limits<long long>::max()) {
             ++attempts_;
@@ -338,7 +338,7 @@ void app_side::arm_reconnection() {
             return; // switched off, or replaced, by the back-off function or another thread
         }
         if (delay < std::chrono::seconds(1)) {
-            end_reconnection(); // which leaves the function to this one
+            end_reconnection(); // `backoff` still owns the function
             return;
         }
         retry_due_ = true;
@@ -357,7 +357,7 @@ void app_side::reconnect() {
         }
         retry_due_ = false;
         if (cancelling()) {
-            return; // the end of which makes the attempt
+            return; // the end of the cancellation makes the attempt
         }
         try {
             take_step(connection_event::connect);
@@ -366,19 +366,19 @@ void app_side::reconnect() {
         }
     }
     if (failed) {
-        arm_reconnection(); // one more attempt that has failed
+        arm_reconnection(); // counts as one more failed attempt
         return;
     }
     announce();
 }
 
-// --- what comes back from the loop thread ---
+// --- results from the loop thread ---
 
-/// Tells those who wait the outcome, one at a time, so that one who releases another one's link, or
-/// cancels, still prevents that one's report. Those are meant who waited when `before` was the
-/// newest, and with `insiders` those who have joined inside a handler since. Others who have joined
-/// wait for the next outcome. When one throws, those behind him go with him: the outcome was theirs
-/// as well.
+/// Reports the outcome to the waiting handlers, one at a time, so that one that releases another
+/// one's link, or cancels, still prevents that one's report. Meant are the handlers that waited
+/// when `before` was the newest, and with `insiders` those that have joined inside a handler since.
+/// Others that have joined wait for the next outcome. When one throws, those behind it are dropped
+/// with it: the outcome was theirs as well.
 void app_side::tell_all(pending_list& waiting, pending_list::number before, bool insiders,
                         era since, const std::error_code& code) {
     pending_list::number last = before;
@@ -410,8 +410,8 @@ void app_side::tell_all(pending_list& waiting, pending_list::number before, bool
     }
 }
 
-/// With the lock held: the calling thread tells an outcome until the scope ends. Who else waited
-/// when it began hears of it.
+/// With the lock held: the calling thread reports an outcome until the scope ends. The other
+/// handlers that waited when it began are notified as well.
 app_side::telling::telling(app_side& side)
     : connects(side.connect_handlers_.newest())
     , disconnects(side.disconnect_handlers_.newest())
@@ -441,11 +441,11 @@ void app_side::on_connect_result(connection_ctx& attempt) {
         attempt.connected ? std::error_code() : make_error_code(error::generic::unknown_error);
     all_steps steps;
     steps.run([this] { announce(); });
-    // With a tear-down on its way, whoever asks for a connection from now on waits for the next.
+    // With a tear-down under way, a connection requested from now on waits for the next attempt.
     steps.run(
         [&] { tell_all(connect_handlers_, outcome->connects, !ending, outcome->since, code); });
     if (!ending) {
-        // Whoever has asked for a disconnection in these was overtaken; the tear-down goes on.
+        // A disconnection requested in these handlers was superseded; the tear-down goes on.
         steps.run([&] {
             tell_all(disconnect_handlers_, outcome->disconnects, true, outcome->since,
                      error::generic::aborted);
@@ -458,7 +458,7 @@ void app_side::on_lost(connection_ctx& connection) {
     assert_application_side();
     {
         const lock_guard guard(lock_);
-        // One that is not the present one any more is being torn down, or has been.
+        // A connection that is no longer the current one is being torn down, or has been.
         if (connection_.get() != &connection) {
             return;
         }
@@ -477,8 +477,8 @@ void app_side::on_torn_down(life_id heard_in) {
         }
         outcome.emplace(*this);
         try {
-            // The attempt that a connect() meanwhile has asked for begins before the handlers hear
-            // of the end, so that one that disconnects again finds an attempt to end.
+            // The attempt that a connect() has requested meanwhile begins before the handlers are
+            // notified of the end, so that one that disconnects again finds an attempt to end.
             take_step(connection_event::torn_down);
         } catch (const std::bad_alloc&) {
             no_connection = error::generic::unknown_error;
@@ -493,7 +493,7 @@ void app_side::on_torn_down(life_id heard_in) {
     steps.run(
         [&] { tell_all(disconnect_handlers_, outcome->disconnects, true, outcome->since, {}); });
     if (no_connection) {
-        // Whoever has asked for a connection in these was overtaken; the attempt goes on.
+        // A connection requested in these handlers was superseded; the attempt goes on.
         steps.run([&] {
             tell_all(connect_handlers_, outcome->connects, true, outcome->since, no_connection);
         });
@@ -503,7 +503,7 @@ void app_side::on_torn_down(life_id heard_in) {
 
 void app_side::on_disconnected(connection_ctx& connection) {
     assert_application_side();
-    // A handler that throws must not strand the others, whose operations nobody else would end.
+    // A handler that throws must not strand the others, whose operations nothing else would end.
     all_steps steps;
     steps.run([&] { on_torn_down(connection.ending_life); });
     while (const auto request = connection.requests.take_oldest()) {

@@ -62,7 +62,7 @@ utils::link app_side::add_object(const std::string& name, const client::method_m
     return refused ? report_later(handler, refused) : link;
 }
 
-/// One locked step: the name is taken and the registration posted. Why not, otherwise.
+/// One locked step: takes the name and posts the registration. Returns the reason if it cannot.
 std::error_code app_side::begin_addition(const std::shared_ptr<object_ctx>& object,
                                          const std::shared_ptr<object_operation>& addition) {
     const lock_guard guard(lock_);
@@ -101,7 +101,8 @@ utils::link app_side::del_object(const std::string& name, bool stop_serving,
     return refused ? report_later(handler, refused) : link;
 }
 
-/// One locked step: the object is on its way out and the withdrawal posted. Why not, otherwise.
+/// One locked step: marks the object as being removed and posts the withdrawal. Returns the reason
+/// if it cannot.
 std::error_code app_side::begin_removal(const std::string& name,
                                         const std::shared_ptr<object_operation>& removal) {
     const lock_guard guard(lock_);
@@ -122,7 +123,7 @@ std::error_code app_side::begin_removal(const std::string& name,
     return {};
 }
 
-/// With the lock held: forgets the object, handing it to the caller to destroy.
+/// With the lock held: forgets the object, and returns it for the caller to destroy.
 std::shared_ptr<object_ctx> app_side::forget(const ubus_object_ctx& records) noexcept {
     const auto found = objects_.find(const_cast<ubus_object*>(&records.object));
     if (found == objects_.end()) {

@@ -33,10 +33,10 @@ namespace tarn {
 /// from them is never done on the loop thread.
 ///
 /// One lock guards everything. Each change is one locked step: what it reads, what it decides, what
-/// it changes in the tables and what it posts to the loop thread are whole when the lock is let go.
-/// So operations that meet on different threads come one after another, in the same order on both
-/// sides. With the lock held nothing of the application is called or destroyed, its loop's post()
-/// apart, and the only locks that are taken are the bridge's and, behind that, the loop's.
+/// it changes in the tables and what it posts to the loop thread are complete when the lock is
+/// released. So concurrent operations are serialized, in the same order on both sides. With the
+/// lock held nothing of the application is called or destroyed, except its loop's post(), and the
+/// only locks that are taken are the bridge's and, behind that, the loop's.
 class app_side {
 public:
     app_side(task_bridge& bridge, loop_side& loop);
@@ -47,7 +47,7 @@ public:
     /// Makes the timer for reconnection. Throws when the application's loop is gone.
     void make_timer();
     void set_timer_handler();
-    /// Lets go of everything that is pending, unheard. The loop thread has ended.
+    /// Drops everything that is pending without a report. The loop thread has ended.
     void drop_all() noexcept;
 
     // --- app_connection.cpp ---
@@ -112,8 +112,8 @@ public:
 private:
     using state_signal = misc::signal<void, client::state>;
     using lock_guard = std::lock_guard<std::mutex>;
-    /// Changes whenever cancel() begins (to an odd one) and when it has ended everything. Whoever
-    /// calls a handler in the middle of something looks whether it is still the same one.
+    /// Changes whenever cancel() begins (to an odd one) and when it has ended everything. Code that
+    /// calls a handler in the middle of an operation checks afterwards that it is still the same.
     using era = std::uint64_t;
 
     using backoff_ptr = std::shared_ptr<const client::backoff_function>;
@@ -130,13 +130,13 @@ private:
         std::uint64_t number;
     };
 
-    /// Those who wait for an outcome and hear it of cancel().
+    /// The waiting handlers of one kind that cancel() ends and notifies.
     struct ended_by_cancel {
         pending_list::number newest = 0;
-        bool more_after = false; ///< another thread has asked for it since
+        bool more_after = false; ///< another thread has requested the operation since
     };
 
-    /// The telling of one outcome of the connection.
+    /// The reporting of one outcome of the connection.
     class telling {
     public:
         explicit telling(app_side& side);
@@ -144,7 +144,7 @@ private:
         telling(const telling&) = delete;
         telling& operator=(const telling&) = delete;
 
-        // The newest of those who waited when it began.
+        // The newest handlers that waited when it began.
         const pending_list::number connects;
         const pending_list::number disconnects;
         const era since;
@@ -154,7 +154,7 @@ private:
         const std::thread::id outer_;
     };
 
-    /// The present life; none while cancel() runs.
+    /// The current life; none while cancel() runs.
     life_id life() const noexcept { return bridge_.life(); }
     bool cancelling() const noexcept { return life() == life_id::none; }
 
@@ -213,7 +213,7 @@ private:
     state_announcer announcer_{lock_};
     pending_list connect_handlers_;
     pending_list disconnect_handlers_;
-    std::thread::id teller_; ///< who tells an outcome of the connection at present
+    std::thread::id teller_; ///< the thread that is reporting an outcome of the connection
 
     std::shared_ptr<reconnection> reconnection_;
     long long attempts_ = 0;              ///< consecutive automatic attempts; saturates
@@ -230,7 +230,7 @@ private:
 
     era era_ = 0;
     std::uint64_t newest_cancel_ = 0;
-    std::thread::id canceller_; ///< who began the newest cancellation
+    std::thread::id canceller_; ///< the thread that began the newest cancellation
     ended_by_cancel ended_connects_;
     ended_by_cancel ended_disconnects_;
 };

@@ -12,7 +12,7 @@ namespace tarn {
 
 namespace {
 
-/// No event tells of the peer's reading, so it is asked for, at longer and longer intervals.
+/// No event reports that the peer has read, so this is polled, at longer and longer intervals.
 constexpr std::chrono::nanoseconds first_nap = std::chrono::microseconds(20);
 constexpr std::chrono::nanoseconds longest_nap = std::chrono::milliseconds(5);
 
@@ -23,7 +23,7 @@ bool has_been_read(int socket) noexcept {
 
 /// Whether the peer is gone by then.
 bool gone_within(int socket, std::chrono::nanoseconds nap) noexcept {
-    pollfd end{socket, 0, 0}; // which is told without being asked for
+    pollfd end{socket, 0, 0}; // which is reported without being requested
     const timespec limit{0, static_cast<long>(nap.count())};
     return ::ppoll(&end, 1, &limit, nullptr) > 0;
 }

@@ -7,7 +7,7 @@ namespace tarn {
 
 /// Returns when the peer of a connected Unix stream socket has read everything that was written to
 /// it, or has gone, at the latest after `limit`. Reads nothing from the socket and writes nothing,
-/// and does not return early on a signal. Returns at once where the kernel cannot tell.
+/// and does not return early on a signal. Returns at once where the kernel cannot report it.
 void await_reader(int socket, std::chrono::milliseconds limit) noexcept;
 
 } // namespace tarn

@@ -1,4 +1,4 @@
-/// The client's operations and libubus's callbacks, each handed to the side that it belongs to.
+/// The client's operations and libubus's callbacks, each passed to the side that it belongs to.
 #include "client/client_impl.h"
 
 #include "client/callback_gate.h"

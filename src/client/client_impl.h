@@ -1,7 +1,7 @@
 /// The one implementation of tarn::client: its two sides and what lies between them.
 ///
 /// app_side is what the application's threads touch, loop_side what the loop thread touches, and
-/// task_bridge, the only thing that both touch, moves tasks from one to the other. What is on its
+/// task_bridge, the only part that both touch, moves tasks from one to the other. What is on its
 /// way (a call, a connection, an answer) is one object with the tasks that carry it back and forth.
 #pragma once
 

@@ -14,7 +14,7 @@ namespace tarn {
 class app_side;
 class loop_side;
 
-/// What one connection hands to and fro between the sides, made when it is requested, so that no
+/// What one connection passes between the sides, allocated when it is requested, so that no
 /// shortage of memory keeps a lost one alive.
 class connection_ctx final : public std::enable_shared_from_this<connection_ctx> {
 public:
@@ -27,11 +27,11 @@ public:
         , loop_(loop) {}
 
     const connection_id id;
-    const life_id life; ///< whose subscribers and handlers hear of the attempt's result
+    const life_id life; ///< whose subscribers and handlers are notified of the attempt's result
 
-    bool connected = false; ///< what has become of the attempt
+    bool connected = false; ///< the result of the attempt
 
-    /// Whose subscribers and handlers hear of the end. Set when the tear-down is posted.
+    /// Whose subscribers and handlers are notified of the end. Set when the tear-down is posted.
     life_id ending_life = life_id::none;
     // What libubus had when the connection was closed.
     request_table requests;

@@ -12,8 +12,8 @@ namespace tarn {
 
 class app_side;
 
-/// The context handed to a method handler. The connection that the call has come over decides
-/// whether it can still be answered.
+/// The context passed to a method handler. The connection that the call arrived on decides whether
+/// it can still be answered.
 class exchange_ctx final : public client::exchange_ctx {
 public:
     /// Takes the arguments over from `call`.

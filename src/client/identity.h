@@ -1,12 +1,12 @@
-/// What tells one life of the client from the next, and one connection from another.
+/// What distinguishes one life of the client from the next, and one connection from another.
 #pragma once
 
 #include <cstdint>
 
 namespace tarn {
 
-/// One life of the client. cancel() ends it and begins the next. What was handed to the
-/// application's loop in one life falls silent with it. None while cancel() runs and after the end.
+/// One life of the client. cancel() ends it and begins the next. What was passed to the
+/// application's loop in one life is a no-op after it. None while cancel() runs and after the end.
 enum class life_id : std::uint64_t { none = 0 };
 
 /// One connection to the bus, from the request for it. Numbers, unlike addresses, are never used

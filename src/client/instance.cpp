@@ -120,8 +120,8 @@ void client_impl::stop() noexcept {
         return;
     }
     loop_thread_.join();
-    // What the application left pending goes unheard; its captures are destroyed here, outside
-    // every lock.
+    // What the application left pending is dropped without a report; its captures are destroyed
+    // here, outside every lock.
     app_side_.drop_all();
     bridge_.drop_tasks();
     loop_side_.drop_all();

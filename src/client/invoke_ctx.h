@@ -18,7 +18,7 @@ class app_side;
 class loop_side;
 
 /// A call of another process's object: everything that it needs on its way, in one block, so that
-/// only its beginning can fail for want of memory. It is its own link.
+/// only its beginning can fail for lack of memory. It is its own link.
 class invoke_ctx final : public pending,
                          public bus_request,
                          public std::enable_shared_from_this<invoke_ctx> {
@@ -29,19 +29,19 @@ public:
                const client::result_handler& result_handler,
                const std::shared_ptr<const client::reply_handler>& reply_handler);
 
-    /// The link's: gives the call up.
+    /// For the link: gives the call up.
     void release() override;
 
-    /// For whoever has ended it: lets go of what the application has put into it.
+    /// For the thread that has ended it: releases what the application has put into it.
     client::result_handler take_handler() noexcept;
 
-    // The application's side. They belong to whoever has ended the call.
+    // The application's side. They belong to the thread that has ended the call.
     client::result_handler handler;                  ///< may be empty
     std::shared_ptr<utils::event_loop::timer> timer; ///< empty without a time limit
     /// Gets the replies in place of `replies`; null for a call that gathers them.
     std::shared_ptr<const client::reply_handler> each;
 
-    const bool tells_each; ///< that there was such a handler
+    const bool tells_each; ///< whether there was such a handler
 
     // Of the loop thread, from when the call is posted until `done` is.
     std::string path;

@@ -13,7 +13,7 @@ namespace tarn {
 
 namespace {
 
-/// After so many calls that were sent without a look at the socket it is read: the answers would
+/// The socket is read after so many calls that were sent without a look at it: the answers would
 /// fill it, and the daemon's queue behind it.
 constexpr int most_unread = 16;
 
@@ -42,8 +42,8 @@ void loop_side::invoke_sync(const std::shared_ptr<invoke_ctx>& call) {
     }
 }
 
-/// The id of the object called `path`. A look-up answers for all calls of a batch that it comes
-/// before: they were requested before it was sent. One that fails answers for nobody else.
+/// The id of the object called `path`. A look-up is valid for all later calls of its batch: they
+/// were requested before it was sent. One that fails is valid for no other call.
 std::error_code loop_side::look_up(ubus_context* bus, const std::string& path, std::uint32_t& id) {
     const auto known = lookups_.find(path);
     if (known != lookups_.end() && connection_->requests.size() < most_unpaced) {
@@ -174,7 +174,7 @@ void loop_side::on_done(ubus_request& request, int status) {
     }
     const std::error_code completion = client_impl::to_msg_error(status);
     if (completion == error::msg::timeout && request.ctx->sock.eof) {
-        // Nobody's answer: newer releases of libubus end the requests of a dying connection
+        // Not an answer: newer releases of libubus end the requests of a closing connection
         // this way, older ones leave them. Either way the disconnection that follows reports
         // them. libubus is done with the record, so it must not be aborted any more.
         request.priv = nullptr;
@@ -183,8 +183,8 @@ void loop_side::on_done(ubus_request& request, int status) {
     const auto call = std::static_pointer_cast<invoke_ctx>(record);
     connection_->requests.erase(*call);
     call->outcome = completion;
-    // Inside a synchronous request, which may yet wait for a daemon that has stopped, nothing waits
-    // for the end of the burst.
+    // Inside a synchronous request, which may still wait for a daemon that has stopped, nothing
+    // waits for the end of the burst.
     const bool waiting = request.ctx->stack_depth > 0;
     bridge_.post_from_uloop(call->done_task, call);
     if (waiting) {

@@ -97,8 +97,8 @@ void loop_side::disconnect_sync(const std::shared_ptr<connection_ctx>& ending) {
         connection_.reset();
         retired_objects_.clear();
     }
-    // Handed on with the requests and objects, not just their addresses: while the report is under
-    // way no newer one can come to lie at the same place. Nothing is aborted or removed through
+    // Passed on with the requests and objects, not just their addresses: while the report is under
+    // way no newer one can be allocated at the same address. Nothing is aborted or removed through
     // libubus, whose connection is gone.
     bridge_.post_from_uloop(ending->end_task, ending);
 }
@@ -133,7 +133,7 @@ void loop_side::on_connection_lost(ubus_context* context) {
     bridge_.post_from_uloop(connection_->loss_task, connection_);
 }
 
-/// Reads what has arrived, if anything, and hands its results over.
+/// Reads what has arrived, if anything, and delivers its results.
 void loop_side::take_in() {
     sent_unread_ = 0;
     if (bus_ && is_ready(*bus_, POLLIN)) {
@@ -170,8 +170,8 @@ ubus_context* loop_side::usable_bus() const {
 
 void loop_side::end_unwritable_bus() const {
     if (bus_ && bus_->sock.eof) {
-        // libubus marks the connection when a write fails, and leaves it at that. If the daemon
-        // keeps its end open nobody would ever report the loss.
+        // libubus marks the connection when a write fails, and does nothing else. If the daemon
+        // keeps its end open the loss would never be reported.
         ::shutdown(bus_->sock.fd, SHUT_RDWR);
     }
 }

@@ -89,8 +89,8 @@ std::error_code loop_side::unregister_object(const std::shared_ptr<ubus_object_c
         const auto entry = published.find(&records->object);
         registered = entry != published.end();
         if (registered) {
-            // Kept until the connection ends unless libubus has let go of it: it may still look
-            // there.
+            // Kept until the connection ends unless libubus has released it: it may still access
+            // it.
             bridge_.reserve().cover([&] { retired_objects_.push_back(records); });
             published.erase(entry);
         }
@@ -116,7 +116,7 @@ std::error_code loop_side::unregister_object(const std::shared_ptr<ubus_object_c
 
 void loop_side::refuse_waiting_calls(ubus_context* bus, ubus_object_ctx& records) {
     // Once the object is withdrawn the daemon passes on no answer for it, and a refusal that goes
-    // by way of the application's loop would come too late: the caller would wait for good.
+    // by way of the application's loop would come too late: the caller would wait forever.
     for (const auto& waiting : records.calls) {
         const auto call = waiting.lock();
         if (call && !call->settled.exchange(true)) {
@@ -162,7 +162,7 @@ int loop_side::accept_call(ubus_object* object, ubus_request_data& request, cons
         return client_impl::to_ubus_msg_status(error::msg::parse_error);
     }
     bridge_.post_from_uloop(call->dispatch_task, call);
-    // Last, so that a call that could not be handed on is answered with the error.
+    // Last, so that a call that could not be passed on is answered with the error.
     request.deferred = true;
     return 0;
 }
@@ -178,7 +178,7 @@ void loop_side::send_sync(const std::shared_ptr<send_operation>& sending) {
     ubus_context* const bus = usable_bus();
     const served_call& call = *sending->call;
     if (bus == nullptr || !carries(call.connection)) {
-        // Nobody to tell, but the handler must not stay behind.
+        // Not reported, but the handler must still be released.
         sending->unheard = true;
         bridge_.post_from_uloop(sending->done_task, sending);
         return;

@@ -21,8 +21,8 @@
 namespace tarn {
 
 /// The connection, the requests that libubus works on, and the objects registered with it. The loop
-/// thread only; so nothing here has a lock. What the application is to hear of goes through the
-/// bridge.
+/// thread only; so nothing here has a lock. Everything to be reported to the application goes
+/// through the bridge.
 class loop_side {
 public:
     loop_side(task_bridge& bridge, app_side& app);
@@ -60,11 +60,11 @@ public:
     int on_call(ubus_object* object, ubus_request_data* request, const char* method,
                 blob_attr* msg);
 
-    /// Lets go of everything. The loop thread has ended.
+    /// Releases everything. The loop thread has ended.
     void drop_all();
 
 private:
-    /// Object ids that look-ups have found, while they answer for others: for the calls of one
+    /// Object ids that look-ups have found, while they are valid for others: for the calls of one
     /// batch, all of which were requested before the look-up was sent.
     using lookups = std::map<std::string, std::uint32_t, std::less<>>;
 

@@ -1,4 +1,4 @@
-/// Memory for reporting that there is none.
+/// Reserved memory, for reports when there is no other.
 #pragma once
 
 #include <array>
@@ -7,12 +7,12 @@
 
 namespace tarn {
 
-/// A block that is given up when memory runs out on the loop thread, where nobody could catch the
+/// A block that is freed when memory runs out on the loop thread, where no caller could catch the
 /// exception, so that it can still report. The loop thread only.
 class memory_reserve {
 public:
-    /// Does `work`, and once more with the reserve given up when memory runs out. `work` must have
-    /// done nothing when it fails. The reserve is taken anew when there is memory.
+    /// Does `work`, and once more with the reserve freed when memory runs out. `work` must have
+    /// done nothing when it fails. The reserve is allocated again when there is memory.
     template <class Work>
     void cover(const Work& work) {
         if (!block_) {

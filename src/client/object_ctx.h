@@ -16,7 +16,7 @@ namespace tarn {
 
 class served_call;
 
-/// The libubus records of one object, kept together so that every pointer handed to libubus stays
+/// The libubus records of one object, kept together so that every pointer passed to libubus stays
 /// valid while the object is registered: names point into the strings and keys below, policy
 /// arrays into a list, whose elements never move. Built on the loop thread, read-only afterwards.
 struct ubus_object_ctx {
@@ -46,8 +46,8 @@ struct ubus_object_ctx {
 struct object_ctx {
     object_ctx(const std::string& object_name, const client::method_map& methods);
 
-    bool active = true;    ///< incoming calls are handed to the handlers
-    bool removing = false; ///< on its way out: invisible to further additions and removals
+    bool active = true;    ///< incoming calls are passed to the handlers
+    bool removing = false; ///< being removed: invisible to further additions and removals
     const std::string name;
     std::map<std::string, client::method_handler> handlers;
     const std::shared_ptr<ubus_object_ctx> ubus_ctx;

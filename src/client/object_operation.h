@@ -62,7 +62,7 @@ public:
     const std::shared_ptr<served_call> call;
     std::multimap<std::string, blob::attr> data;
     std::error_code status; ///< set by the loop thread
-    bool unheard = false;   ///< the connection has ended before: nobody is told
+    bool unheard = false;   ///< the connection has ended before: not reported
 
 private:
     void begin();

@@ -1,4 +1,4 @@
-/// Pending things: a ring of them for each list.
+/// Pending entries: a ring of them for each list.
 #include "client/pending.h"
 
 #include <cassert>

@@ -11,12 +11,12 @@
 namespace tarn {
 
 /// Something that is pending while it is in a list: a call, or an operation whose outcome is to be
-/// reported. Whoever takes it out has ended it, and nobody else can: so it ends once, however many
-/// threads complete, expire, cancel and release at once. What it holds belongs to the one who ended
-/// it. It is its own link, which turns inactive at that moment.
+/// reported. The thread that takes it out has ended it, and no other can: so it ends once, however
+/// many threads complete, expire, cancel and release at once. What it holds belongs to the thread
+/// that ended it. It is its own link, which turns inactive at that moment.
 ///
 /// Lists are guarded by the one lock of the application's side, which all functions here and in
-/// pending_list need, active() apart.
+/// pending_list need, except active().
 class pending : public utils::link::impl {
 public:
     bool active() const override { return listed_; }
@@ -34,7 +34,7 @@ private:
     std::atomic<bool> listed_{false};
 };
 
-/// Pending things, the oldest first. Nothing here allocates or throws.
+/// Pending entries, the oldest first. Nothing here allocates or throws.
 class pending_list {
 public:
     using number = std::uint64_t;

@@ -22,16 +22,16 @@ public:
         : app_(app)
         , handler_(handler) {}
 
-    /// The link's: drops the handler unheard.
+    /// For the link: drops the handler without calling it.
     void release() override;
 
-    /// Asked for by a handler or subscriber in the middle of telling an outcome.
+    /// Requested by a handler or subscriber while an outcome is being reported.
     bool asked_inside = false;
 
-    /// Whether there is anybody to hear of the outcome.
+    /// Whether there is a handler to notify of the outcome.
     bool wanted() const noexcept { return static_cast<bool>(handler_); }
 
-    /// For whoever has ended it: the handler.
+    /// For the thread that has ended it: the handler.
     client::completion_handler take_handler() noexcept { return std::exchange(handler_, nullptr); }
 
 protected:
@@ -41,7 +41,8 @@ private:
     client::completion_handler handler_;
 };
 
-/// An outcome that is known at once, told by the application's loop. Its link is active until then.
+/// An outcome that is known at once, reported by the application's loop. Its link is active until
+/// then.
 template <class Handler, class... Args>
 class known_report final : public task, public utils::link::impl {
 public:

@@ -27,7 +27,7 @@ protected:
 private:
     friend class request_table;
 
-    /// Found by the address of its first member, which is what libubus hands back.
+    /// Found by the address of its first member, which is what libubus passes back.
     struct record {
         ubus_request native;
         bus_request* whole;
@@ -43,9 +43,9 @@ private:
 
 /// Keeps requests alive while libubus works on them, and their numbers apart.
 ///
-/// libubus tells answers apart by the object called and a 16-bit number that it counts up. Calls
-/// may be pending for as long as they like, so the count comes round to numbers that are still
-/// waited for, and an answer would reach the wrong call. So numbers in use are skipped here.
+/// libubus matches answers by the object called and a 16-bit number that it counts up. Calls may be
+/// pending for any length of time, so the count wraps around to numbers that are still waited for,
+/// and an answer would reach the wrong call. So numbers in use are skipped here.
 ///
 /// The loop thread only. Nothing here allocates.
 class request_table {
@@ -57,7 +57,7 @@ public:
     request_table& operator=(const request_table&) = delete;
     ~request_table();
 
-    /// Lists `request`, which is about to be started with object `peer`, and sees to it that the
+    /// Lists `request`, which is about to be started with object `peer`, and ensures that the
     /// next number is free there. False when all are taken: nothing is listed.
     bool insert(ubus_context& bus, std::uint32_t peer, const record& request) noexcept;
 

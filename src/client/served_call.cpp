@@ -17,7 +17,7 @@ served_call::served_call(app_side& app, loop_side& loop, connection_id carried_b
     , records(std::move(object))
     , app_(app)
     , loop_(loop) {
-    // These belong to libubus and die with its callback.
+    // These belong to libubus and are valid only during its callback.
     request.acl = {};
     request.fd = -1;
     request.req_fd = -1;

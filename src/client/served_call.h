@@ -20,8 +20,8 @@ struct ubus_object_ctx;
 /// A call that has arrived for an object, with everything that its answer needs, so that no
 /// shortage of memory leaves the caller without one. Made on the loop thread.
 ///
-/// Whoever settles it decides its answer: the application's loop by handing it to a method handler,
-/// or the loop thread by refusing it.
+/// The side that settles it decides its answer: the application's loop by passing it to a method
+/// handler, or the loop thread by refusing it.
 class served_call final : public std::enable_shared_from_this<served_call> {
 public:
     served_call(app_side& app, loop_side& loop, connection_id carried_by,
@@ -37,7 +37,7 @@ public:
 
     // Set when the answer is posted.
     std::error_code status;
-    /// The answer is a refusal by somebody who has not settled the call: the loop thread may have
+    /// The answer is a refusal by a side that has not settled the call: the loop thread may have
     /// done so by then.
     bool refusal = false;
 

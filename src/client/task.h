@@ -6,8 +6,9 @@
 
 namespace tarn {
 
-/// A piece of work for one of the two threads. What must not fail for want of memory is one of
-/// these: it is made in time, mostly as a part of what it works on, and queueing it takes nothing.
+/// A piece of work for one of the two threads. What must not fail for lack of memory is one of
+/// these: it is allocated in advance, mostly as a part of what it works on, and queueing it does
+/// not allocate.
 ///
 /// It may be queued again once it has begun to run, and never while it is queued.
 class task {
@@ -48,7 +49,7 @@ public:
     task_queue() = default;
     task_queue(const task_queue&) = delete;
     task_queue& operator=(const task_queue&) = delete;
-    /// Lets go of the tasks, one after another.
+    /// Releases the tasks, one after another.
     ~task_queue();
 
     bool empty() const noexcept { return first_ == nullptr; }

@@ -47,8 +47,8 @@ void task_bridge::post_drain(life_id tied) {
     handover();
 }
 
-/// With the lock held: whether the application's loop has to be asked for a drain, which is then
-/// taken as asked for.
+/// With the lock held: whether the application's loop has to be asked for a drain, which then
+/// counts as requested.
 bool task_bridge::needs_drain() noexcept {
     if (delivery_waits_ || drain_requested_ || life_ == life_id::none) {
         return false;
@@ -98,14 +98,14 @@ void task_bridge::queue_for_uloop(task& work, std::shared_ptr<void>&& kept) {
     try {
         uloop::get_instance().post_source();
     } catch (...) {
-        task_queue::entry refused; // let go of outside the lock
+        task_queue::entry refused; // released outside the lock
         const std::lock_guard<std::mutex> guard(lock_);
         refused = to_uloop_.remove(work);
         wakeup_owed_ = !to_uloop_.empty();
         if (refused) {
             throw;
         }
-        // Somebody else has woken the thread.
+        // The thread has been woken otherwise.
     }
 }
 
@@ -166,7 +166,7 @@ void task_bridge::schedule_task(task& work, std::shared_ptr<void> kept) {
     try {
         post_drain(asking);
     } catch (...) {
-        task_queue::entry refused; // let go of outside the lock
+        task_queue::entry refused; // released outside the lock
         const std::lock_guard<std::mutex> guard(lock_);
         drain_requested_ = false;
         refused = queue_.remove(work);

@@ -16,11 +16,11 @@ namespace tarn {
 
 /// Moves tasks between the application's threads and the loop thread.
 ///
-/// Results are handed over once for a burst of them, at its end, not one by one: each hand-over may
+/// Results are delivered once for a burst of them, at its end, not one by one: each delivery may
 /// wake a thread. See in_burst().
 ///
-/// Never destroyed while the loop thread runs. The lock inside is the last one that is taken: with
-/// it held nothing is called but the queues.
+/// Never destroyed while the loop thread runs. The lock inside is the last one that is taken: only
+/// the queues are called with it held.
 class task_bridge {
 public:
     explicit task_bridge(const std::weak_ptr<utils::event_loop>& loop);
@@ -46,15 +46,15 @@ public:
     void post(const std::function<void()>& work);
 
     /// Runs everything that is queued for the application's loop, what is left of an interrupted
-    /// batch included. When a task throws the rest of the batch is dropped, transitions apart,
-    /// which wait for the next drain; and the exception passes on. The application's loop, and
-    /// whoever cancels.
+    /// batch included. When a task throws the rest of the batch is dropped, except transitions,
+    /// which wait for the next drain; and the exception is rethrown. For the application's loop,
+    /// and for a thread that cancels.
     void process_task_queue();
 
-    /// The present life.
+    /// The current life.
     life_id life() const noexcept { return life_; }
 
-    /// Ends the present life: what has been handed to the application's loop falls silent.
+    /// Ends the current life: what has been passed to the application's loop becomes a no-op.
     void end_life() noexcept;
     /// Results wait for the application's next request.
     void hold_delivery() noexcept;
@@ -63,10 +63,10 @@ public:
     bool begin_life();
     void request_drain();
 
-    /// Lets nothing pass any more, in either direction, and ends the present life. Work on its way
-    /// to the loop thread is still done.
+    /// Closes the bridge in both directions and ends the current life. Work on its way to the loop
+    /// thread is still done.
     void close() noexcept;
-    /// As post_ready(), past the closed door.
+    /// As post_ready(), also when the bridge is closed.
     void post_last(task& work) noexcept;
     /// Drops what is queued for the application's loop. Only when the loop thread has ended.
     void drop_tasks() noexcept;
@@ -82,10 +82,10 @@ public:
     /// Runs `work` on this thread, when nothing of libubus is on its stack.
     void post_within(task& work, std::shared_ptr<void> kept) noexcept;
 
-    /// Hands over what has been posted since the burst began. For a burst that is going to wait.
+    /// Delivers what has been posted since the burst began. For a burst that is going to wait.
     void flush();
 
-    /// Does `work` and hands its results over at the end, together.
+    /// Does `work` and delivers its results at the end, together.
     template <class Work>
     void in_burst(const Work& work) {
         struct nested {
