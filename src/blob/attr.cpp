@@ -51,7 +51,7 @@ attr& attr::operator=(const attr& other) {
 }
 
 attr& attr::operator=(attr&& other) noexcept {
-    // The old value dies last: the other may be part of it, and may be this attr itself.
+    // The old value is destroyed last: the other may be part of it, and may be this attr itself.
     attr(std::move(other)).swap(*this);
     return *this;
 }

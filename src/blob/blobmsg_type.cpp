@@ -15,7 +15,7 @@ struct entry {
     enum blobmsg_type number;
 };
 
-/// What policies ask for most comes first, since each comparison of a wrong one compares names.
+/// The types most common in policies come first, since each mismatch compares names.
 constexpr entry entries[] = {
     {typeid(std::string), BLOBMSG_TYPE_STRING},
     {typeid(unsigned int), BLOBMSG_TYPE_INT32},

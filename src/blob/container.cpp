@@ -125,7 +125,7 @@ void container_closure::queue_twin(const container_closure& original, std::funct
 }
 
 const container_closure* closure_in(const attr& value) noexcept {
-    // The type is asked first: a std::function finds out what it holds by comparing names.
+    // The type is checked first: a std::function determines what it holds by comparing names.
     const type_fn type = attr_access::type(value);
     return type == &type_of<list> || type == &type_of<table>
                ? attr_access::value(value).target<container_closure>()

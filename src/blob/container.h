@@ -23,8 +23,8 @@ private:
 };
 
 /// Owns one list or table. Nested values are boxes of their own, reached through the attrs in the
-/// container; whoever copies or destroys a box handles those in a loop, never by recursion, since
-/// a hostile message nests deeper than a small stack could bear.
+/// container; copying or destroying a box handles those in a loop, never by recursion, since a
+/// hostile message may nest deeper than a small stack allows.
 class box {
 public:
     box() = default;
@@ -38,7 +38,7 @@ public:
     /// Fills this box, empty so far, with copies of the elements of `source`, a box of the same
     /// kind. Nested boxes are made empty and queued with their sources noted.
     virtual void copy_elements(const box& source, box_chain& unfilled) = 0;
-    /// Takes the nested boxes away from the elements and queues them, after which this box can be
+    /// Detaches the nested boxes from the elements and queues them, after which this box can be
     /// destroyed alone.
     virtual void release_nested(box_chain& released) noexcept = 0;
 

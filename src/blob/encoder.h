@@ -11,11 +11,11 @@
 
 namespace tarn::blob::detail {
 
-/// Appends fields to a message as buf::add() describes it, with the same errors. After one it is
-/// good for nothing but to be destroyed; nests that it has opened stay open in the message.
+/// Appends fields to a message as buf::add() describes it, with the same errors. After one it
+/// may only be destroyed; nests that it has opened stay open in the message.
 class encoder {
 public:
-    /// `overflowed` is what buf::overflowed() tells. Both outlive the encoder.
+    /// `overflowed` is what buf::overflowed() returns. Both outlive the encoder.
     encoder(::blob_buf& message, bool& overflowed) noexcept
         : message_(message)
         , overflowed_(overflowed) {}

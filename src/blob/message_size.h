@@ -53,8 +53,8 @@ constexpr std::size_t call(std::size_t method, std::size_t data) {
     return head + number + text(method) + attribute(data);
 }
 
-/// The daemon adds the names of the caller's user and group to a call that it passes on. One that
-/// outgrows the limit by that, its receiver cannot take, and nobody hears of it. A name may have
+/// The daemon adds the names of the caller's user and group to a call that it passes on. A call
+/// that exceeds the limit by that cannot be received, and no error is reported. A name may have
 /// 255 bytes.
 constexpr std::size_t call_limit = limit - 2 * text(255);
 

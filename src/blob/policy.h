@@ -10,7 +10,7 @@
 namespace tarn::blob::detail {
 
 /// `entries` as the int that libubox counts a policy with. Throws `std::runtime_error`
-/// "tarn::blob::utils::to_table: Too big policy" when it is none.
+/// "tarn::blob::utils::to_table: Too big policy" when it does not fit one.
 int policy_count(std::size_t entries);
 
 /// One record per entry, in the policy's order. The names point into the policy, which must outlive

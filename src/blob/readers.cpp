@@ -31,7 +31,7 @@ bool is_unknown(blob_attr* field) {
 }
 
 /// Nothing unless the header of the field, and its name if it has one, lie within the field: the
-/// field that a caller passes has not been checked by anybody, unlike those found inside it.
+/// field that a caller passes has not been checked before, unlike those found inside it.
 span data_of(blob_attr* field) {
     if (!field) {
         return {};
@@ -104,7 +104,7 @@ bytes read_unspec(const span& data) {
 }
 
 /// Reads a list or table with all that is nested in it. The lists and tables that are being filled
-/// stand on a stack of its own on the heap, since a message may be nested deeper than the thread's
+/// are on a stack of its own on the heap, since a message may be nested deeper than the thread's
 /// stack allows. Elements of lists and tables do not move, so the pointers to them hold.
 class tree_reader {
 public:
@@ -154,7 +154,7 @@ private:
         current_ = inner;
     }
 
-    // An unknown type is told before the check, which not every libubox lets it pass.
+    // An unknown type is reported before the check, which not every libubox lets it pass.
     void read_element(blob_attr* child, list& into) {
         if (is_unknown(child)) {
             throw_unknown(child);

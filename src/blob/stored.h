@@ -20,8 +20,8 @@ using stored_types = types<std::string, unsigned int, bool, unsigned char, unsig
 
 using type_fn = std::type_index (*)();
 
-/// The function that attr keeps for a stored type. Each type has one, so that its address tells the
-/// type.
+/// The function that attr keeps for a stored type. Each type has one, so that its address
+/// identifies the type.
 template <class S>
 std::type_index type_of() {
     return typeid(S);
@@ -47,7 +47,7 @@ struct attr_access {
 /// Puts a value that is no list or table into an attr that is empty.
 template <class S>
 void hold(attr& empty, S value) {
-    // In place: what an assignment takes through a temporary costs more than all the rest, since
+    // In place: an assignment through a temporary costs more than all the rest, since
     // the processor has to wait for what it has just written in other pieces.
     using function = std::function<void*()>;
     function* const place = &attr_access::value(empty);
