@@ -13,7 +13,7 @@ constexpr const char* unlisted = "Unknonw error condition";
     case number:                                                                                   \
         return message;
 
-// Neither instance is ever destroyed: threads that outlive the exit handlers still look at codes.
+// Neither instance is ever destroyed: threads that outlive the exit handlers still use codes.
 
 msg_category& msg_category::get_inst() {
     static msg_category& instance = *new msg_category;
