@@ -1,4 +1,4 @@
-/// Links whose life is the life of an object.
+/// Links whose lifetime is that of an object.
 #include "tarn/link.h"
 
 namespace tarn::misc {

@@ -5,7 +5,7 @@
 
 namespace tarn::misc {
 
-// No other data hangs on the latch, so its accesses need no ordering.
+// No other data is published through the latch, so its accesses need no ordering.
 
 shared_ptr_tracker::shared_ptr_tracker(const shared_ptr_tracker& other)
     : expired_(other.expired_.load(std::memory_order_relaxed))
