@@ -1,4 +1,4 @@
-/// Keeps signals that the application has left at their defaults out of libubox's hands.
+/// Keeps libubox from taking over signals that the application has left at their defaults.
 #include "uloop/default_signals.h"
 
 #include <array>
@@ -26,8 +26,8 @@ void act_as_default(int signo) {
 }
 
 /// Installs `wanted` where `expected` is in place, and touches nothing else: a signal that comes at
-/// that moment is the application's. What the application installs between the look and the
-/// exchange goes back at once.
+/// that moment is the application's. What the application installs between the check and the
+/// exchange is restored at once.
 void exchange(int signo, void (*expected)(int), const struct sigaction& wanted) {
     struct sigaction found {};
     if (::sigaction(signo, nullptr, &found) != 0 || found.sa_handler != expected) {

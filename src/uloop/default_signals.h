@@ -1,4 +1,4 @@
-/// Keeps signals that the application has left at their defaults out of libubox's hands while a
+/// Keeps libubox from taking over signals that the application has left at their defaults while a
 /// call of libubus initialises libubox's loop again.
 #pragma once
 
@@ -7,13 +7,13 @@
 namespace tarn::misc {
 
 /// libubox takes over SIGINT, SIGTERM, SIGCHLD and SIGPIPE where they are at SIG_DFL. For the life
-/// of this object they are not: a handler that does what the default would do stands in for it. So
+/// of this object they are not: a handler that does what the default would do replaces it. So
 /// Ctrl-C ends the process even while a connect waits for a daemon that never answers, the
-/// application's children stay its own to wait for, and at the end only the stand-in is taken out,
+/// application's children stay its own to wait for, and at the end only the stand-in is removed,
 /// not a handler that the application has installed meanwhile.
 ///
-/// misc::unix_signal_actions, which puts back whatever has changed, is for the start of the loop,
-/// when nobody else touches signals.
+/// misc::unix_signal_actions, which restores whatever has changed, is for the start of the loop,
+/// when nothing else changes signals.
 class default_signals {
 public:
     default_signals();

@@ -172,7 +172,7 @@ void uloop::write_wakeup() {
 }
 
 /// Wakes the loop for `task`. If that fails the task goes from the queue to `refused`, the source
-/// to its place, and the exception passes on. Without the lock, which the thread that wakes up
+/// to its place, and the exception is rethrown. Without the lock, which the thread that wakes up
 /// takes first.
 void uloop::wake_up(const std::function<void()>* task, task_list& refused) {
     try {
@@ -368,9 +368,9 @@ void uloop::run_libubox(const std::function<void()>& started) {
 
     uloop_cancelled = false;
     started();
-    // What was posted before the loop was there has no wake-up byte.
+    // What was posted before the loop existed has no wake-up byte.
     process_guarded(false);
-    // uloop_run() forgets an earlier cancellation, so after one it must not be entered: exit() may
+    // uloop_run() clears an earlier cancellation, so after one it must not be entered: exit() may
     // have come while tasks were queued, and then no byte is there to end it.
     if (!uloop_cancelled) {
         uloop_run();

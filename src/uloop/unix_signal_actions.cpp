@@ -1,4 +1,4 @@
-/// Saving and putting back signal dispositions.
+/// Saving and restoring signal dispositions.
 #include "tarn/misc/unix_signal_actions.h"
 
 #include "uloop/system_failure.h"
