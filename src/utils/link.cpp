@@ -1,4 +1,4 @@
-/// The handles on things that can be ended.
+/// Links: the handles of what can be cancelled or released.
 #include "tarn/link.h"
 
 #include <stdexcept>
@@ -28,7 +28,7 @@ bool link::active() const {
 }
 
 void link::release() {
-    // A handle of its own: ending the thing may destroy or reassign the very link it is ended by.
+    // A reference of its own: the release may destroy or reassign the very link it is called on.
     const std::shared_ptr<impl> back_end = impl_;
     if (!back_end || !back_end->active()) {
         return;
@@ -44,7 +44,7 @@ void link::assign(const link& other) noexcept {
 }
 
 void link::assign(link&& other) noexcept {
-    // What this link held goes last, when both links are settled: its end may reach either of them.
+    // What this link held is released last, when both links are final: its end may access either.
     const std::shared_ptr<impl> dropped = std::move(impl_);
     impl_.swap(other.impl_);
 }
