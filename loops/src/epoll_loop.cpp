@@ -47,8 +47,8 @@ void epoll_loop::run() {
     core_->run();
 }
 
-// What has been told to stop, or runs a task, may destroy the loop before the call that told it has
-// returned: so both keep the core to themselves.
+// The thread that runs the loop, once it is stopped or has run the task, may destroy the loop
+// before stop() or post() has returned: so both hold a reference to the core.
 
 void epoll_loop::stop() {
     const auto core = core_;

@@ -54,7 +54,7 @@ private:
 
 } // namespace
 
-/// Ends a turn however it is left: puts back what has not run and makes the descriptors tell what
+/// Ends a turn however it is left: puts back what has not run and makes the descriptors signal what
 /// is still due.
 class loop_core::turn_end {
 public:
@@ -91,8 +91,8 @@ loop_core::loop_core()
 
 void loop_core::close() noexcept {
     if (::getpid() != owner_) {
-        // A forked child, which may have got the lock as another thread held it. What the child has
-        // of the loop goes with the child, or with the last of the timers.
+        // A forked child: the lock may have been copied while held. The child's copy of the loop is
+        // freed with the child, or with the last of the timers.
         return;
     }
     task_list dropped;
@@ -171,7 +171,7 @@ void loop_core::set_handler(timer_entry& entry, std::function<void()> action) {
     if (closed_) {
         return;
     }
-    // The old handler goes out with the local variable, after the lock.
+    // The old handler is destroyed with the local variable, after the lock is released.
     entry.handler.swap(handler);
     if (entry.missed && entry.handler) {
         insert(entry, monotonic_now());
