@@ -1,4 +1,5 @@
-/// The fake client's connection: its states, who waits for them, and automatic reconnection.
+/// The fake client's connection: its states, the handlers that wait for them, and automatic
+/// reconnection.
 #include "fake_core.h"
 
 #include "tarn/error.h"
@@ -56,7 +57,7 @@ void fake_client::core::take_step(connection_event event) {
         start_attempt();
         break;
     case connection_step::action::tear_down:
-        ++connection_; // answers of calls that it has carried go nowhere from here on
+        ++connection_; // answers of calls that it has carried are dropped from here on
         post_locked([this] { end_connection(); });
         break;
     case connection_step::action::none:
@@ -286,7 +287,7 @@ void fake_client::core::arm_reconnection() {
     timer_ = timer;
 }
 
-// --- the end of everything ---
+// --- cancellation and the end ---
 
 void fake_client::core::cancel() {
     end_reconnection();
@@ -295,7 +296,7 @@ void fake_client::core::cancel() {
     waiting_list disconnects;
     {
         const guard locked(lock_);
-        ++life_; // what is queued on the loop falls away
+        ++life_; // what is queued on the loop becomes a no-op
         ++connection_;
         attempt_waits_ = false;
         reports.swap(reports_);

@@ -19,7 +19,7 @@ public:
     explicit waiting(client::completion_handler handler)
         : handler_(std::move(handler)) {}
 
-    /// The handler, once: whoever gets it calls or drops it.
+    /// The handler, once: the caller that gets it calls or drops it.
     client::completion_handler take() {
         const std::lock_guard<std::mutex> guard(lock_);
         active_ = false;

@@ -75,7 +75,7 @@ private_bus::private_bus(options chosen)
         fs::create_directory(rules_path_);
         const std::string file = rules_path_ + "/test.json";
         std::ofstream(file) << chosen_.access_rules;
-        // The daemon passes over files that others may write; and others come to the socket.
+        // The daemon ignores files that others may write; and other users connect to the socket.
         fs::permissions(file, fs::perms::owner_read | fs::perms::owner_write);
         fs::permissions(folder_->path(),
                         fs::perms::owner_all | fs::perms::others_exec | fs::perms::group_exec);
@@ -110,7 +110,7 @@ void private_bus::start() {
         fail("fork");
     }
     if (child == 0) {
-        // Goes with the thread that started it, so with the test process, whatever ends that.
+        // Killed when the thread that started it ends, so with the test process, however that ends.
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (::getppid() != parent) {
             ::_exit(126);
@@ -164,7 +164,7 @@ void private_bus::pause() {
 }
 
 void private_bus::resume() {
-    // Only then: the leak checker of a daemon that is ending stands no SIGCONT.
+    // Only then: the leak checker of a daemon that is ending does not tolerate SIGCONT.
     if (pid_ > 0 && held_) {
         ::kill(pid_, SIGCONT);
     }
@@ -219,7 +219,7 @@ int private_bus::end(int signal) {
     do {
         result = ::waitpid(pid_, &status, 0);
     } while (result < 0 && errno == EINTR);
-    // Someone else may have collected it: uloop waits for every child of the process.
+    // Other code may have collected it: uloop waits for every child of the process.
     const int seen = result == pid_ ? status : -1;
     pid_ = -1;
     return seen;
