@@ -1,4 +1,4 @@
-/// The bus itself: what becomes of each message.
+/// The bus itself: how each message is handled.
 #include "broker.h"
 
 #include <algorithm>
@@ -25,7 +25,7 @@ std::uint32_t random_u32() {
     return value;
 }
 
-/// The size of what is said about an object to whoever looks it up.
+/// The size of what a look-up returns about an object.
 std::size_t description_size(std::size_t path_size, std::size_t signature_size) {
     const auto attribute = [](std::size_t payload) {
         return sizeof(blob_attr) + ((payload + 3) & ~std::size_t{3});
@@ -203,8 +203,8 @@ void broker::invoke(client& sender, const head& request, const attributes& given
         .put_text(UBUS_ATTR_USER, sender.user_)
         .put_text(UBUS_ATTR_GROUP, sender.group_)
         .put(given[UBUS_ATTR_DATA]);
-    // With the caller's names it may be longer than a message can be. The owner could not make
-    // anything of it; the caller is not told.
+    // With the caller's names it may exceed the limit of a message. The owner could not parse it,
+    // so it is dropped; the caller is not notified.
     if (!call.too_long()) {
         send(owner, call);
     }
@@ -243,7 +243,7 @@ void broker::add_object(client& sender, const head& request, const attributes& g
         const std::size_t signature_size = type != nullptr       ? type->signature.size()
                                            : methods.has_value() ? methods->size()
                                                                  : 0;
-        // Whoever looks it up is told all of it in one message.
+        // A look-up returns all of it in one message.
         if (paths_.count(text) != 0 ||
             description_size(std::strlen(text), signature_size) > bus::longest_blob) {
             reply_status(sender, request, UBUS_STATUS_INVALID_ARGUMENT);
@@ -269,7 +269,7 @@ void broker::add_object(client& sender, const head& request, const attributes& g
     {
         message answer(sender.out_, UBUS_MSG_DATA, request.seq, request.peer);
         answer.put_u32(UBUS_ATTR_OBJID, id);
-        // Who gave a type knows it.
+        // A client that has given the id of a type knows it.
         if (added.type != nullptr && signature != nullptr) {
             answer.put_u32(UBUS_ATTR_OBJTYPE, added.type->id);
         }
@@ -296,7 +296,7 @@ void broker::remove_object(client& sender, const head& request, const attributes
     {
         message answer(sender.out_, UBUS_MSG_DATA, request.seq, request.peer);
         answer.put_u32(UBUS_ATTR_OBJID, leaving.id);
-        // Told only when the type goes with its last object: the owner must not use it again.
+        // Reported only when the type goes with its last object: the owner must not use it again.
         if (leaving.type != nullptr && leaving.type.use_count() == 1) {
             answer.put_u32(UBUS_ATTR_OBJTYPE, leaving.type->id);
         }
@@ -327,7 +327,7 @@ void broker::send(client& receiver, message& ready) {
     if (!ready.fits()) {
         receiver.on_full();
     }
-    // A reader that is too slow loses whole messages and nobody waits for it.
+    // A client that reads too slowly loses whole messages; the daemon does not wait for it.
     if (ready.fits()) {
         ready.commit();
         receiver.on_output();

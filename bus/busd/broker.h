@@ -1,5 +1,5 @@
-/// The bus itself: who is connected, which objects they own, and what becomes of each message.
-/// Knows no sockets, so that a test or a fuzzer can drive it with bytes alone.
+/// The bus itself: who is connected, which objects they own, and how each message is handled. Knows
+/// no sockets, so that a test or a fuzzer can drive it with bytes alone.
 #pragma once
 
 #include <cstddef>
@@ -27,19 +27,20 @@ struct object {
     std::uint32_t id;
     /// None for an anonymous object, which can be called but not looked up.
     std::optional<std::string> path;
-    /// Null for an object whose methods are not known; looking it up tells nothing of it.
+    /// Null for an object whose methods are not known; a look-up returns nothing of it.
     std::shared_ptr<object_type> type;
     client* owner;
 };
 
 class broker {
 public:
-    /// Gives the client an id and greets it. It stays the caller's, who detaches it before it
-    /// dies. Ids are random, so that one of a former connection means nothing in a later one.
+    /// Gives the client an id and sends it the greeting. The caller keeps ownership and detaches it
+    /// before it is destroyed. Ids are random, so that one of a former connection means nothing in
+    /// a later one.
     void attach(client& joining);
 
     /// Ends what the client has on the bus. Calls that are in progress to its objects stay
-    /// unanswered: nobody keeps track of them.
+    /// unanswered: the broker keeps no record of them.
     void detach(client& leaving);
 
     /// Handles what the client has sent, in pieces of any size. False once the bytes cannot be

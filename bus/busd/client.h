@@ -30,7 +30,7 @@ public:
     std::uint32_t id() const { return id_; }
 
 protected:
-    /// A message has been put into out(). The broker is at work: nothing may be attached to or
+    /// A message has been put into out(). Not reentrant: no client may be attached to the broker or
     /// detached from it in here.
     virtual void on_output() {}
 

@@ -26,7 +26,7 @@ descriptor new_socket() {
 void remove_if_stale(const std::string& path, const sockaddr_un& address) {
     struct stat found;
     if (::lstat(path.c_str(), &found) != 0) {
-        // Nothing there, or a reason that bind() will name.
+        // The path does not exist, or bind() will name the reason.
         return;
     }
     if (!S_ISSOCK(found.st_mode)) {
@@ -35,7 +35,7 @@ void remove_if_stale(const std::string& path, const sockaddr_un& address) {
     const descriptor probe = new_socket();
     if (::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0 ||
         errno == EAGAIN) {
-        // EAGAIN: its queue of connections is full, but it is there.
+        // EAGAIN: its queue of connections is full, but there is a listener.
         throw std::runtime_error("another daemon is listening on " + path);
     }
     if (errno != ECONNREFUSED) {

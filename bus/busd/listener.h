@@ -11,9 +11,9 @@ namespace busd {
 
 class listener {
 public:
-    /// Listens at `path`. A socket file there on which nobody answers is removed first. Throws
-    /// std::runtime_error, whose text is meant for the user, if the path is too long, is in use,
-    /// is no socket, or cannot be bound.
+    /// Listens at `path`. A socket file there that no process listens on is removed first. Throws
+    /// std::runtime_error, whose text is meant for the user, if the path is too long, is in use, is
+    /// no socket, or cannot be bound.
     explicit listener(const std::string& path);
     /// Removes the path, unless another daemon has put its own socket there meanwhile.
     ~listener();

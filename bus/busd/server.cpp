@@ -14,10 +14,10 @@
 namespace busd {
 namespace {
 
-// Bytes read from one client before the others have their turn.
+// Bytes read from one client before the other clients are served.
 constexpr std::size_t input_size = 64 * 1024;
 constexpr int events_per_round = 64;
-// Connections accepted before those that are served already have their turn.
+// Connections accepted before those that exist already are served.
 constexpr int accepts_per_round = 64;
 // How long to wait, in milliseconds, before accepting is tried again without descriptors.
 constexpr int accept_pause = 500;
@@ -48,8 +48,8 @@ public:
         if (gone_) {
             return;
         }
-        // Data seen together with the hang-up are not read: who says something and leaves must
-        // wait until it has been heard.
+        // Data seen together with the hang-up are not read: a client must not close before what it
+        // has sent has been read.
         if ((events & (EPOLLRDHUP | EPOLLHUP | EPOLLERR)) != 0) {
             hang_up((events & (EPOLLHUP | EPOLLERR)) == 0);
         } else if ((events & EPOLLIN) != 0) {

@@ -16,13 +16,13 @@ class connection;
 class server {
 public:
     /// `listening` is a non-blocking listening socket, `stopping` a descriptor that becomes
-    /// readable when run() shall return. Both stay the caller's.
+    /// readable when run() shall return. The caller keeps ownership of both.
     server(int listening, int stopping);
     ~server();
     server(const server&) = delete;
     server& operator=(const server&) = delete;
 
-    /// Serves until told to stop.
+    /// Serves until `stopping` is readable.
     void run();
 
 private:
@@ -40,11 +40,11 @@ private:
     // socket readable, and the loop would spin on it.
     bool listener_watched_ = false;
     std::unordered_map<connection*, std::unique_ptr<connection>> connections_;
-    // Whom this round's messages wait for. Written to once a round, so that a burst of messages
-    // costs its reader one wake-up.
+    // Connections that this round's messages wait for. Written to once a round, so that a burst of
+    // messages costs its reader one wake-up.
     std::vector<connection*> with_output_;
-    // Who is gone. Destroyed at the end of the round, when neither the broker nor an event of this
-    // round refers to them.
+    // Connections that have ended. Destroyed at the end of the round, when neither the broker nor
+    // an event of this round refers to them.
     std::vector<connection*> gone_;
     std::vector<std::uint8_t> input_;
 };

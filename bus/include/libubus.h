@@ -41,7 +41,7 @@ typedef void (*ubus_connect_handler_t)(struct ubus_context* ctx);
 /** Takes one data reply. `msg` is valid during the call only. */
 typedef void (*ubus_data_handler_t)(struct ubus_request* req, int type, struct blob_attr* msg);
 typedef void (*ubus_fd_handler_t)(struct ubus_request* req, int fd);
-/** Learns how an asynchronous request has ended. The record may be freed in here. */
+/** Reports the end of an asynchronous request. The record may be freed in here. */
 typedef void (*ubus_complete_handler_t)(struct ubus_request* req, int ret);
 
 /** Of the library alone. */
@@ -89,7 +89,7 @@ struct ubus_context {
     bool cancel_poll; /* not used by the bundled bus */
     int stack_depth;  /* synchronous requests in progress, one inside the other */
     /** The connection has ended; called once. With stack_depth above 0 a synchronous request is
-     * still at work on the context: take `sock` out of the loop, but free the context later. */
+     * still using the context: take `sock` out of the loop, but free the context later. */
     ubus_connect_handler_t connection_lost;
     void (*monitor_cb)(struct ubus_context* ctx, uint32_t seq, struct blob_attr* data);
     struct ubus_msghdr_buf msgbuf; /* of the library alone, as are the next two */
@@ -104,7 +104,7 @@ struct ubus_object_data {
     struct blob_attr* signature;
 };
 
-/** Who calls what. */
+/** The caller's user and group, and the object that is called. */
 struct ubus_acl_key {
     const char* user;
     const char* group;
@@ -146,7 +146,7 @@ struct ubus_request {
 struct ubus_context* ubus_connect(const char* path);
 /** The same with a record of the caller's; undone with ubus_shutdown(). */
 int ubus_connect_ctx(struct ubus_context* ctx, const char* path);
-/** Closes the connection. Requests and objects are neither unlinked nor told. */
+/** Closes the connection. Requests and objects are neither unlinked nor notified. */
 void ubus_shutdown(struct ubus_context* ctx);
 /** ubus_shutdown(), then frees a context made by ubus_connect(). */
 void ubus_free(struct ubus_context* ctx);
@@ -170,7 +170,7 @@ int ubus_lookup(struct ubus_context* ctx, const char* path, ubus_lookup_handler_
  * no object, even with status 0. */
 int ubus_lookup_id(struct ubus_context* ctx, const char* path, uint32_t* id);
 
-/** Calls a method and waits for its end, at most `timeout` milliseconds (0: no limit), handing each
+/** Calls a method and waits for its end, at most `timeout` milliseconds (0: no limit), passing each
  * data reply to `cb`. Descriptors cannot be passed: with `fd` >= 0 UBUS_STATUS_NOT_SUPPORTED. */
 int ubus_invoke_fd(struct ubus_context* ctx, uint32_t obj, const char* method,
                    struct blob_attr* msg, ubus_data_handler_t cb, void* priv, int timeout, int fd);
@@ -181,8 +181,8 @@ static inline int ubus_invoke(struct ubus_context* ctx, uint32_t obj, const char
     return ubus_invoke_fd(ctx, obj, method, msg, cb, priv, timeout, -1);
 }
 
-/** Initialises `req` and sends the call. Set the callbacks afterwards, then hand the record to
- * one of the ubus_complete_... functions. A null `msg` sends a call without fields. A message above
+/** Initialises `req` and sends the call. Set the callbacks afterwards, then pass the record to one
+ * of the ubus_complete_... functions. A null `msg` sends a call without fields. A message above
  * 1 MiB and a failed write give UBUS_STATUS_INVALID_ARGUMENT. */
 int ubus_invoke_async_fd(struct ubus_context* ctx, uint32_t obj, const char* method,
                          struct blob_attr* msg, struct ubus_request* req, int fd);
@@ -194,7 +194,7 @@ static inline int ubus_invoke_async(struct ubus_context* ctx, uint32_t obj, cons
 
 /** Waits for a started request, at most `timeout` milliseconds (0: no limit). */
 int ubus_complete_request(struct ubus_context* ctx, struct ubus_request* req, int timeout);
-/** Lets a started request go on; `complete_cb` learns its end. */
+/** Lets a started request go on; `complete_cb` is notified of its end. */
 void ubus_complete_request_async(struct ubus_context* ctx, struct ubus_request* req);
 /** Forgets a started request; no callback runs any more. */
 void ubus_abort_request(struct ubus_context* ctx, struct ubus_request* req);
@@ -205,8 +205,8 @@ int ubus_add_object(struct ubus_context* ctx, struct ubus_object* obj);
 /** Withdraws an object. Synchronous. */
 int ubus_remove_object(struct ubus_context* ctx, struct ubus_object* obj);
 
-/** Sends one data reply. UBUS_STATUS_NO_DATA if it cannot be written. The size is not checked:
- * the daemon cuts off who sends more than 1 MiB. */
+/** Sends one data reply. UBUS_STATUS_NO_DATA if it cannot be written. The size is not checked: the
+ * daemon disconnects a client that sends more than 1 MiB. */
 int ubus_send_reply(struct ubus_context* ctx, struct ubus_request_data* req, struct blob_attr* msg);
 
 /** Copies what answering later takes into `new_req` and keeps the handler's return value from

@@ -1,4 +1,4 @@
-/// What the formats of libubox can say, for libubox itself.
+/// The limits of libubox's formats, for libubox itself.
 #pragma once
 
 #include <cstddef>

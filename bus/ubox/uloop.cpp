@@ -33,7 +33,7 @@ fetched_event batch[batch_size];
 int batch_next = 0;
 int batch_end = 0;
 
-// Stands in the batch for the signals' wake-up, which is no descriptor of the application's.
+// In the batch, represents the signals' wake-up, which is no descriptor of the application's.
 uloop_fd signal_wakeup{};
 
 bool cancelled() {
@@ -91,8 +91,8 @@ int stop_watching(uloop_fd* sock) {
     return ::epoll_ctl(epoll, EPOLL_CTL_DEL, sock->fd, nullptr);
 }
 
-// Notes in the record what has come to its end, and returns what its callback is to be told. What
-// it is watched for may change until then: the callback hears of the event all the same.
+// Notes in the record an end of the descriptor (`eof`, `error`), and returns the events for its
+// callback. What it is watched for may change until then: the event is delivered all the same.
 unsigned note(uloop_fd* sock, std::uint32_t happened) {
     unsigned events = 0;
     if ((happened & (EPOLLIN | EPOLLRDHUP)) != 0) {

@@ -1,4 +1,4 @@
-/// The four signals of the process that uloop takes while nobody else wants them.
+/// The four signals of the process that uloop takes while their disposition is the default.
 #include "uloop_signals.h"
 
 #include <atomic>
@@ -44,7 +44,7 @@ void on_signal(int number) {
     errno = saved_errno;
 }
 
-// Replaces the disposition `from`, if it is the one, by `to`.
+// Sets the disposition to `to`, but only if it is `from`.
 void replace(int number, void (*from)(int), void (*to)(int)) {
     struct sigaction current {};
     if (::sigaction(number, nullptr, &current) == 0 && (current.sa_flags & SA_SIGINFO) == 0 &&
@@ -75,8 +75,8 @@ void ubox::drain_signal_wakeup() {
 
 void ubox::close_signal_wakeup() {
     const int fd = wakeup_fd.exchange(-1);
-    // A handler on another thread may be about to write: closed under it, the number could belong
-    // to somebody else's file by then.
+    // A handler on another thread may be about to write: were the descriptor closed before, its
+    // number could belong to another file by then.
     while (handlers_running.load() != 0) {
         ::sched_yield();
     }
@@ -95,7 +95,7 @@ void ubox::take_signals() {
 }
 
 void ubox::give_signals_back() {
-    // Nothing tells an ignored SIGPIPE from one that the application ignores.
+    // A SIGPIPE ignored by uloop cannot be distinguished from one that the application ignores.
     for (const int number : handled_signals) {
         replace(number, on_signal, SIG_DFL);
     }

@@ -8,8 +8,8 @@ namespace ubox {
 /// The monotonic clock, which timers and the loop count on.
 timeval monotonic_now();
 
-/// Milliseconds from `now` until `when`, rounded up, so that whoever waits that long does not wake
-/// too early; 0 if it has passed.
+/// Milliseconds from `now` until `when`, rounded up, so that a wait of that length does not end too
+/// early; 0 if it has passed.
 int milliseconds_until(const timeval& when, const timeval& now);
 
 timeval later_by(const timeval& start, int milliseconds);

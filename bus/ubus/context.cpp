@@ -1,4 +1,4 @@
-/// The life of a libubus context: connecting, and letting go.
+/// The life of a libubus context: connecting and disconnecting.
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
@@ -21,8 +21,8 @@ int compare_ids(const void* left, const void* right, void*) {
     return a < b ? -1 : (a > b ? 1 : 0);
 }
 
-// What a program gets that does not care: its loop ends, unless the socket is out of it already,
-// as it is when the daemon has closed both directions.
+// The default of connection_lost: ends the loop, unless the socket is out of it already, as it is
+// when the daemon has closed both directions.
 void end_loop(ubus_context* ctx) {
     if (ctx->sock.registered) {
         uloop_end();

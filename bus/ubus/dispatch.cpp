@@ -10,7 +10,7 @@
 namespace bus {
 namespace {
 
-// Pieces read from a busy socket before uloop's other descriptors have their turn.
+// Pieces read from a busy socket before uloop's other descriptors are served.
 constexpr int reads_per_event = 16;
 
 // A call that came in while a synchronous request was in progress. The message follows it.
@@ -55,7 +55,7 @@ void handle(ubus_context& ctx, const incoming& message) {
         }
         break;
     default:
-        // Meant for abilities that this library does not have.
+        // For features that this library does not have.
         break;
     }
 }
@@ -80,7 +80,7 @@ void on_socket(uloop_fd* sock, unsigned int) {
     bool more = true;
     for (int reads = 0;; ++reads) {
         handle_buffered(ctx);
-        // After a hang-up uloop does not come back: all that is left must be read now.
+        // After a hang-up uloop does not report the socket again: the rest must be read now.
         const bool last_event = sock->eof || sock->error;
         if (!last_event && (!more || reads >= reads_per_event)) {
             return;
@@ -89,7 +89,7 @@ void on_socket(uloop_fd* sock, unsigned int) {
         if (result == read_result::nothing && !last_event) {
             return;
         }
-        // A failed write is told by `eof` alone: nothing may be left to read.
+        // A failed write is reported by `eof` alone: nothing may be left to read.
         if (result != read_result::data) {
             end_connection(ctx);
             return;
@@ -123,7 +123,7 @@ void end_connection(ubus_context& ctx) {
     }
     set_lost(ctx);
     ctx.sock.eof = true;
-    // Nobody could be told the outcome of these any more.
+    // No answer to these calls could reach its caller any more.
     drop_pending(ctx);
 
     // Set aside first: callbacks may abort others of them, and what they start anew fails at once.

@@ -36,18 +36,18 @@ void run_pending(ubus_context& ctx);
 void drop_pending(ubus_context& ctx);
 
 /// Runs the handler of one incoming call and answers it. A call of an object that is not there, or
-/// without a method, is answered to nobody: its caller hears nothing.
+/// without a method, is answered to peer 0: its caller receives nothing.
 void handle_invoke(ubus_context& ctx, const message_head& head, const attributes& given);
 
 /// Answers an incoming call without running its handler.
 void refuse_invoke(ubus_context& ctx, const message_head& head, const attributes& given,
                    int status);
 
-/// Hands a DATA or STATUS message to the request that waits for it.
+/// Passes a DATA or STATUS message to the request that waits for it.
 void handle_answer(ubus_context& ctx, const message_head& head, blob_attr* message,
                    const attributes& given);
 
-/// Unlinks the request and tells its complete_cb.
+/// Unlinks the request and notifies its complete_cb.
 void finish_request(ubus_request& request, int status);
 
 } // namespace bus

@@ -26,7 +26,7 @@ public:
 
     /// True if memory ran out or the message is above what a blob can hold.
     bool failed() const { return failed_; }
-    /// True if the daemon would cut off who sends this.
+    /// True if the daemon would disconnect a client that sends this.
     bool too_long() const;
     /// Writes the message, waiting without a limit while the socket is full. A failure sets
     /// `ctx.sock.eof`. Raises SIGPIPE if the daemon has gone. Not for a message that has failed().
@@ -84,7 +84,7 @@ private:
 /// Makes the connection look closed by the daemon from here on.
 void break_connection(ubus_context& ctx);
 
-/// Whether the end of the connection has been told, and notes that it has.
+/// Whether the end of the connection has been reported, and notes that it has.
 bool is_lost(const ubus_context& ctx);
 void set_lost(ubus_context& ctx);
 

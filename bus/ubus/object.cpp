@@ -56,7 +56,7 @@ void leave_objects(ubus_context& ctx, ubus_object& object) {
 // Enters an object under the id that the daemon has given it; the answer may still end in a
 // failure.
 void enter_object(ubus_context& ctx, ubus_object& object, const attributes& given) {
-    // Told twice, it must not stay in the tree under a key that changes.
+    // Reported twice, it must not stay in the tree under a key that changes.
     leave_objects(ctx, object);
     object.id = get_u32(given[UBUS_ATTR_OBJID]);
     if (object.type != nullptr && given[UBUS_ATTR_OBJTYPE] != nullptr) {
@@ -129,7 +129,7 @@ void handle_invoke(ubus_context& ctx, const message_head& head, const attributes
     }
     call.acl.user = get_text(given[UBUS_ATTR_USER]);
     call.acl.group = get_text(given[UBUS_ATTR_GROUP]);
-    // The rules are about all three.
+    // Access rules apply to all three together.
     call.acl.object =
         call.acl.user != nullptr && call.acl.group != nullptr ? object->name : nullptr;
     const int status =

@@ -1,4 +1,4 @@
-/// Requests of libubus: from the call that sends one to the callback that learns its end.
+/// Requests of libubus: from the call that sends one to the callback that is notified of its end.
 #include "request.h"
 
 #include <algorithm>
@@ -67,7 +67,7 @@ struct lookup_call {
     void* priv;
 };
 
-// The id of an object that the daemon tells of; null if it does not say.
+// The id of an object in the daemon's answer; null if there is none.
 const blob_attr* id_told(blob_attr* message, attributes& given) {
     return parse_attributes(message, given) ? given[UBUS_ATTR_OBJID] : nullptr;
 }

@@ -100,8 +100,8 @@ bool outgoing::send(ubus_context& ctx, std::uint8_t type, std::uint16_t seq,
     if (write_all(ctx.sock.fd, parts, 2)) {
         return true;
     }
-    // All that tells of it: the connection ends when the loop next reports the socket, which a
-    // daemon that has only stopped reading may put off for ever.
+    // The only report of the failure: the connection ends when the loop next reports the socket,
+    // which a daemon that has only stopped reading may put off for ever.
     ctx.sock.eof = true;
     return false;
 }
