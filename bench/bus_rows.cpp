@@ -13,7 +13,7 @@ namespace {
 const maker on_tarn{"tarn", "bench.tarn", {TARN_BENCH_TARN_PEER}};
 const maker on_plain{"plain", "bench.plain", {TARN_BENCH_PLAIN_PEER}};
 
-/// Libtarn first, then those that it stands beside. `bus` is the D-Bus daemon, if there is one.
+/// Libtarn first, then those that it is compared with. `bus` is the D-Bus daemon, if there is one.
 std::vector<maker> makers(const daemon* bus) {
     std::vector<maker> all{on_tarn, on_plain};
     if (bus != nullptr) {

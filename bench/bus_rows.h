@@ -8,7 +8,8 @@
 
 namespace tarn::bench {
 
-/// Measures and appends them. Throws std::runtime_error, also when a call was not answered rightly.
+/// Measures and appends them. Throws std::runtime_error, also when a call was not answered
+/// correctly.
 void measure_bus(const options& chosen, std::vector<row>& rows);
 
 } // namespace tarn::bench

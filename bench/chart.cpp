@@ -73,7 +73,7 @@ std::string number(double value, const char* format = "%.1f") {
 }
 
 struct bar {
-    std::size_t side; ///< its place among those that libtarn stands beside
+    std::size_t side; ///< its index among those that libtarn is compared with
     comparison ratio;
 };
 
@@ -83,7 +83,7 @@ struct group {
     double goal = 0; ///< 0: none
 };
 
-/// Where a ratio is. Reaches over all medians and goals, from 0.5 to 2 at least; an extent beyond
+/// The position of a ratio. Spans all medians and goals, from 0.5 to 2 at least; an extent beyond
 /// is cut off.
 class scale {
 public:

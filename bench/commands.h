@@ -25,9 +25,9 @@ struct load {
     bool look_up_each = true;
 };
 
-/// What a program can do for the driver; what it cannot is empty.
+/// What a program can do for the driver; a function that it does not offer is empty.
 struct abilities {
-    /// Makes the calls and returns how many were answered rightly, once none is in flight.
+    /// Makes the calls and returns how many were answered correctly, once none is in flight.
     std::function<unsigned long(const load&)> call;
     /// Makes so many calls of the method "mute" of an object, which never answers, and leaves them
     /// pending until the process ends. Returns when the service has them all.
@@ -40,11 +40,11 @@ struct abilities {
 /// cannot hold, and none of these is answered in a way that would slow the caller down.
 constexpr unsigned long pending_at_once = 100;
 
-/// Answers one line. A line that it does not know, or that the program has no ability for, ends the
-/// process with a message.
+/// Answers one line. An unknown line, or one that the program does not support, ends the process
+/// with a message.
 void answer(const std::string& line, const abilities& able);
 
-/// Tells the driver that commands may come, and answers them until the input ends.
+/// Reports to the driver that commands are accepted, and answers them until the input ends.
 void answer_commands(const abilities& able);
 
 /// Prints one line at once.

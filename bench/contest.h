@@ -10,7 +10,7 @@
 
 namespace tarn::bench {
 
-/// Those that calls are made with. `start` are the first words of their command line.
+/// A library that calls are made with. `start` are the first words of its programs' command line.
 struct maker {
     std::string name;
     std::string object; ///< what its service is called on the bus
@@ -21,8 +21,8 @@ struct maker {
 };
 
 /// A caller and a service, in a process each, one of them (or both) the one to be measured. Lives
-/// for one row, so that no row is under the influence of another. Failures throw
-/// std::runtime_error, also when a call was not answered rightly.
+/// for one row, so that no row affects another. Failures throw std::runtime_error, also when a call
+/// was not answered correctly.
 class contest {
 public:
     /// `preload`: a library to load before both, or empty.

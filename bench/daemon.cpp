@@ -18,8 +18,8 @@ namespace {
 
 namespace fs = std::filesystem;
 
-/// As the bus of a desktop has it, with nothing on it but what the benchmarks start; what stands
-/// between the two parts is the socket. Many calls in flight need more than the 128 replies that a
+/// As the bus of a desktop has it, with nothing on it but what the benchmarks start; the socket
+/// goes between the two parts. Many calls in flight need more than the 128 replies that a
 /// connection may wait for unless the settings say otherwise.
 const char* const dbus_settings[] = {
     R"(<!DOCTYPE busconfig PUBLIC "-//freedesktop//DTD D-Bus Bus Configuration 1.0//EN"

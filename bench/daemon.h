@@ -14,11 +14,11 @@ namespace tarn::bench {
 class daemon {
 public:
     /// `socket` is the path compiled into an installed libubus; empty with the bundled one, which
-    /// is told a path of this run's own. What a dead daemon has left there is replaced; a living
-    /// one is left alone, and is a failure. Leads the programs that are started afterwards there.
+    /// is given a path of this run's own. A socket left there by a dead daemon is replaced; one
+    /// that is served is left alone, and is a failure. Programs started afterwards connect to it.
     static std::unique_ptr<daemon> ubus(const std::string& program, const std::string& socket);
 
-    /// A D-Bus daemon of this run's own, which nobody finds who is not told address().
+    /// A D-Bus daemon of this run's own, found only by programs that are given address().
     static std::unique_ptr<daemon> dbus(const std::string& program);
 
     ~daemon();

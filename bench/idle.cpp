@@ -21,8 +21,8 @@ namespace fs = std::filesystem;
 
 using seconds = std::chrono::duration<double>;
 
-/// At most so long a client may have things left to do after its start, which are no work of an
-/// idle one. What still goes on then counts.
+/// The longest time that a client may need to settle after its start, which is not counted as the
+/// work of an idle one. Any activity that goes on for longer counts.
 constexpr int settling_seconds = 20;
 
 /// Of the clock that strace writes.
@@ -30,7 +30,7 @@ double now() {
     return seconds(std::chrono::system_clock::now().time_since_epoch()).count();
 }
 
-/// Of all threads of a process, from the kernel, which asks nothing of the process.
+/// Of all threads of a process, from the kernel, without any work for the process.
 unsigned long switches_of(pid_t process) {
     unsigned long sum = 0;
     for (const auto& thread :
@@ -47,7 +47,7 @@ unsigned long switches_of(pid_t process) {
 }
 
 /// The same client twice: tracing wakes a thread at each of its system calls, so the switches are
-/// those of one that is left alone.
+/// counted in one that is not traced.
 class idler {
 public:
     idler(const std::string& program, const std::string& object)
@@ -78,7 +78,7 @@ public:
     void end() {
         end_ = now();
         switches_ = switches_of(alone_.pid()) - switches_;
-        // Something to see at last, for the trace to prove that it sees.
+        // System calls at the end, to prove that the trace records them.
         traced_.ask("usage", "usage ");
         traced_.finish();
         std::ifstream trace(trace_);

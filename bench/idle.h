@@ -9,7 +9,7 @@ namespace tarn::bench {
 
 /// Connects a client of either side, with one object published, and prints the system calls and the
 /// context switches of its process over ten seconds (one in the quick form). Throws
-/// std::runtime_error, also if the counting does not count.
+/// std::runtime_error, also if the counting does not work.
 void measure_idle(const options& chosen, std::ostream& out);
 
 } // namespace tarn::bench

@@ -81,7 +81,7 @@ int main(int argc, char** argv) {
             measure_idle(chosen, std::cout);
             return 0;
         }
-        // A wrong file is told ahead of the minutes, not after.
+        // A wrong file is reported before the minutes of measuring, not after.
         const goals to_reach = chosen_goals(chosen);
         std::ofstream chart;
         if (!chosen.svg.empty()) {

@@ -13,7 +13,7 @@ class pending_calls {
 public:
     explicit pending_calls(ubus_context* context)
         : context_(context) {}
-    /// Drops them without a word to anybody.
+    /// Aborts them: no callback runs any more, and the service is not notified.
     ~pending_calls();
     pending_calls(const pending_calls&) = delete;
     pending_calls& operator=(const pending_calls&) = delete;

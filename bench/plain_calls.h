@@ -10,7 +10,7 @@
 namespace tarn::bench {
 
 /// One at a time are made with ubus_invoke(), which waits inside. With several in flight they are
-/// asynchronous, and those that have ended are replaced when the loop has handed over all that had
+/// asynchronous, and those that have ended are replaced when the loop has delivered all that had
 /// arrived: from inside the callback, each look-up would run the callbacks of other calls, which
 /// would look up in turn, one inside the other. Ends the process where libubus refuses.
 class plain_calls {
@@ -21,7 +21,7 @@ public:
     plain_calls(const plain_calls&) = delete;
     plain_calls& operator=(const plain_calls&) = delete;
 
-    /// Returns how many were answered rightly.
+    /// Returns how many were answered correctly.
     unsigned long make();
 
 private:

@@ -118,8 +118,8 @@ void to_epoll_loop(benchmark::State& state, unsigned threads) {
     running.join();
 }
 
-/// One task at a time to uloop, which posts the next to epoll_loop, and so on: the two hand-overs
-/// that a call costs beside the bus traffic.
+/// One task at a time to uloop, which posts the next to epoll_loop, and so on: the two changes of
+/// thread that a call costs beside the bus traffic.
 void there_and_back(benchmark::State& state) {
     auto& far = uloop::get_instance();
     loops::epoll_loop near;

@@ -18,15 +18,15 @@ struct sample {
     double allocations = -1; ///< below 0 when they were not counted
 };
 
-/// One of those that do the same work.
+/// One of the implementations that a row compares.
 struct side {
     std::string name; ///< heads its columns
     std::vector<sample> samples;
     std::optional<double> allocations;
 };
 
-/// One line of the table. The first side is libtarn; the others are what it stands beside, if
-/// anything. The sides have taken turns: samples of the same place belong to one turn.
+/// One line of the table. The first side is libtarn; the others are what it is compared with, if
+/// anything. The sides have taken turns: samples of the same index belong to one turn.
 struct row {
     std::string name;
     std::vector<side> sides;
@@ -66,7 +66,7 @@ inline comparison compare(const side& one, const side& other) {
     return {median(ratios), *ends.first, *ends.second};
 }
 
-/// The names of all that libtarn stands beside in these rows, each once, in their order.
+/// The names of all that libtarn is compared with in these rows, each once, in their order.
 inline std::vector<std::string> others(const std::vector<row>& rows) {
     std::vector<std::string> names;
     for (const row& each : rows) {

@@ -8,7 +8,7 @@
 
 namespace tarn::bench {
 
-/// Whose figures a row holds.
+/// Which end of the calls the figures of a row belong to.
 enum class role { calling, serving, both };
 
 struct scenario {

@@ -18,8 +18,8 @@ using namespace tarn::bench;
 const std::string path = "/bench";
 const std::string interface = "bench.Echo";
 
-/// Asynchronous calls whose handlers run on this thread. Its loop is theirs alone, so nobody has to
-/// be woken.
+/// Asynchronous calls whose handlers run on this thread. The loop serves nothing else, so no thread
+/// has to be woken.
 class calls {
 public:
     calls(sdbus::IConnection& connection, const load& wanted)

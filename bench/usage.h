@@ -11,7 +11,7 @@ struct usage {
     double sleeps = 0;
     /// How often a thread was taken off its processor, sleeps included.
     double switches = 0;
-    /// Allocations; below 0 when nobody counts them (see count_allocations.c).
+    /// Allocations; below 0 when they are not counted (see count_allocations.c).
     double allocations = -1;
 };
 

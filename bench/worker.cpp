@@ -31,7 +31,7 @@ worker::worker(std::vector<std::string> arguments, const std::string& preload)
         words.push_back(argument.data());
     }
     words.push_back(nullptr);
-    // The driver has one thread, so the child may do what it likes.
+    // The driver has one thread, so the child is not limited to async-signal-safe functions.
     const pid_t driver = ::getpid();
     pid_ = ::fork();
     if (pid_ == 0) {
