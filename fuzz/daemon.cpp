@@ -14,7 +14,7 @@
 
 namespace {
 
-// The ids that a real broker draws by lot count up here, so that an input can name them.
+// The ids that a real broker draws at random count up here, so that an input can name them.
 std::uint32_t last_id;
 
 class fuzzed_client : public busd::client {

@@ -86,7 +86,7 @@ public:
     connection(const connection&) = delete;
     connection& operator=(const connection&) = delete;
 
-    /// Fails only once libubus has cut the line, as it does at bytes that are no message.
+    /// Fails only once libubus has closed the connection, as it does on bytes that are no message.
     void receive(const fuzz::input& bytes) const {
         fuzz::require(::write(daemon_, bytes.data(), bytes.size()) ==
                               static_cast<ssize_t>(bytes.size()) ||
