@@ -166,7 +166,7 @@ public:
     }
 
 private:
-    // At once, since the next reply may be long in coming, and so may the end.
+    // Flushed at once: the next reply, or the end of the call, may be long in coming.
     void print(const tarn::blob::attr& reply) const {
         std::cout << tarn::ext::write_json(reply.get<tarn::blob::table>(), form_) << std::endl;
         if (!std::cout) {
@@ -306,7 +306,8 @@ int main(int argc, char** argv) {
             throw std::runtime_error(cannot_write);
         }
         if (exit_status == exit_timeout) {
-            // Perhaps the bus itself does not answer; the client's orderly end would wait for it.
+            // Perhaps the bus itself does not answer; a graceful shutdown of the client would wait
+            // for it.
             std::_Exit(exit_status);
         }
         return exit_status;
