@@ -1,4 +1,4 @@
-# tarn::ext: headers only, in include/tarn/ext. Nothing to build; whoever uses it links libtarn.
+# tarn::ext: headers only, in include/tarn/ext. Nothing to build; its users link libtarn.
 add_library(tarn_ext INTERFACE)
 add_library(tarn::ext ALIAS tarn_ext)
 target_compile_features(tarn_ext INTERFACE cxx_std_17)

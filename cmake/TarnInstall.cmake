@@ -1,6 +1,6 @@
 # Install rules: the libraries, the command-line client, the public headers, a CMake package
-# (find_package(tarn), with a component for each adapter of a loop) and pkg-config files. Nothing installed names the folder it was built or
-# installed in, so the tree can be moved.
+# (find_package(tarn), with a component for each adapter of a loop) and pkg-config files. Nothing
+# installed names the folder it was built or installed in, so the tree can be moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -11,7 +11,7 @@ install(TARGETS tarn tarn_ext tarn_loops tarn_loops_conformance tarn_testing EXP
         LIBRARY DESTINATION "${CMAKE_INSTALL_LIBDIR}"
         ARCHIVE DESTINATION "${CMAKE_INSTALL_LIBDIR}")
 if(TARN_EXAMPLES)
-    # Finds its library from where it stands.
+    # Finds its library relative to its own folder, so that the tree can be moved.
     file(RELATIVE_PATH _tarn_libdir "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
     set_target_properties(tarn_cli PROPERTIES INSTALL_RPATH "$ORIGIN/${_tarn_libdir}")
     install(TARGETS tarn_cli RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
@@ -50,7 +50,7 @@ if(TARN_BUS_FOUND STREQUAL "system")
         endif()
     endforeach()
     list(APPEND _tarn_private_libs -lubus -lubox)
-    # A static libtarn leaves the finding of libubus and libubox to its users.
+    # With a static libtarn, libubus and libubox must be found on the user's machine.
     install(FILES "${PROJECT_SOURCE_DIR}/cmake/FindLibubox.cmake"
                   "${PROJECT_SOURCE_DIR}/cmake/FindLibubus.cmake"
             DESTINATION "${_tarn_cmakedir}")
