@@ -21,9 +21,9 @@ void handle_buffered(ubus_context& ctx);
 /// Handles at most one message that has been read already; false if there was none.
 bool handle_one(ubus_context& ctx);
 
-/// Everything that happens when the connection is over, once: requests that nobody waits for are
-/// completed with UBUS_STATUS_TIMEOUT, then connection_lost is called. It may free the context if
-/// no synchronous request is in progress.
+/// Everything that happens when the connection is over, once: requests that ubus_complete_request()
+/// does not wait for are completed with UBUS_STATUS_TIMEOUT, then connection_lost is called. It may
+/// free the context if no synchronous request is in progress.
 void end_connection(ubus_context& ctx);
 
 /// Callback of the context's socket in uloop.
