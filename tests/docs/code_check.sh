@@ -1,6 +1,6 @@
 #!/usr/bin/env bash
 # code_check.sh COMPILER SOURCE
-# Every block of C++ in the pages is what it claims to be: the text of an example, or code that
+# Every block of C++ or C in the pages is what it claims to be: the text of an example, or code that
 # compiles. CONTRIBUTING.md says how a page marks its blocks. What other libraries the code needs is
 # in CPLUS_INCLUDE_PATH.
 set -euo pipefail
@@ -16,7 +16,7 @@ trap 'rm -rf "$work"' EXIT
 
 # For each block: a line "NUMBER example PATH PAGE:LINE", with its text in NUMBER.txt, or a line
 # "NUMBER code STANDARD PAGE:LINE", with a whole translation unit in NUMBER.cpp. Coroutines need
-# C++20; the rest is meant for C++17.
+# C++20; the rest is meant for C++17. C is for plain libubus.
 # shellcheck disable=SC2016 # awk's own dollars
 awk -v work="$work" '
     function refuse(reason) { print FILENAME ":" FNR ": " reason >"/dev/stderr"; bad = 1 }
@@ -36,7 +36,8 @@ awk -v work="$work" '
         } else {
             unit = includes before located(first) text after
             printf "%s", unit >(work "/" number ".cpp")
-            print number, "code", (text ~ /co_(await|return|yield)/ ? "c++20" : "c++17"), place
+            standard = text ~ /co_(await|return|yield)/ ? "c++20" : "c++17"
+            print number, "code", (is_c ? "gnu11" : standard), place
         }
         forget_marks()
         next
@@ -57,15 +58,16 @@ awk -v work="$work" '
     part == "after"                  { after = after located(FNR) $0 "\n"; next }
     /^<!-- code$/                    { forget_marks(); wrapped = 1; part = "before"; next }
     /^<!-- examples\/[^ ]* -->$/     { forget_marks(); example = $2; next }
-    /^```cpp$/ {
+    /^```(c|cpp)$/ {
         shown = 1
+        is_c = /c$/
         ++number
         place = FILENAME ":" FNR
         first = FNR + 1
         text = includes = ""
         next
     }
-    /^ *(```|~~~) *(c|cc|cpp|cxx|c\+\+|C|C\+\+)$/ { refuse("the language of a block of C++ is cpp") }
+    /^ *(```|~~~) *(c|cc|cpp|cxx|c\+\+|C|C\+\+)$/ { refuse("the language of a block is c or cpp") }
     NF                               { forget_marks() }
     END {
         if (shown || part) refuse("the page ends inside a block")
@@ -83,6 +85,13 @@ while read -r number kind what place; do
     if [[ $kind == example ]]; then
         diff -u --label "$place" --label "$what" "$work/$number.txt" "$what" ||
             bad=$((bad + 1))
+    elif [[ $what == gnu11 ]]; then
+        # The headers of the bundled bus declare what the real ones do.
+        cc -x c "-std=$what" -fsyntax-only -Wall -Werror -isystem bus/include \
+            "$work/$number.cpp" || {
+            echo "$place: does not compile" >&2
+            bad=$((bad + 1))
+        }
     elif ! "$compiler" "-std=$what" "${options[@]}" "$work/$number.cpp"; then
         echo "$place: does not compile" >&2
         bad=$((bad + 1))
@@ -90,5 +99,5 @@ while read -r number kind what place; do
     checked=$((checked + 1))
 done <"$work/blocks"
 
-echo "$checked blocks of C++, $bad bad"
+echo "$checked blocks of C++ and C, $bad bad"
 [[ $checked -gt 0 && $bad -eq 0 ]]
