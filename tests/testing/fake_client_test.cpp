@@ -51,6 +51,21 @@ protected:
         ASSERT_TRUE(bus.is_active());
     }
 
+    /// A call of a published object whose handler keeps the context in `kept`.
+    std::shared_ptr<const tarn::testing::served_call>
+    call_without_answer(std::shared_ptr<client::exchange_ctx>& kept) {
+        connect();
+        bus.add_object(
+            "slow",
+            {{"work",
+              {[&kept](const std::shared_ptr<client::exchange_ctx>& ctx) { kept = ctx; }, {}}}},
+            {});
+        loop->drain();
+        auto served = bus.call_published("slow", "work");
+        loop->drain();
+        return served;
+    }
+
     const std::shared_ptr<manual_loop> loop = std::make_shared<manual_loop>();
     fake_client bus{loop};
 };
@@ -300,15 +315,8 @@ TEST_F(FakeClient, APublishedObjectIsCalledDirectly) {
 }
 
 TEST_F(FakeClient, AnAnswerMayComeLaterAndFromAnotherThread) {
-    connect();
     std::shared_ptr<client::exchange_ctx> kept;
-    bus.add_object(
-        "slow",
-        {{"work", {[&](const std::shared_ptr<client::exchange_ctx>& ctx) { kept = ctx; }, {}}}},
-        {});
-    loop->drain();
-    const auto served = bus.call_published("slow", "work");
-    loop->drain();
+    const auto served = call_without_answer(kept);
     EXPECT_FALSE(served->status);
     ASSERT_TRUE(kept);
     std::thread([&] {
@@ -325,15 +333,8 @@ TEST_F(FakeClient, AnAnswerMayComeLaterAndFromAnotherThread) {
 }
 
 TEST_F(FakeClient, AContextExpiresWithItsConnection) {
-    connect();
     std::shared_ptr<client::exchange_ctx> kept;
-    bus.add_object(
-        "slow",
-        {{"work", {[&](const std::shared_ptr<client::exchange_ctx>& ctx) { kept = ctx; }, {}}}},
-        {});
-    loop->drain();
-    const auto served = bus.call_published("slow", "work");
-    loop->drain();
+    const auto served = call_without_answer(kept);
     bus.lose_connection();
     EXPECT_TRUE(kept->expired());
     kept->respond({});
