@@ -20,6 +20,8 @@
 
 namespace tarn {
 
+class bus;
+
 /// The process's client of the ubus bus.
 ///
 /// There is one per process. It owns a private thread that makes every call of libubus and
@@ -281,6 +283,13 @@ public:
     ///
     /// Thread: any.
     virtual std::weak_ptr<utils::event_loop> get_event_loop() const;
+
+    /// Events, subscriptions, introspection and the monitor over this client's connection; see
+    /// bus.h. It lives as long as the client.
+    ///
+    /// Thread: any.
+    /// Errors: a client that does not override it throws std::logic_error "tarn::client: No bus".
+    virtual bus& get_bus();
 };
 
 /// One incoming call being served, passed to a method handler.

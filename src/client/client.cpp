@@ -3,6 +3,8 @@
 
 #include "client/client_impl.h"
 
+#include <stdexcept>
+
 namespace tarn {
 
 client& client::get_instance(const std::weak_ptr<utils::event_loop>& loop) {
@@ -29,6 +31,10 @@ utils::link client::invoke_each(const std::string& path, const std::string& meth
 
 std::weak_ptr<utils::event_loop> client::get_event_loop() const {
     return {};
+}
+
+bus& client::get_bus() {
+    throw std::logic_error("tarn::client: No bus");
 }
 
 } // namespace tarn

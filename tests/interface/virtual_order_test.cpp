@@ -60,7 +60,7 @@ TEST(VirtualOrder, TheClientsFunctionsKeepTheirSlots) {
     expect_in_order(&client::connect, &client::auto_connect, &client::disconnect,
                     &client::notify_on_state_change, &client::get_state, &client::is_active,
                     &client::invoke, &client::add_object, &client::del_object, &client::cancel,
-                    &client::invoke_each, &client::get_event_loop);
+                    &client::invoke_each, &client::get_event_loop, &client::get_bus);
 }
 
 TEST(VirtualOrder, TheExchangeContextsFunctionsKeepTheirSlots) {
