@@ -3,8 +3,9 @@
 #pragma once
 
 #include <cstdint>
+#include <deque>
+#include <list>
 #include <string>
-#include <unordered_set>
 #include <utility>
 #include <vector>
 
@@ -13,6 +14,19 @@
 namespace busd {
 
 struct object;
+
+/// A look-up whose answer waits for its reader.
+struct pending_lookup {
+    bus::message_head request;
+    /// An exact path, or what the paths begin with.
+    std::string path;
+    bool prefix;
+    /// Something has been found, or need not be.
+    bool any;
+    /// Only paths behind this one are still to come, once there is one.
+    bool begun;
+    std::string last;
+};
 
 class client {
 public:
@@ -25,6 +39,9 @@ public:
 
     /// What waits for this client; the derived class takes it from here.
     outbox& out() { return out_; }
+
+    /// Answers to look-ups wait until out() has been read.
+    bool has_more() const { return !lookups_.empty(); }
 
     /// Its id on the bus; 0 while it is not attached.
     std::uint32_t id() const { return id_; }
@@ -46,8 +63,12 @@ private:
     std::string group_;
     // The start of a message whose rest has not arrived yet.
     std::vector<std::uint8_t> partial_;
-    std::unordered_set<object*> objects_;
+    // The oldest first.
+    std::list<object*> objects_;
     outbox out_;
+    // In the order of their requests; only the first has been begun.
+    std::deque<pending_lookup> lookups_;
+    std::size_t lookups_size_ = 0;
 };
 
 } // namespace busd

@@ -45,6 +45,10 @@ message::~message() {
     }
 }
 
+message& message::put_u8(std::uint8_t id, std::uint8_t value) {
+    return put_payload(id, &value, sizeof value);
+}
+
 message& message::put_u32(std::uint8_t id, std::uint32_t value) {
     value = htobe32(value);
     return put_payload(id, &value, sizeof value);

@@ -47,6 +47,7 @@ public:
     message(const message&) = delete;
     message& operator=(const message&) = delete;
 
+    message& put_u8(std::uint8_t id, std::uint8_t value);
     message& put_u32(std::uint8_t id, std::uint32_t value);
     /// Writes the text and the NUL that ends it on the wire.
     message& put_text(std::uint8_t id, const std::string& text);

@@ -10,6 +10,7 @@
 #include <string>
 #include <sys/epoll.h>
 #include <sys/socket.h>
+#include <utility>
 
 namespace busd {
 namespace {
@@ -56,6 +57,10 @@ public:
             read_input();
         }
         if ((events & EPOLLOUT) != 0) {
+            // One piece a round, however fast the reader is.
+            if (out().empty()) {
+                server_.broker_.resume(*this);
+            }
             on_output();
         }
     }
@@ -66,10 +71,11 @@ public:
         if (gone_) {
             return;
         }
-        if (out().empty() && leaving_) {
+        const bool waits = !out().empty() || has_more();
+        if (!waits && leaving_) {
             close_later();
-        } else if (out().empty() == waiting_for_reader_) {
-            waiting_for_reader_ = !out().empty();
+        } else if (waits != waiting_for_reader_) {
+            waiting_for_reader_ = waits;
             watch(EPOLL_CTL_MOD);
         }
     }
@@ -90,7 +96,7 @@ public:
 
 protected:
     void on_output() override {
-        if (!has_output_) {
+        if (!has_output_ && !gone_) {
             has_output_ = true;
             server_.with_output_.push_back(this);
         }
@@ -112,7 +118,7 @@ private:
     }
 
     void hang_up(bool still_reading) {
-        if (out().empty() || !still_reading) {
+        if ((out().empty() && !has_more()) || !still_reading) {
             close_later();
         } else if (!leaving_) {
             leaving_ = true;
@@ -203,15 +209,17 @@ void server::run() {
 }
 
 void server::finish_round() {
-    for (connection* ready : with_output_) {
-        ready->flush_round();
+    // Who goes leaves messages for others, and those may turn out to have gone, too.
+    while (!with_output_.empty() || !gone_.empty()) {
+        for (connection* ready : with_output_) {
+            ready->flush_round();
+        }
+        with_output_.clear();
+        for (connection* leaving : std::exchange(gone_, {})) {
+            broker_.detach(*leaving);
+            connections_.erase(leaving);
+        }
     }
-    with_output_.clear();
-    for (connection* leaving : gone_) {
-        broker_.detach(*leaving);
-        connections_.erase(leaving);
-    }
-    gone_.clear();
 }
 
 void server::watch_listener(bool on) {

@@ -22,18 +22,31 @@ extern "C" {
 
 #include "ubusmsg.h"
 
+/** Subscribers of one notification whose ends are reported each on its own. */
+#define UBUS_MAX_NOTIFY_PEERS 16
+
 struct ubus_context;
 struct ubus_object;
 struct ubus_request;
 struct ubus_request_data;
 struct ubus_object_data;
+struct ubus_event_handler;
+struct ubus_subscriber;
+struct ubus_notify_request;
 
 /** Handles one incoming call. What it returns becomes the call's status, unless it has deferred
  * the request. `msg` and the pointers in `req->acl` are valid during the call only. */
 typedef int (*ubus_handler_t)(struct ubus_context* ctx, struct ubus_object* obj,
                               struct ubus_request_data* req, const char* method,
                               struct blob_attr* msg);
+/** The object's first subscriber has come, or its last has gone: see `has_subscribers`. */
 typedef void (*ubus_state_handler_t)(struct ubus_context* ctx, struct ubus_object* obj);
+/** The object `id` that this one was subscribed to has left the bus. */
+typedef void (*ubus_remove_handler_t)(struct ubus_context* ctx, struct ubus_subscriber* obj,
+                                      uint32_t id);
+/** Takes one event: its id as sent, and its table, which is valid during the call only. */
+typedef void (*ubus_event_handler_t)(struct ubus_context* ctx, struct ubus_event_handler* ev,
+                                     const char* type, struct blob_attr* msg);
 typedef void (*ubus_lookup_handler_t)(struct ubus_context* ctx, struct ubus_object_data* obj,
                                       void* priv);
 typedef void (*ubus_connect_handler_t)(struct ubus_context* ctx);
@@ -43,6 +56,13 @@ typedef void (*ubus_data_handler_t)(struct ubus_request* req, int type, struct b
 typedef void (*ubus_fd_handler_t)(struct ubus_request* req, int fd);
 /** Reports the end of an asynchronous request. The record may be freed in here. */
 typedef void (*ubus_complete_handler_t)(struct ubus_request* req, int ret);
+/** Reports how one subscriber has answered a notification: its place in `id`, and its status. As
+ * `complete_cb`: all have answered, and both numbers are 0. */
+typedef void (*ubus_notify_complete_handler_t)(struct ubus_notify_request* req, int idx, int ret);
+typedef void (*ubus_notify_data_handler_t)(struct ubus_notify_request* req, int type,
+                                           struct blob_attr* msg);
+typedef bool (*ubus_new_object_handler_t)(struct ubus_context* ctx, struct ubus_subscriber* sub,
+                                          const char* path);
 
 /** Of the library alone. */
 struct ubus_msghdr_buf {
@@ -72,10 +92,26 @@ struct ubus_object {
     uint32_t id;      /* 0 while it is not on the bus */
     const char* path;
     struct ubus_object_type* type;
-    ubus_state_handler_t subscribe_cb; /* the bundled bus has no subscriptions */
+    ubus_state_handler_t subscribe_cb; /* may be null */
     bool has_subscribers;
     const struct ubus_method* methods;
     int n_methods;
+};
+
+/** An anonymous object that notifications of others go to. Zero it before it is registered. */
+struct ubus_subscriber {
+    struct list_head list; /* not used by the bundled bus */
+    struct ubus_object obj;
+    ubus_handler_t cb;               /* answers a notification as a method would; may be null */
+    ubus_remove_handler_t remove_cb; /* may be null */
+    ubus_new_object_handler_t new_obj_cb; /* must be null in the bundled bus */
+};
+
+/** An object that events go to, anonymous unless `obj` has a name and a type. Zero it before it is
+ * registered. */
+struct ubus_event_handler {
+    struct ubus_object obj;
+    ubus_event_handler_t cb;
 };
 
 struct ubus_context {
@@ -91,6 +127,8 @@ struct ubus_context {
     /** The connection has ended; called once. With stack_depth above 0 a synchronous request is
      * still using the context: take `sock` out of the loop, but free the context later. */
     ubus_connect_handler_t connection_lost;
+    /** Takes what ubus_monitor_start() asks for, at once, even during a synchronous request. `seq`
+     * counts these messages, `data` holds the attributes UBUS_MONITOR_... */
     void (*monitor_cb)(struct ubus_context* ctx, uint32_t seq, struct blob_attr* data);
     struct ubus_msghdr_buf msgbuf; /* of the library alone, as are the next two */
     uint32_t msgbuf_data_len;
@@ -138,6 +176,18 @@ struct ubus_request {
     int fd;
     struct ubus_context* ctx;
     void* priv;
+};
+
+/** A notification that waits for its subscribers. `req` is its request: complete or abort that,
+ * and leave its callbacks, which are the library's, alone. */
+struct ubus_notify_request {
+    struct ubus_request req;
+    ubus_notify_complete_handler_t status_cb;
+    ubus_notify_complete_handler_t complete_cb;
+    ubus_notify_data_handler_t data_cb;
+    uint32_t pending; /* bit n: id[n] has not answered yet */
+    uint32_t
+        id[UBUS_MAX_NOTIFY_PEERS + 1]; /* of the object, then of its subscribers; 0 ends them */
 };
 
 /** Connects to the daemon's socket at `path`; with a null path to the one named by the environment
@@ -205,6 +255,35 @@ int ubus_add_object(struct ubus_context* ctx, struct ubus_object* obj);
 /** Withdraws an object. Synchronous. */
 int ubus_remove_object(struct ubus_context* ctx, struct ubus_object* obj);
 
+/** Publishes a subscriber, which then may be subscribed to any number of objects. Synchronous.
+ * UBUS_STATUS_NOT_SUPPORTED if `new_obj_cb` is set. */
+int ubus_register_subscriber(struct ubus_context* ctx, struct ubus_subscriber* obj);
+
+/** Withdraws a subscriber, and so ends its subscriptions. Synchronous. */
+static inline int ubus_unregister_subscriber(struct ubus_context* ctx,
+                                             struct ubus_subscriber* obj) {
+    return ubus_remove_object(ctx, &obj->obj);
+}
+
+/** Has the notifications of the object `id` go to `obj`, once for each call of this. Synchronous.
+ * An object of the same context is an invalid argument. */
+int ubus_subscribe(struct ubus_context* ctx, struct ubus_subscriber* obj, uint32_t id);
+/** Ends one subscription. Synchronous. */
+int ubus_unsubscribe(struct ubus_context* ctx, struct ubus_subscriber* obj, uint32_t id);
+
+/** Calls a method of the daemon's monitor, `type` being "add" or "remove". Synchronous, at most one
+ * second. */
+int __ubus_monitor(struct ubus_context* ctx, const char* type);
+
+/** Has the daemon send every message that passes to `monitor_cb`. For root only. */
+static inline int ubus_monitor_start(struct ubus_context* ctx) {
+    return __ubus_monitor(ctx, "add");
+}
+
+static inline int ubus_monitor_stop(struct ubus_context* ctx) {
+    return __ubus_monitor(ctx, "remove");
+}
+
 /** Sends one data reply. UBUS_STATUS_NO_DATA if it cannot be written. The size is not checked: the
  * daemon disconnects a client that sends more than 1 MiB. */
 int ubus_send_reply(struct ubus_context* ctx, struct ubus_request_data* req, struct blob_attr* msg);
@@ -221,6 +300,33 @@ static inline void ubus_defer_request(struct ubus_context* ctx, struct ubus_requ
 /** Ends a deferred request with a status. */
 void ubus_complete_deferred_request(struct ubus_context* ctx, struct ubus_request_data* req,
                                     int ret);
+
+/** Sends a notification to all subscribers of an object of this context. With a `timeout` below 0
+ * they are not to answer, and nothing is waited for; else waits for all of them, at most that many
+ * milliseconds (0: no limit). */
+int ubus_notify(struct ubus_context* ctx, struct ubus_object* obj, const char* type,
+                struct blob_attr* msg, int timeout);
+
+/** Initialises `req` and sends the notification. Set the callbacks of `req` afterwards, then pass
+ * `req->req` to one of the ubus_complete_... functions. */
+int ubus_notify_async(struct ubus_context* ctx, struct ubus_object* obj, const char* type,
+                      struct blob_attr* msg, struct ubus_notify_request* req);
+
+/** Sends an event to all others that listen. Synchronous: waits, without a limit, until the daemon
+ * has taken it; that anybody has received it is not confirmed. */
+int ubus_send_event(struct ubus_context* ctx, const char* id, struct blob_attr* data);
+
+/** Publishes `ev` if it is not on the bus yet, and has the events go to it whose id is `pattern`,
+ * or begins with it up to a final `*`. More patterns may follow; an event that matches several is
+ * received once. Synchronous. */
+int ubus_register_event_handler(struct ubus_context* ctx, struct ubus_event_handler* ev,
+                                const char* pattern);
+
+/** Withdraws the handler with all its patterns. Synchronous. */
+static inline int ubus_unregister_event_handler(struct ubus_context* ctx,
+                                                struct ubus_event_handler* ev) {
+    return ubus_remove_object(ctx, &ev->obj);
+}
 
 #ifdef __cplusplus
 }

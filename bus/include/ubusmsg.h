@@ -6,6 +6,12 @@
 
 #include <stdint.h>
 
+/* The daemon's own objects. They are called like any other, and no look-up returns them. */
+#define UBUS_SYSTEM_OBJECT_EVENT 1
+#define UBUS_SYSTEM_OBJECT_ACL 2 /* not there in the bundled bus */
+#define UBUS_SYSTEM_OBJECT_MONITOR 3
+#define UBUS_SYSTEM_OBJECT_MAX 1024 /* ids below are the daemon's */
+
 struct ubus_msghdr {
     uint8_t version; /* always 0 */
     uint8_t type;    /* enum ubus_msg_type */
@@ -41,10 +47,21 @@ enum ubus_msg_attr {
     UBUS_ATTR_TARGET,      /* int32 */
     UBUS_ATTR_ACTIVE,      /* int8 */
     UBUS_ATTR_NO_REPLY,    /* int8 */
-    UBUS_ATTR_SUBSCRIBERS, /* nested */
+    UBUS_ATTR_SUBSCRIBERS, /* nested: one int32 of blob id 0 per subscriber */
     UBUS_ATTR_USER,        /* string */
     UBUS_ATTR_GROUP,       /* string */
     UBUS_ATTR_MAX
+};
+
+/* The attributes of a MONITOR message, by blob id. */
+enum ubus_monitor_attr {
+    UBUS_MONITOR_CLIENT, /* int32: whose message it is */
+    UBUS_MONITOR_PEER,   /* int32, from its header, like SEQ and TYPE */
+    UBUS_MONITOR_SEND,   /* int8: 0 the client has sent it, 1 it goes to the client */
+    UBUS_MONITOR_SEQ,    /* int32 */
+    UBUS_MONITOR_TYPE,   /* int32 */
+    UBUS_MONITOR_DATA,   /* nested: its attributes */
+    UBUS_MONITOR_MAX
 };
 
 enum ubus_msg_status {

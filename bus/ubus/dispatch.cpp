@@ -1,5 +1,5 @@
-/// What libubus does with received messages: answers go to their requests at once, calls wait while
-/// a synchronous request is in progress.
+/// What libubus does with received messages: answers go to their requests at once, calls and
+/// unasked messages wait while a synchronous request is in progress.
 #include "dispatch.h"
 
 #include <cstdlib>
@@ -13,30 +13,58 @@ namespace {
 // Pieces read from a busy socket before uloop's other descriptors are served.
 constexpr int reads_per_event = 16;
 
-// A call that came in while a synchronous request was in progress. The message follows it.
-struct pending_call {
+// A message that came in while a synchronous request was in progress, and follows the record.
+struct pending_message {
     list_head list;
     message_head head;
-    blob_attr* message() { return reinterpret_cast<blob_attr*>(this + 1); }
+    blob_attr* blob() { return reinterpret_cast<blob_attr*>(this + 1); }
 };
 
-pending_call* first_pending(ubus_context& ctx) {
-    return record_of<pending_call>(ctx.pending.next, offsetof(pending_call, list));
+pending_message* first_pending(ubus_context& ctx) {
+    return record_of<pending_message>(ctx.pending.next, offsetof(pending_message, list));
 }
 
-void postpone(ubus_context& ctx, const incoming& call, const attributes& given) {
-    const std::size_t length = call.head().size - sizeof(ubus_msghdr);
-    auto* kept = static_cast<pending_call*>(std::malloc(sizeof(pending_call) + length));
+void postpone(ubus_context& ctx, const incoming& message, const attributes& given) {
+    const std::size_t length = message.head().size - sizeof(ubus_msghdr);
+    auto* kept = static_cast<pending_message*>(std::malloc(sizeof(pending_message) + length));
     if (kept == nullptr) {
-        refuse_invoke(ctx, call.head(), given, UBUS_STATUS_NO_MEMORY);
+        if (message.head().type == UBUS_MSG_INVOKE) {
+            refuse_invoke(ctx, message.head(), given, UBUS_STATUS_NO_MEMORY);
+        }
         return;
     }
-    kept->head = call.head();
-    std::memcpy(static_cast<void*>(kept->message()), call.blob(), length);
+    kept->head = message.head();
+    std::memcpy(static_cast<void*>(kept->blob()), message.blob(), length);
     list_add_tail(&kept->list, &ctx.pending);
 }
 
+// Those that run handlers of the application, which may wait inside for further messages.
+void handle_unasked(ubus_context& ctx, const message_head& head, const attributes& given) {
+    switch (head.type) {
+    case UBUS_MSG_INVOKE:
+        handle_invoke(ctx, head, given);
+        break;
+    case UBUS_MSG_UNSUBSCRIBE:
+        handle_lost_target(ctx, given);
+        break;
+    default:
+        handle_subscribed(ctx, given);
+        break;
+    }
+}
+
+// Its attributes have ids of their own, and are the application's to check.
+void handle_monitored(ubus_context& ctx, const incoming& message) {
+    if (ctx.monitor_cb != nullptr) {
+        ctx.monitor_cb(&ctx, message.head().seq, message.blob());
+    }
+}
+
 void handle(ubus_context& ctx, const incoming& message) {
+    if (message.head().type == UBUS_MSG_MONITOR) {
+        handle_monitored(ctx, message);
+        return;
+    }
     attributes given;
     if (!parse_attributes(message.blob(), given)) {
         break_connection(ctx);
@@ -48,14 +76,16 @@ void handle(ubus_context& ctx, const incoming& message) {
         handle_answer(ctx, message.head(), message.blob(), given);
         break;
     case UBUS_MSG_INVOKE:
+    case UBUS_MSG_UNSUBSCRIBE:
+    case UBUS_MSG_NOTIFY:
         if (ctx.stack_depth > 0) {
             postpone(ctx, message, given);
         } else {
-            handle_invoke(ctx, message.head(), given);
+            handle_unasked(ctx, message.head(), given);
         }
         break;
     default:
-        // For features that this library does not have.
+        // A daemon sends no others after its greeting.
         break;
     }
 }
@@ -99,21 +129,21 @@ void on_socket(uloop_fd* sock, unsigned int) {
 
 void run_pending(ubus_context& ctx) {
     while (!list_empty(&ctx.pending)) {
-        pending_call* call = first_pending(ctx);
-        list_del(&call->list);
+        pending_message* kept = first_pending(ctx);
+        list_del(&kept->list);
         attributes given;
-        if (parse_attributes(call->message(), given)) {
-            handle_invoke(ctx, call->head, given);
+        if (parse_attributes(kept->blob(), given)) {
+            handle_unasked(ctx, kept->head, given);
         }
-        std::free(call);
+        std::free(kept);
     }
 }
 
 void drop_pending(ubus_context& ctx) {
     while (!list_empty(&ctx.pending)) {
-        pending_call* call = first_pending(ctx);
-        list_del(&call->list);
-        std::free(call);
+        pending_message* kept = first_pending(ctx);
+        list_del(&kept->list);
+        std::free(kept);
     }
 }
 

@@ -29,11 +29,20 @@ void end_connection(ubus_context& ctx);
 /// Callback of the context's socket in uloop.
 void on_socket(uloop_fd* sock, unsigned int events);
 
-/// Handles the calls that have waited for the end of a synchronous request.
+/// Handles the calls and unasked messages that have waited for the end of a synchronous request.
 void run_pending(ubus_context& ctx);
 
-/// Drops the calls that wait for the end of a synchronous request.
+/// Drops what waits for the end of a synchronous request.
 void drop_pending(ubus_context& ctx);
+
+/// The published object with this id; null if there is none.
+ubus_object* find_object(ubus_context& ctx, std::uint32_t id);
+
+/// The object that a subscriber of this context was subscribed to has left the bus.
+void handle_lost_target(ubus_context& ctx, const attributes& given);
+
+/// The first subscriber of an object of this context has come, or its last has gone.
+void handle_subscribed(ubus_context& ctx, const attributes& given);
 
 /// Runs the handler of one incoming call and answers it. A call of an object that is not there, or
 /// without a method, is answered to peer 0: its caller receives nothing.
@@ -46,6 +55,13 @@ void refuse_invoke(ubus_context& ctx, const message_head& head, const attributes
 /// Passes a DATA or STATUS message to the request that waits for it.
 void handle_answer(ubus_context& ctx, const message_head& head, blob_attr* message,
                    const attributes& given);
+
+/// Whether the request waits for an answer that comes from this peer.
+bool awaits_answer_of(ubus_request& request, std::uint32_t peer);
+
+/// Passes a STATUS message to the notification that waits for it, and ends that if it waits for
+/// nothing further.
+void handle_notification_status(ubus_request& request, std::uint32_t peer, const attributes& given);
 
 /// Unlinks the request and notifies its complete_cb.
 void finish_request(ubus_request& request, int status);

@@ -17,6 +17,7 @@ public:
     outgoing(const outgoing&) = delete;
     outgoing& operator=(const outgoing&) = delete;
 
+    outgoing& put_u8(int id, std::uint8_t value);
     outgoing& put_u32(int id, std::uint32_t value);
     outgoing& put_text(int id, const char* text);
     /// Copies what `message`, a blob of the caller's, holds; nothing if it is null.

@@ -4,12 +4,13 @@
 #include "request.h"
 
 namespace bus {
-namespace {
 
 ubus_object* find_object(ubus_context& ctx, std::uint32_t id) {
     avl_node* node = avl_find(&ctx.objects, &id);
     return node == nullptr ? nullptr : record_of<ubus_object>(node, offsetof(ubus_object, avl));
 }
+
+namespace {
 
 void send_status(ubus_context& ctx, const ubus_request_data& call, int status) {
     outgoing message;

@@ -55,7 +55,7 @@ int wait_for(ubus_context& ctx, const ubus_request& request, const clock::time_p
 ubus_request* find_request(ubus_context& ctx, std::uint16_t seq, std::uint32_t peer) {
     for (list_head* at = ctx.requests.next; at != &ctx.requests; at = at->next) {
         auto* request = record_of<ubus_request>(at, offsetof(ubus_request, list));
-        if (request->seq == seq && request->peer == peer) {
+        if (request->seq == seq && awaits_answer_of(*request, peer)) {
             return request;
         }
     }
@@ -143,7 +143,9 @@ void handle_answer(ubus_context& ctx, const message_head& head, blob_attr* messa
     if (request == nullptr) {
         return;
     }
-    if (head.type == UBUS_MSG_STATUS) {
+    if (head.type == UBUS_MSG_STATUS && request->notify) {
+        handle_notification_status(*request, head.peer, given);
+    } else if (head.type == UBUS_MSG_STATUS) {
         finish_request(*request, static_cast<int>(get_u32(given[UBUS_ATTR_STATUS],
                                                           UBUS_STATUS_INVALID_ARGUMENT)));
     } else if (request->raw_data_cb != nullptr) {

@@ -43,6 +43,11 @@ bool write_all(int fd, iovec* parts, int left) {
 outgoing::outgoing()
     : failed_(blob_buf_init(&send_buffer, 0) != 0) {}
 
+outgoing& outgoing::put_u8(int id, std::uint8_t value) {
+    failed_ = failed_ || blob_put_u8(&send_buffer, id, value) == nullptr;
+    return *this;
+}
+
 outgoing& outgoing::put_u32(int id, std::uint32_t value) {
     failed_ = failed_ || blob_put_u32(&send_buffer, id, value) == nullptr;
     return *this;
