@@ -58,11 +58,12 @@ int start_notification(ubus_context& ctx, const ubus_object& object, const char*
                        bool wants_answers) {
     notification = ubus_notify_request{};
     outgoing message;
-    message.put_u32(UBUS_ATTR_OBJID, object.id).put_text(UBUS_ATTR_METHOD, name);
+    message.put_u32(UBUS_ATTR_OBJID, object.id)
+        .put_text(UBUS_ATTR_METHOD, name)
+        .put_nested(UBUS_ATTR_DATA, data);
     if (!wants_answers) {
         message.put_u8(UBUS_ATTR_NO_REPLY, 1);
     }
-    message.put_nested(UBUS_ATTR_DATA, data);
     const int started = start_request(ctx, notification.req, message, UBUS_MSG_NOTIFY, object.id);
     notification.req.notify = true;
     notification.req.data_cb = on_data;

@@ -5,11 +5,8 @@
 #include <atomic>
 #include <fcntl.h>
 #include <future>
-#include <linux/sockios.h>
 #include <poll.h>
-#include <sched.h>
 #include <string>
-#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -19,15 +16,6 @@ namespace {
 using namespace ubus_tests;
 
 using UbusBehaviour = ubus_test;
-
-// Waits until the other end has taken everything that was sent.
-void wait_until_read(const wire::peer& client) {
-    int waiting = 0;
-    do {
-        ::sched_yield();
-        ASSERT_EQ(::ioctl(client.fd(), SIOCOUTQ, &waiting), 0);
-    } while (waiting > 0);
-}
 
 TEST_F(UbusBehaviour, ConnectingTakesTheDefaultSignalDispositionsAgain) {
     const scripted_bus bus([](wire::peer& client) { client.wait_for_end(); });

@@ -9,8 +9,11 @@
 #include <endian.h>
 #include <functional>
 #include <gtest/gtest.h>
+#include <linux/sockios.h>
 #include <memory>
+#include <sched.h>
 #include <string>
+#include <sys/ioctl.h>
 #include <thread>
 #include <vector>
 
@@ -62,6 +65,15 @@ struct buffer {
     ~buffer() { blob_buf_free(&buf); }
     blob_buf buf{};
 };
+
+// Waits until the other end has taken everything that was sent.
+inline void wait_until_read(const wire::peer& client) {
+    int waiting = 0;
+    do {
+        ::sched_yield();
+        ASSERT_EQ(::ioctl(client.fd(), SIOCOUTQ, &waiting), 0);
+    } while (waiting > 0);
+}
 
 inline wire::bytes status(const wire::received& request, std::uint32_t value) {
     return wire::message(wire::status, request.seq(), request.peer(), wire::status_is(value));
