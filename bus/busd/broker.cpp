@@ -31,6 +31,7 @@ void broker::attach(client& joining) {
 }
 
 void broker::detach(client& leaving) {
+    end_monitor(leaving);
     // Nothing that follows from its going is sent to itself any more.
     clients_.erase(leaving.id_);
     leaving.id_ = 0;
@@ -80,6 +81,7 @@ bool broker::receive(client& sender, const std::uint8_t* bytes, std::size_t coun
 }
 
 void broker::handle(client& sender, const std::uint8_t* bytes, const head& message_head) {
+    show(sender, direction::from_client, bytes, message_head.size);
     // An attribute that is not as it should be counts as missing.
     attributes given;
     const bool well_formed = bus::parse_attributes(
@@ -136,21 +138,29 @@ void broker::reply_status(client& asking, const head& request, std::uint32_t sta
     send(asking, answer);
 }
 
-bool broker::send(client& receiver, message& ready) {
-    // No reader could take a message above the limit, and who is leaving reads no more.
-    if (ready.too_long() || receiver.id_ == 0) {
-        return false;
-    }
-    if (!ready.fits()) {
+bool broker::make_room(client& receiver, const message& ready, std::size_t more) {
+    if (!ready.fits(more)) {
         receiver.on_full();
     }
-    // A client that reads too slowly loses whole messages; the daemon does not wait for it.
-    if (!ready.fits()) {
-        return false;
+    return ready.fits(more);
+}
+
+void broker::send(client& receiver, message& ready) {
+    // No reader could take a message above the limit, and who is leaving reads no more.
+    if (ready.too_long() || receiver.id_ == 0) {
+        return;
     }
-    ready.commit();
-    receiver.on_output();
-    return true;
+    if (!monitors_.empty()) {
+        // The copies come first, to whom the message is for, too.
+        const std::vector<std::uint8_t> whole = ready.lift();
+        show(receiver, direction::to_client, whole.data(), whole.size());
+        ready.put_back(whole);
+    }
+    // A client that reads too slowly loses whole messages; the daemon does not wait for it.
+    if (make_room(receiver, ready)) {
+        ready.commit();
+        receiver.on_output();
+    }
 }
 
 object* broker::find_object(std::uint32_t id) const {

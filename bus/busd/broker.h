@@ -50,8 +50,9 @@ private:
     // Sends back what the ping held, `bytes` being the whole message; nothing of it if null.
     void answer_ping(client& asking, const head& request, const std::uint8_t* bytes);
     void reply_status(client& asking, const head& request, std::uint32_t status);
-    // False if the client has no room for it; the message is lost then.
-    bool send(client& receiver, message& ready);
+    // Lost if the client has no room for it.
+    static bool make_room(client& receiver, const message& ready, std::size_t more = 0);
+    void send(client& receiver, message& ready);
     std::uint32_t unused_id() const;
     object* find_object(std::uint32_t id) const;
 
@@ -69,6 +70,13 @@ private:
     // calls.cpp
     void invoke(client& sender, const head& request, const attributes& given);
     void answer_call(client& sender, const head& answer, const attributes& given);
+
+    // monitor.cpp
+    std::uint32_t call_monitor(client& sender, const attributes& given);
+    void end_monitor(const client& leaving);
+    // Sends a copy of a whole message to every monitor.
+    enum class direction { from_client, to_client };
+    void show(const client& whose, direction way, const std::uint8_t* bytes, std::size_t size);
 
     // events.cpp
     std::uint32_t call_events(client& sender, const attributes& given);
@@ -90,12 +98,20 @@ private:
     void end_subscriptions(object& leaving);
     void report_activity(object& target, bool active);
 
+    struct monitor {
+        client* reader;
+        // Counts the copies that did not fit, too: the reader sees by a gap that it has missed
+        // some.
+        std::uint16_t last_seq;
+    };
+
     std::unordered_map<std::uint32_t, client*> clients_;
     std::unordered_map<std::uint32_t, std::unique_ptr<object>> objects_;
     std::map<std::string, object*> paths_;
     // Only looked at: a type lives as long as an object has it.
     std::unordered_map<std::uint32_t, std::weak_ptr<object_type>> types_;
     event_patterns patterns_;
+    std::vector<monitor> monitors_;
     // Of the last event that was sent to an object.
     std::uint16_t event_seq_ = 0;
 };

@@ -13,6 +13,10 @@ void broker::invoke(client& sender, const head& request, const attributes& given
         reply_status(sender, request, call_events(sender, given));
         return;
     }
+    if (id == UBUS_SYSTEM_OBJECT_MONITOR) {
+        reply_status(sender, request, call_monitor(sender, given));
+        return;
+    }
     const object* const callee = find_object(id);
     if (callee == nullptr) {
         reply_status(sender, request, UBUS_STATUS_NOT_FOUND);

@@ -30,9 +30,11 @@ struct pending_lookup {
 
 class client {
 public:
-    client(std::string user, std::string group)
+    /// `is_root`: it may see what others send.
+    client(std::string user, std::string group, bool is_root = false)
         : user_(std::move(user))
-        , group_(std::move(group)) {}
+        , group_(std::move(group))
+        , is_root_(is_root) {}
     virtual ~client() = default;
     client(const client&) = delete;
     client& operator=(const client&) = delete;
@@ -61,6 +63,7 @@ private:
     std::uint32_t id_ = 0;
     std::string user_;
     std::string group_;
+    bool is_root_;
     // The start of a message whose rest has not arrived yet.
     std::vector<std::uint8_t> partial_;
     // The oldest first.

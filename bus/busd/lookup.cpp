@@ -72,13 +72,21 @@ bool broker::describe(client& asking, const head& request, const object& found) 
         .put_u32(UBUS_ATTR_OBJTYPE, found.type->id)
         .put_payload(UBUS_ATTR_SIGNATURE, found.type->signature.data(),
                      found.type->signature.size());
-    return send(asking, answer);
+    if (!make_room(asking, answer)) {
+        return false;
+    }
+    send(asking, answer);
+    return true;
 }
 
 bool broker::end_lookup(client& asking, const pending_lookup& request) {
     message answer(asking.out_, UBUS_MSG_STATUS, request.request.seq, request.request.peer);
     answer.put_u32(UBUS_ATTR_STATUS, request.any ? UBUS_STATUS_OK : UBUS_STATUS_NOT_FOUND);
-    return send(asking, answer);
+    if (!make_room(asking, answer)) {
+        return false;
+    }
+    send(asking, answer);
+    return true;
 }
 
 } // namespace busd

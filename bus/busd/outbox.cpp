@@ -93,15 +93,32 @@ bool message::too_long() const {
     return blob_size() > bus::longest_blob;
 }
 
-bool message::fits() const {
-    return out_.empty() || out_.bytes_.size() - out_.head_ <= outbox::limit;
+bool message::fits(std::size_t more) const {
+    return (out_.empty() && more == 0) || out_.bytes_.size() - out_.head_ + more <= outbox::limit;
 }
 
 void message::commit() {
-    store_u32(out_.bytes_.data() + out_.end_ + sizeof(ubus_msghdr),
-              static_cast<std::uint32_t>(blob_size()));
+    store_size();
     out_.end_ = out_.bytes_.size();
     done_ = true;
+}
+
+std::vector<std::uint8_t> message::lift() {
+    store_size();
+    auto& bytes = out_.bytes_;
+    const auto start = bytes.begin() + static_cast<std::ptrdiff_t>(out_.end_);
+    std::vector<std::uint8_t> lifted(start, bytes.end());
+    bytes.resize(out_.end_);
+    return lifted;
+}
+
+void message::put_back(const std::vector<std::uint8_t>& bytes) {
+    out_.bytes_.insert(out_.bytes_.end(), bytes.begin(), bytes.end());
+}
+
+void message::store_size() {
+    store_u32(out_.bytes_.data() + out_.end_ + sizeof(ubus_msghdr),
+              static_cast<std::uint32_t>(blob_size()));
 }
 
 } // namespace busd

@@ -59,13 +59,20 @@ public:
 
     /// True if the message has outgrown what the protocol allows.
     bool too_long() const;
-    /// True if the outbox takes the message as it is filled now.
-    bool fits() const;
+    /// True if the outbox takes the message as it is filled now, and `more` bytes behind it.
+    bool fits(std::size_t more = 0) const;
     /// Makes the message part of the outbox.
     void commit();
 
+    /// Takes the whole message out again, header included, so that another one can be put into the
+    /// outbox before it.
+    std::vector<std::uint8_t> lift();
+    /// Puts what lift() has returned to where the outbox ends now.
+    void put_back(const std::vector<std::uint8_t>& bytes);
+
 private:
     std::size_t blob_size() const;
+    void store_size();
 
     outbox& out_;
     bool done_ = false;

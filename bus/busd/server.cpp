@@ -39,7 +39,7 @@ std::string group_name(gid_t id) {
 class connection : public client {
 public:
     connection(server& owner, descriptor socket, const ucred& peer)
-        : client(user_name(peer.uid), group_name(peer.gid))
+        : client(user_name(peer.uid), group_name(peer.gid), peer.uid == 0 && peer.gid == 0)
         , server_(owner)
         , socket_(std::move(socket)) {}
 
