@@ -15,8 +15,8 @@ inline constexpr std::size_t limit = bus::longest_blob;
 // A client in memory. Unless told to, it does not read.
 class memory_client : public busd::client {
 public:
-    explicit memory_client(busd::broker* attached_to = nullptr)
-        : client("alice", "staff")
+    explicit memory_client(busd::broker* attached_to = nullptr, bool is_root = false)
+        : client("alice", "staff", is_root)
         , bus(attached_to) {}
 
     busd::broker* bus;
@@ -34,9 +34,9 @@ public:
         std::vector<wire::received> messages;
         std::size_t at = 0;
         while (at < seen.size()) {
-            wire::received next;
-            next.raw.assign(seen.begin() + static_cast<std::ptrdiff_t>(at), seen.end());
-            next.raw.resize(8 + (next.word(8) & 0xffffff));
+            const auto first = seen.begin() + static_cast<std::ptrdiff_t>(at);
+            wire::received next{{first, first + 12}};
+            next.raw.assign(first, first + 8 + (next.word(8) & 0xffffff));
             at += next.raw.size();
             messages.push_back(next);
         }
@@ -76,6 +76,12 @@ protected:
         EXPECT_TRUE(send(service, wire::message(wire::add_object, 1, 0,
                                                 wire::objpath(path) + wire::one_method("m"))));
         return service.take().at(0).number(3);
+    }
+
+    // A new object without a path.
+    std::uint32_t anonymous(memory_client& of) {
+        EXPECT_TRUE(send(of, wire::message(wire::add_object, 1, 0, {})));
+        return of.take().at(0).number(3);
     }
 
     // The service has just published it.
