@@ -20,6 +20,15 @@ utils::link app_side::invoke(const std::string& path, const std::string& method,
                              const std::shared_ptr<const client::reply_handler>& each,
                              const client::result_handler& handler,
                              const std::chrono::seconds& timeout) {
+    return invoke_object(0, path, method, args, each, handler, timeout);
+}
+
+utils::link app_side::invoke_object(std::uint32_t object, const std::string& path,
+                                    const std::string& method,
+                                    const std::multimap<std::string, blob::attr>& args,
+                                    const std::shared_ptr<const client::reply_handler>& each,
+                                    const client::result_handler& handler,
+                                    const std::chrono::seconds& timeout) {
     using replies = std::list<blob::attr>;
     const auto aborted = make_error_code(error::generic::aborted);
     if (cancelling()) {
@@ -29,12 +38,19 @@ utils::link app_side::invoke(const std::string& path, const std::string& method,
         return report_later(handler, replies(), make_error_code(error::msg::invalid_argument));
     }
     const auto call = std::make_shared<invoke_ctx>(*this, loop_, path, method, args, handler, each);
+    call->object = object;
     handover();
+    if (object == 0) {
+        counts_.calls_started.add(); // before it can end
+    }
     const bool begun = timeout == std::chrono::seconds::zero() ? begin_call(call)
                                                                : begin_limited_call(call, timeout);
     handover();
-    return begun ? utils::link(misc::aggregate_adapter<utils::link>(call))
-                 : report_later(handler, replies(), aborted);
+    if (begun) {
+        return misc::aggregate_adapter<utils::link>(call);
+    }
+    count_ended(*call, aborted);
+    return report_later(handler, replies(), aborted);
 }
 
 /// False while cancel() runs. When it throws, the call has not begun.
@@ -85,12 +101,24 @@ bool app_side::begin_limited_call(const std::shared_ptr<invoke_ctx>& call,
 }
 
 /// Calls the handler of a call that the caller has ended; nothing for null.
-void app_side::end_invoke(const std::shared_ptr<pending>& ended, const std::error_code& code) {
+void app_side::tell_invoke(const std::shared_ptr<pending>& ended, const std::error_code& code) {
     if (!ended) {
         return;
     }
+    count_ended(static_cast<invoke_ctx&>(*ended), code);
     if (const auto handler = static_cast<invoke_ctx&>(*ended).take_handler()) {
         handler({}, code);
+    }
+}
+
+void app_side::end_invoke(invoke_ctx& call, const std::error_code& code) {
+    tell_invoke(end(call), code);
+}
+
+/// What is sent to the daemon itself is no call.
+void app_side::count_ended(const invoke_ctx& call, const std::error_code& code) noexcept {
+    if (call.object == 0) {
+        counts_.call_ended(code);
     }
 }
 
@@ -114,13 +142,16 @@ void app_side::complete_invoke(invoke_ctx& call) {
         return;
     }
     const auto replies = std::move(call.replies);
+    const std::error_code code = !call.outcome && call.status ? call.status : call.outcome;
+    count_ended(call, code);
     if (const auto handler = call.take_handler()) {
-        handler(replies, !call.outcome && call.status ? call.status : call.outcome);
+        handler(replies, code);
     }
 }
 
 void app_side::drop_invoke(invoke_ctx& call) noexcept {
     if (end(call)) {
+        count_ended(call, call.outcome);
         const auto dropped = call.take_handler();
         call.replies.clear();
     }
@@ -128,6 +159,9 @@ void app_side::drop_invoke(invoke_ctx& call) noexcept {
 
 void app_side::cancel_invoke(invoke_ctx& call) noexcept {
     if (const auto ended = end(call)) {
+        if (call.object == 0) {
+            counts_.calls_given_up.add();
+        }
         const auto dropped = call.take_handler();
         bridge_.post_ready(call.abort_task, call.shared_from_this());
     }
@@ -144,7 +178,7 @@ void app_side::expire_invoke(const std::weak_ptr<invoke_ctx>& watched) {
         return;
     }
     bridge_.post_ready(call->abort_task, call);
-    end_invoke(ended, error::msg::timeout);
+    tell_invoke(ended, error::msg::timeout);
 }
 
 // --- reports ---

@@ -2,6 +2,7 @@
 #include "client/app_side.h"
 
 #include "client/handover.h"
+#include "client/one_shot.h"
 #include "tarn/error.h"
 
 #include <utility>
@@ -64,7 +65,7 @@ void app_side::cancel() {
     // one's report, and one that cancels finds the rest.
     while (const auto ended = take_oldest(invokes_, since)) {
         handover();
-        end_invoke(ended, error::generic::aborted);
+        tell_invoke(ended, error::generic::aborted);
     }
     for (auto* waiting : {&add_handlers_, &del_handlers_, &send_handlers_}) {
         while (const auto ended = take_oldest(*waiting, since)) {
@@ -73,6 +74,7 @@ void app_side::cancel() {
             handler(error::generic::aborted);
         }
     }
+    abort_one_shots(since);
     const auto still_cancelling = [&] {
         const lock_guard guard(lock_);
         return era_ == since;
@@ -156,6 +158,11 @@ void app_side::drop_all() noexcept {
     };
     while (const auto ended = take(invokes_)) {
         static_cast<invoke_ctx&>(*ended).take_handler();
+    }
+    while (const auto ended = take(one_shots_)) {
+        auto& operation = static_cast<one_shot&>(*ended);
+        const auto stopped = std::exchange(operation.timer, nullptr);
+        operation.drop_handler();
     }
     for (auto* waiting : {&connect_handlers_, &disconnect_handlers_, &add_handlers_, &del_handlers_,
                           &send_handlers_}) {

@@ -435,6 +435,7 @@ void app_side::on_connect_result(connection_ctx& attempt) {
         }
         outcome.emplace(*this);
         ending = state_ == client::state::disconnecting;
+        (attempt.connected ? counts_.connections_made : counts_.attempts_failed).add();
         take_step(attempt.connected ? connection_event::made : connection_event::failed);
     }
     const std::error_code code =
@@ -462,6 +463,7 @@ void app_side::on_lost(connection_ctx& connection) {
         if (connection_.get() != &connection) {
             return;
         }
+        counts_.connections_lost.add();
         take_step(connection_event::lost);
     }
     announce();
@@ -507,13 +509,7 @@ void app_side::on_disconnected(connection_ctx& connection) {
     all_steps steps;
     steps.run([&] { on_torn_down(connection.ending_life); });
     while (const auto request = connection.requests.take_oldest()) {
-        const auto call = std::static_pointer_cast<invoke_ctx>(request);
-        std::shared_ptr<pending> ended;
-        {
-            const lock_guard guard(lock_);
-            ended = call->end();
-        }
-        steps.run([&] { end_invoke(ended, error::msg::connection_failed); });
+        steps.run([&] { request->on_connection_end(); });
     }
     for (const auto& entry : connection.objects) {
         std::shared_ptr<object_ctx> forgotten; // destroyed outside the lock

@@ -184,6 +184,7 @@ void app_side::dispatch_call(const std::shared_ptr<served_call>& call) {
     if (call->settled.exchange(true)) {
         return; // refused meanwhile
     }
+    counts_.calls_served.add();
     std::shared_ptr<exchange_ctx> ctx;
     client::method_handler handler;
     try {

@@ -4,6 +4,7 @@
 
 #include "client/connection_ctx.h"
 #include "client/connection_machine.h"
+#include "client/counters.h"
 #include "client/identity.h"
 #include "client/invoke_ctx.h"
 #include "client/object_ctx.h"
@@ -14,6 +15,7 @@
 #include "client/side.h"
 #include "client/state_announcer.h"
 #include "client/task_bridge.h"
+#include "tarn/bus.h"
 #include "tarn/client.h"
 #include "tarn/misc.h"
 
@@ -28,6 +30,9 @@
 #include <thread>
 
 namespace tarn {
+
+class one_shot;
+class standing;
 
 /// Any thread calls the operations. Results come back on the application's loop, and what follows
 /// from them is never done on the loop thread.
@@ -76,6 +81,14 @@ public:
                        const std::multimap<std::string, blob::attr>& args,
                        const std::shared_ptr<const client::reply_handler>& each,
                        const client::result_handler& handler, const std::chrono::seconds& timeout);
+    /// The same of the object with this id.
+    utils::link invoke_object(std::uint32_t object, const std::string& path,
+                              const std::string& method,
+                              const std::multimap<std::string, blob::attr>& args,
+                              const std::shared_ptr<const client::reply_handler>& each,
+                              const client::result_handler& handler,
+                              const std::chrono::seconds& timeout);
+    void end_invoke(invoke_ctx& call, const std::error_code& code);
     void tell_reply(invoke_ctx& call, const blob::attr& reply);
     void complete_invoke(invoke_ctx& call);
     void drop_invoke(invoke_ctx& call) noexcept;
@@ -97,6 +110,19 @@ public:
                      std::multimap<std::string, blob::attr>&& data,
                      const client::completion_handler& handler);
 
+    // --- app_bus.cpp ---
+
+    utils::link begin(const std::shared_ptr<standing>& operation);
+    utils::link begin(const std::shared_ptr<one_shot>& operation,
+                      const std::chrono::seconds& limit = {});
+    utils::link refuse(const std::shared_ptr<one_shot>& operation, const std::error_code& code);
+    utils::link send_event(const std::string& id, const bus::table& data,
+                           const bus::completion_handler& handler);
+    void end(one_shot& operation, const std::error_code& code);
+    void complete(one_shot& operation);
+    void drop(one_shot& operation) noexcept;
+    void give_up(one_shot& operation) noexcept;
+
     // --- reports ---
 
     /// Ends a report whose link was released.
@@ -108,6 +134,7 @@ public:
     utils::link report_later(const Handler& handler, const Args&... args);
 
     task_bridge& bridge() { return bridge_; }
+    counters& counts() { return counts_; }
 
 private:
     using state_signal = misc::signal<void, client::state>;
@@ -178,7 +205,10 @@ private:
                   const std::error_code& code);
     void tell_everybody(pending_list& waiting, era since, const std::error_code& code);
     void on_torn_down(life_id heard_in);
-    static void end_invoke(const std::shared_ptr<pending>& ended, const std::error_code& code);
+    void tell_invoke(const std::shared_ptr<pending>& ended, const std::error_code& code);
+    void count_ended(const invoke_ctx& call, const std::error_code& code) noexcept;
+    void expire(const std::weak_ptr<one_shot>& watched);
+    void abort_one_shots(era since);
     cancellation begin_cancel();
     bool end_cancel(const cancellation& ending);
     void do_after_cancel();
@@ -198,6 +228,7 @@ private:
 
     task_bridge& bridge_;
     loop_side& loop_;
+    counters counts_;
 
     mutable std::mutex lock_; ///< guards the members below
 
@@ -227,6 +258,7 @@ private:
     pending_list add_handlers_;
     pending_list del_handlers_;
     pending_list send_handlers_;
+    pending_list one_shots_;
 
     era era_ = 0;
     std::uint64_t newest_cancel_ = 0;

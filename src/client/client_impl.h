@@ -7,6 +7,7 @@
 
 #include "bus.h"
 #include "client/app_side.h"
+#include "client/bus_impl.h"
 #include "client/loop_side.h"
 #include "client/task.h"
 #include "client/task_bridge.h"
@@ -55,6 +56,7 @@ public:
                             const reply_handler& each, const completion_handler& handler,
                             const std::chrono::seconds& timeout) override;
     std::weak_ptr<utils::event_loop> get_event_loop() const override { return loop_; }
+    tarn::bus& get_bus() override { return bus_; }
 
     // What libubus calls, on the loop thread. Exceptions stop here, before they reach C code.
     static void connection_lost_handler(ubus_context* context);
@@ -78,6 +80,7 @@ private:
     task_bridge bridge_;
     app_side app_side_;
     loop_side loop_side_;
+    bus_impl bus_{app_side_, loop_side_.bus()};
 
     loop_task<client_impl, &client_impl::end_loop> last_task_{*this};
     std::promise<void> loop_ended_;

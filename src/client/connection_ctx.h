@@ -1,6 +1,7 @@
 /// One connection to the bus, from the request for it to its end.
 #pragma once
 
+#include "client/bus_records.h"
 #include "client/identity.h"
 #include "client/object_ctx.h"
 #include "client/request_table.h"
@@ -36,6 +37,7 @@ public:
     // What libubus had when the connection was closed.
     request_table requests;
     object_map objects;
+    bus_records bus; ///< of the standing operations
 
 private:
     void connect();

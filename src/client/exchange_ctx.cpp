@@ -14,6 +14,11 @@ exchange_ctx::exchange_ctx(app_side& app, const std::shared_ptr<served_call>& ca
     , life_(app.bridge().life())
     , call_(call) {}
 
+exchange_ctx::exchange_ctx(app_side& app, std::multimap<std::string, blob::attr>&& arguments)
+    : client::exchange_ctx(std::move(arguments))
+    , app_(app)
+    , life_(app.bridge().life()) {}
+
 exchange_ctx::~exchange_ctx() {
     exchange_ctx::respond(error::msg::success);
 }

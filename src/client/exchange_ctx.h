@@ -18,6 +18,8 @@ class exchange_ctx final : public client::exchange_ctx {
 public:
     /// Takes the arguments over from `call`.
     exchange_ctx(app_side& app, const std::shared_ptr<served_call>& call);
+    /// One that is not to be answered.
+    exchange_ctx(app_side& app, std::multimap<std::string, blob::attr>&& arguments);
     ~exchange_ctx() override;
 
     bool expired() const override;

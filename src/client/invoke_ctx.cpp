@@ -3,6 +3,7 @@
 
 #include "client/app_side.h"
 #include "client/loop_side.h"
+#include "tarn/error.h"
 
 #include <utility>
 
@@ -30,6 +31,10 @@ client::result_handler invoke_ctx::take_handler() noexcept {
     const auto stopped = std::move(timer);
     const auto told = std::move(each);
     return std::exchange(handler, nullptr);
+}
+
+void invoke_ctx::on_connection_end() {
+    app_.end_invoke(*this, error::msg::connection_failed);
 }
 
 void invoke_ctx::begin() {

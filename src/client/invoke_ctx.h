@@ -7,6 +7,7 @@
 #include "client/task.h"
 #include "tarn/client.h"
 
+#include <cstdint>
 #include <list>
 #include <memory>
 #include <string>
@@ -31,6 +32,7 @@ public:
 
     /// For the link: gives the call up.
     void release() override;
+    void on_connection_end() override;
 
     /// For the thread that has ended it: releases what the application has put into it.
     client::result_handler take_handler() noexcept;
@@ -44,6 +46,7 @@ public:
     const bool tells_each; ///< whether there was such a handler
 
     // Of the loop thread, from when the call is posted until `done` is.
+    std::uint32_t object = 0; ///< 0 for one that is looked up by `path`
     std::string path;
     std::string method;
     std::multimap<std::string, blob::attr> args;

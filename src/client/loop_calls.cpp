@@ -80,8 +80,8 @@ std::error_code loop_side::start_request(const std::shared_ptr<invoke_ctx>& call
         message_size::call(method.size(), 0) > message_size::call_limit) {
         return error::msg::invalid_argument;
     }
-    std::uint32_t id = 0;
-    if (const std::error_code status = look_up(bus, path, id)) {
+    std::uint32_t id = call->object;
+    if (const std::error_code status = id == 0 ? look_up(bus, path, id) : std::error_code()) {
         return status;
     }
     blob::buf buffer;
@@ -105,6 +105,7 @@ std::error_code loop_side::start_request(const std::shared_ptr<invoke_ctx>& call
         return error::msg::no_memory;
     }
     call->carried_by = connection_->id;
+    app_.counts().bytes_sent.add(blob_len(buffer.native()->head));
     ubus_request& request = call->native();
     const std::error_code started = client_impl::to_msg_error(
         ubus_invoke_async_fd(bus, id, method.c_str(), buffer.native()->head, &request, -1));
@@ -127,6 +128,7 @@ void loop_side::on_data(ubus_request& request, blob_attr* msg) {
         return;
     }
     const auto call = std::static_pointer_cast<invoke_ctx>(record);
+    app_.counts().bytes_received.add(msg ? blob_len(msg) : 0);
     // A reply that cannot be decoded counts as an empty one.
     std::error_code status;
     std::multimap<std::string, blob::attr> table;

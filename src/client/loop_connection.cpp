@@ -31,7 +31,8 @@ bool is_ready(const ubus_context& bus, short events) {
 
 loop_side::loop_side(task_bridge& bridge, app_side& app)
     : bridge_(bridge)
-    , app_(app) {}
+    , app_(app)
+    , bus_side_(bridge, app, *this) {}
 
 void loop_side::run_batch() {
     assert_loop_side();
@@ -59,6 +60,11 @@ void loop_side::connect_sync(const std::shared_ptr<connection_ctx>& attempt) {
     lookups_.clear();
     if (bus_) {
         watch_bus();
+    }
+    if (bus_) {
+        restoring_ = true;
+        bus_side_.restore();
+        restoring_ = false;
     }
     attempt->connected = bus_ != nullptr;
     bridge_.post_from_uloop(attempt->result_task, attempt);
@@ -110,6 +116,9 @@ void loop_side::release_bus() {
         // The daemon drops what it finds together with the end of the connection.
         await_reader(bus_->sock.fd, delivery_limit);
     }
+    if (bus_) {
+        bus_side_.on_end();
+    }
     bus_.reset();
     lost_bus_.reset();
 }
@@ -129,8 +138,11 @@ void loop_side::on_connection_lost(ubus_context* context) {
     uloop_fd_delete(&context->sock);
     lost_bus_ = std::move(bus_);
     lookups_.clear();
+    bus_side_.on_end();
     bridge_.post_within(connection_->free_lost_task, connection_);
-    bridge_.post_from_uloop(connection_->loss_task, connection_);
+    if (!restoring_) {
+        bridge_.post_from_uloop(connection_->loss_task, connection_);
+    }
 }
 
 /// Reads what has arrived, if anything, and delivers its results.
@@ -177,6 +189,7 @@ void loop_side::end_unwritable_bus() const {
 }
 
 void loop_side::drop_all() {
+    bus_side_.drop_all();
     connection_.reset();
     retired_objects_.clear();
 }

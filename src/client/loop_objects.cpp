@@ -44,6 +44,7 @@ std::error_code loop_side::register_object(ubus_context* bus,
     if (message_size::publication(records->name, records->method_policies) > message_size::limit) {
         return error::msg::invalid_argument;
     }
+    records->object.subscribe_cb = &loop_bus::subscribers_changed;
     // Listed before it is registered: a call may arrive at once.
     const std::shared_ptr<connection_ctx> connection = connection_;
     auto& published = connection->objects;
@@ -93,6 +94,7 @@ std::error_code loop_side::unregister_object(const std::shared_ptr<ubus_object_c
             // it.
             bridge_.reserve().cover([&] { retired_objects_.push_back(records); });
             published.erase(entry);
+            bus_side_.on_subscribers(records->name, false);
         }
     }
     if (bus == nullptr) {
@@ -150,6 +152,7 @@ int loop_side::accept_call(ubus_object* object, ubus_request_data& request, cons
     if (found == records->method_policies.end()) {
         return answer_method_not_found;
     }
+    app_.counts().bytes_received.add(msg ? blob_len(msg) : 0);
     std::shared_ptr<served_call> call;
     try {
         const client::method_policy& policy = found->second;
@@ -186,6 +189,7 @@ void loop_side::send_sync(const std::shared_ptr<send_operation>& sending) {
     before_write();
     try {
         blob::buf buffer(sending->data);
+        app_.counts().bytes_sent.add(blob_len(buffer.native()->head));
         // libubus does not check, and the daemon would drop the whole connection.
         sending->status =
             message_size::reply(blob_len(buffer.native()->head)) > message_size::limit
@@ -200,6 +204,9 @@ void loop_side::send_sync(const std::shared_ptr<send_operation>& sending) {
         sending->status = error::msg::invalid_argument; // more than a message buffer can hold
     }
     end_unwritable_bus();
+    if (!sending->status) {
+        app_.counts().replies_sent.add();
+    }
     sending->data.clear();
     if (sending->active()) {
         bridge_.post_from_uloop(sending->done_task, sending);

@@ -6,6 +6,7 @@
 #include "client/connection_ctx.h"
 #include "client/identity.h"
 #include "client/invoke_ctx.h"
+#include "client/loop_bus.h"
 #include "client/object_ctx.h"
 #include "client/object_operation.h"
 #include "client/served_call.h"
@@ -63,6 +64,20 @@ public:
     /// Releases everything. The loop thread has ended.
     void drop_all();
 
+    // --- for the loop thread's side of tarn::bus ---
+
+    loop_bus& bus() { return bus_side_; }
+    /// The present connection, or attempt at one; null without.
+    const std::shared_ptr<connection_ctx>& connection() const { return connection_; }
+    bool carries(connection_id id) const { return connection_ && connection_->id == id; }
+    /// The connection if requests can go out on it, else null.
+    ubus_context* usable_bus() const;
+    /// The same for a request whose answer libubus awaits without a limit: takes in first what has
+    /// arrived. While its queue for this process is full the daemon drops its own answers too; it
+    /// makes room there before it reads a request.
+    ubus_context* caught_up_bus();
+    void before_write();
+
 private:
     /// Object ids that look-ups have found, while they are valid for others: for the calls of one
     /// batch, all of which were requested before the look-up was sent.
@@ -72,16 +87,7 @@ private:
     static void on_socket(uloop_fd* socket, unsigned int events);
     static void on_pending_messages(uloop_timeout* timer);
     void take_in();
-    void before_write();
-
-    /// The connection if calls can go out on it, else null.
-    ubus_context* usable_bus() const;
-    /// The same for a request whose answer libubus awaits without a limit: takes in first what has
-    /// arrived. While its queue for this process is full the daemon drops its own answers too; it
-    /// makes room there before it reads a request.
-    ubus_context* caught_up_bus();
     void end_unwritable_bus() const;
-    bool carries(connection_id id) const { return connection_ && connection_->id == id; }
 
     std::error_code start_request(const std::shared_ptr<invoke_ctx>& call);
     std::error_code look_up(ubus_context* bus, const std::string& path, std::uint32_t& id);
@@ -110,6 +116,9 @@ private:
     std::list<std::shared_ptr<ubus_object_ctx>> retired_objects_;
     lookups lookups_;
     int sent_unread_ = 0; ///< calls sent since the socket was looked at last
+    /// A connection that is lost while standing operations are restored counts as never made.
+    bool restoring_ = false;
+    loop_bus bus_side_;
 };
 
 } // namespace tarn

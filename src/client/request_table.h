@@ -21,8 +21,11 @@ public:
     /// The request of a record that is part of one.
     static bus_request& of(ubus_request& native) noexcept;
 
+    /// On the application's loop: the connection has ended without an answer.
+    virtual void on_connection_end() = 0;
+
 protected:
-    ~bus_request() = default;
+    virtual ~bus_request() = default;
 
 private:
     friend class request_table;

@@ -18,6 +18,7 @@ void task_queue::push(task& work, std::shared_ptr<void>&& kept) noexcept {
         first_ = &work;
     }
     last_ = &work;
+    ++size_;
 }
 
 task_queue::entry task_queue::pop() noexcept {
@@ -29,6 +30,7 @@ task_queue::entry task_queue::pop() noexcept {
         if (!first_) {
             last_ = nullptr;
         }
+        --size_;
     }
     return oldest;
 }
@@ -44,11 +46,13 @@ void task_queue::append(task_queue& other) noexcept {
     }
     last_ = std::exchange(other.last_, nullptr);
     other.first_ = nullptr;
+    size_ += std::exchange(other.size_, 0);
 }
 
 void task_queue::swap(task_queue& other) noexcept {
     std::swap(first_, other.first_);
     std::swap(last_, other.last_);
+    std::swap(size_, other.size_);
 }
 
 task_queue::entry task_queue::remove(const task& work) noexcept {

@@ -1,6 +1,7 @@
 /// Work for one of the two threads, and the queues in which it waits.
 #pragma once
 
+#include <cstddef>
 #include <memory>
 #include <utility>
 
@@ -53,6 +54,7 @@ public:
     ~task_queue();
 
     bool empty() const noexcept { return first_ == nullptr; }
+    std::size_t size() const noexcept { return size_; }
     /// `kept` keeps `work` alive while it is in the queue.
     void push(task& work, std::shared_ptr<void>&& kept) noexcept;
     /// The oldest; an empty entry when there is none.
@@ -66,6 +68,7 @@ public:
 private:
     task* first_ = nullptr;
     task* last_ = nullptr;
+    std::size_t size_ = 0;
 };
 
 /// A task that owns a function, in one block of memory.

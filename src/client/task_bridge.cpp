@@ -5,6 +5,7 @@
 #include "client/side.h"
 #include "tarn/uloop.h"
 
+#include <algorithm>
 #include <stdexcept>
 #include <utility>
 
@@ -90,6 +91,7 @@ void task_bridge::queue_for_uloop(task& work, std::shared_ptr<void>&& kept) {
         const std::lock_guard<std::mutex> guard(lock_);
         const bool woken = !to_uloop_.empty() && !wakeup_owed_;
         to_uloop_.push(work, std::move(kept));
+        most_to_uloop_ = std::max<std::uint64_t>(most_to_uloop_, to_uloop_.size());
         if (woken) {
             return;
         }
@@ -174,6 +176,31 @@ void task_bridge::schedule_task(task& work, std::shared_ptr<void> kept) {
             throw;
         }
     }
+}
+
+void task_bridge::put_back(task& work, std::shared_ptr<void> kept) noexcept {
+    life_id asking = life_id::none;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        queue_.push(work, std::move(kept));
+        if (needs_drain()) {
+            asking = life_;
+        }
+    }
+    try {
+        if (asking != life_id::none) {
+            post_drain(asking);
+        }
+    } catch (...) {
+        const std::lock_guard<std::mutex> guard(lock_);
+        drain_requested_ = false; // asked for again by whatever comes next
+    }
+}
+
+void task_bridge::fill(stats& snapshot) const {
+    const std::lock_guard<std::mutex> guard(lock_);
+    snapshot.to_private_thread = {to_uloop_.size(), most_to_uloop_};
+    snapshot.to_application = {queue_.size() + batch_.size(), most_queued_};
 }
 
 void task_bridge::request_drain() {
@@ -315,6 +342,7 @@ void task_bridge::flush() {
             drain_requested_ = false; // one that was asked for may have run out by now
         }
         queue_.append(burst_);
+        most_queued_ = std::max<std::uint64_t>(most_queued_, queue_.size() + batch_.size());
         if (needs_drain()) {
             asking = life_;
         }

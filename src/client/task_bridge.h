@@ -6,6 +6,7 @@
 #include "client/memory_reserve.h"
 #include "client/task.h"
 #include "tarn/event_loop.h"
+#include "tarn/stats.h"
 
 #include <atomic>
 #include <functional>
@@ -42,6 +43,10 @@ public:
     /// be asked; `work` is not queued then.
     void schedule_task(task& work, std::shared_ptr<void> kept);
 
+    /// The same for a task that runs on the application's loop, or on a thread that cancels, and
+    /// has more to do there later.
+    void put_back(task& work, std::shared_ptr<void> kept) noexcept;
+
     /// Has the application's loop run `work` if this life lasts until then.
     void post(const std::function<void()>& work);
 
@@ -50,6 +55,9 @@ public:
     /// which wait for the next drain; and the exception is rethrown. For the application's loop,
     /// and for a thread that cancels.
     void process_task_queue();
+
+    /// The lengths of the queues.
+    void fill(stats& snapshot) const;
 
     /// The current life.
     life_id life() const noexcept { return life_; }
@@ -125,7 +133,9 @@ private:
     task_queue batch_;             ///< taken out of queue_ by a drain that has not come to its end
     bool drain_requested_ = false; ///< the application's loop has been asked to empty queue_
     bool delivery_waits_ = true;   ///< results wait for the application's next request
-    bool closed_ = false;          ///< the loop thread is gone or going: nothing more may be posted
+    std::uint64_t most_to_uloop_ = 0; ///< entries in the queues at a time, so far
+    std::uint64_t most_queued_ = 0;
+    bool closed_ = false; ///< the loop thread is gone or going: nothing more may be posted
 
     // The loop thread's alone.
     task_queue burst_;

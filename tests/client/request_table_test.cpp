@@ -10,7 +10,9 @@ namespace {
 
 class RequestTable : public ::testing::Test {
 protected:
-    struct request final : bus_request {};
+    struct request final : bus_request {
+        void on_connection_end() override {}
+    };
 
     /// Lists a request and counts as libubus does when it starts one. Returns its number.
     int start(std::uint32_t peer) {

@@ -1,0 +1,269 @@
+/// Events on the loop thread: the one receiver that all listeners share, and the objects that its
+/// events say have appeared or gone.
+#include "client/app_side.h"
+#include "client/bus_records.h"
+#include "client/callback_gate.h"
+#include "client/client_impl.h"
+#include "client/counters.h"
+#include "client/loop_bus.h"
+#include "client/loop_side.h"
+
+#include "blob/message_size.h"
+#include "client/bus_name.h"
+#include "tarn/error.h"
+
+#include <new>
+#include <typeindex>
+#include <utility>
+
+namespace tarn {
+
+namespace {
+
+constexpr const char* object_added = "ubus.object.add";
+constexpr const char* object_removed = "ubus.object.remove";
+
+bool is_valid_path(const std::string& path) {
+    return !path.empty() && !has_nul(path) &&
+           message_size::lookup(path.size()) <= message_size::limit;
+}
+
+/// The registration of a pattern, as a call of the daemon.
+bool fits_registration(const std::string& pattern) {
+    const std::size_t fields = message_size::field(6, 4) + // "object", a number
+                               message_size::field(7, pattern.size() + 1);
+    return message_size::call(8, fields) <= message_size::limit;
+}
+
+/// A field of `data` if it is a T, else null.
+template <class T>
+const T* field(const bus::table& data, const char* name) {
+    const auto found = data.find(name);
+    return found != data.end() && found->second.type() == typeid(T) ? &found->second.get<T>()
+                                                                    : nullptr;
+}
+
+} // namespace
+
+bool loop_bus::is_exact(const std::string& path) {
+    return is_valid_path(path) && path.back() != '*';
+}
+
+// --- the receiver ---
+
+/// Registers a pattern for the receiver, which is registered with the first.
+std::error_code loop_bus::listen_to(const std::string& pattern) {
+    if (has_nul(pattern) || !fits_registration(pattern)) {
+        return error::msg::invalid_argument;
+    }
+    ubus_context* const bus = loop_.caught_up_bus();
+    if (bus == nullptr) {
+        return error::msg::connection_failed;
+    }
+    bus_records& registered = records();
+    if (registered.patterns.count(pattern) != 0) {
+        return {};
+    }
+    registered.receiver.cb = &loop_bus::on_event;
+    const int status = ubus_register_event_handler(bus, &registered.receiver, pattern.c_str());
+    if (loop_.usable_bus() != bus) {
+        return error::msg::connection_failed;
+    }
+    if (status == 0) {
+        registered.patterns.insert(pattern);
+    }
+    return client_impl::to_msg_error(status);
+}
+
+std::error_code loop_bus::follow_objects() {
+    const std::error_code added = listen_to(object_added);
+    return added ? added : listen_to(object_removed);
+}
+
+/// The bus can only forget all patterns of a receiver together. So the receiver goes with the last
+/// operation that needs it, and until then events that none of them matches are dropped here.
+void loop_bus::stop_listening() {
+    if (is_listening() || loop_.usable_bus() == nullptr || records().patterns.empty()) {
+        return;
+    }
+    ubus_context* const bus = loop_.caught_up_bus();
+    if (bus != nullptr && ubus_unregister_event_handler(bus, &records().receiver) == 0) {
+        records().patterns.clear();
+    }
+}
+
+void loop_bus::on_event(ubus_context* /*context*/, ubus_event_handler* /*receiver*/, const char* id,
+                        blob_attr* msg) {
+    guard_callback([=] {
+        loop_bus& self = client_impl::get_instance({}).loop().bus();
+        try {
+            self.take_event(id, msg);
+        } catch (const std::bad_alloc&) {
+            self.app_.counts().dropped.add();
+        }
+    });
+}
+
+void loop_bus::take_event(const char* id, blob_attr* msg) {
+    assert_loop_side();
+    if (id == nullptr || !loop_.connection()) {
+        return;
+    }
+    counters& counts = app_.counts();
+    counts.events_received.add();
+    counts.bytes_received.add(msg ? blob_len(msg) : 0);
+    auto heard = std::make_shared<event>();
+    heard->id = id;
+    try {
+        heard->data = blob::utils::to_table(msg);
+    } catch (const std::bad_alloc&) {
+        throw;
+    } catch (const std::exception&) {
+        heard->data.clear(); // one that cannot be decoded counts as an empty one
+    }
+    if (follows_objects()) {
+        follow_presence(*heard);
+    }
+    for (const auto& operation : listeners_) {
+        if (matches(operation->pattern, heard->id)) {
+            operation->tell(heard);
+        }
+    }
+}
+
+// --- the presence of objects ---
+
+void loop_bus::follow_presence(const event& heard) {
+    const bool added = heard.id == object_added;
+    if (!added && heard.id != object_removed) {
+        return;
+    }
+    const auto* const id = field<std::uint32_t>(heard.data, "id");
+    const auto* const path = field<std::string>(heard.data, "path");
+    if (id == nullptr || path == nullptr) {
+        return;
+    }
+    for (const auto& watch : watches_) {
+        if (!added) {
+            watch->gone(*id);
+        } else if (matches(watch->pattern, *path)) {
+            watch->appeared(*id, *path);
+        }
+    }
+    bool wanted = false;
+    for (const auto& operation : subscriptions_) {
+        if (added && operation->path == *path && operation->subscribed_to != *id) {
+            operation->wanted = *id;
+            wanted = true;
+        } else if (!added && operation->wanted == *id) {
+            operation->wanted = 0;
+        }
+    }
+    if (wanted) {
+        request_follow_up();
+    }
+    const list<wait_operation> waits = waits_; // those that are done leave the list
+    for (const auto& operation : waits) {
+        const auto entry = operation->present.find(*path);
+        if (entry == operation->present.end()) {
+            continue;
+        }
+        if (added) {
+            entry->second = *id;
+            check(*operation);
+        } else if (entry->second == *id) {
+            entry->second = 0;
+        }
+    }
+}
+
+/// Calls `found` for every object of a pattern. None is no error.
+std::error_code loop_bus::find(const std::string& pattern, const found_handler& found) {
+    if (!is_valid_path(pattern)) {
+        return error::msg::invalid_argument;
+    }
+    ubus_context* const bus = loop_.caught_up_bus();
+    if (bus == nullptr) {
+        return error::msg::connection_failed;
+    }
+    struct search {
+        const found_handler& found;
+        bool out_of_memory;
+    };
+    search inside{found, false};
+    const int status = ubus_lookup(
+        bus, pattern.c_str(),
+        [](ubus_context* /*context*/, ubus_object_data* object, void* data) {
+            auto& here = *static_cast<search*>(data);
+            try {
+                here.found(*object);
+            } catch (const std::bad_alloc&) {
+                here.out_of_memory = true;
+            }
+        },
+        &inside);
+    if (loop_.usable_bus() != bus) {
+        return error::msg::connection_failed;
+    }
+    if (inside.out_of_memory) {
+        return error::msg::no_memory;
+    }
+    const std::error_code code = client_impl::to_msg_error(status);
+    return code == error::msg::not_found ? std::error_code() : code;
+}
+
+std::error_code loop_bus::find_one(const std::string& path, std::uint32_t& id) {
+    return find(path, [&id](const ubus_object_data& object) { id = object.id; });
+}
+
+namespace {
+
+std::vector<bus::method_info> methods_of(blob_attr* signature) {
+    std::vector<bus::method_info> methods;
+    if (signature == nullptr) {
+        return methods;
+    }
+    // Walked here, since a table would lose the order.
+    std::size_t rest = blob_len(signature);
+    auto* method = static_cast<blob_attr*>(blob_data(signature));
+    while (rest >= sizeof(blob_attr) && blob_pad_len(method) <= rest &&
+           blob_pad_len(method) >= sizeof(blob_attr) && blobmsg_check_attr(method, true)) {
+        auto& described = methods.emplace_back();
+        described.name = blobmsg_name(method);
+        if (blobmsg_type(method) == BLOBMSG_TYPE_TABLE) {
+            std::size_t left = blobmsg_data_len(method);
+            auto* expected = static_cast<blob_attr*>(blobmsg_data(method));
+            while (left >= sizeof(blob_attr) && blob_pad_len(expected) <= left &&
+                   blob_pad_len(expected) >= sizeof(blob_attr) &&
+                   blobmsg_check_attr(expected, true)) {
+                auto& info = described.fields.emplace_back();
+                info.name = blobmsg_name(expected);
+                if (blobmsg_type(expected) == BLOBMSG_TYPE_INT32) {
+                    info.type = static_cast<bus::field_type>(blobmsg_get_u32(expected));
+                }
+                left -= blob_pad_len(expected);
+                expected = blob_next(expected);
+            }
+        }
+        rest -= blob_pad_len(method);
+        method = blob_next(method);
+    }
+    return methods;
+}
+
+} // namespace
+
+void loop_bus::look_up(const std::shared_ptr<look_up_operation>& operation) {
+    assert_loop_side();
+    try {
+        operation->outcome = find(operation->pattern, [&](const ubus_object_data& object) {
+            operation->found.push_back({object.path, object.id, object.type_id, {}});
+            operation->found.back().methods = methods_of(object.signature);
+        });
+    } catch (const std::bad_alloc&) {
+        operation->outcome = error::msg::no_memory;
+    }
+    bridge_.post_from_uloop(operation->done_task, operation);
+}
+
+} // namespace tarn

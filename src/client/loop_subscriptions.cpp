@@ -1,0 +1,142 @@
+/// Subscriptions on the loop thread, from the look at the bus to the notifications.
+#include "client/app_side.h"
+#include "client/bus_records.h"
+#include "client/callback_gate.h"
+#include "client/client_impl.h"
+#include "client/counters.h"
+#include "client/loop_bus.h"
+#include "client/loop_side.h"
+#include "client/served_call.h"
+
+#include "tarn/error.h"
+
+#include <utility>
+
+namespace tarn {
+
+void loop_bus::restore(subscription& operation) {
+    const std::error_code followed = follow_objects();
+    if (followed == error::msg::connection_failed) {
+        return;
+    }
+    operation.tell_registered(followed);
+    std::uint32_t id = 0;
+    if (!find_one(operation.path, id) && id != 0) {
+        subscribe(operation, id);
+    }
+}
+
+void loop_bus::subscribe(subscription& operation, std::uint32_t id) {
+    ubus_context* const bus = loop_.caught_up_bus();
+    if (bus == nullptr || operation.subscribed_to == id) {
+        return;
+    }
+    if (std::exchange(operation.subscribed_to, 0) != 0) {
+        operation.tell_change(bus::subscription::lost, error::msg::not_found);
+    }
+    int status = 0;
+    if (operation.record == nullptr) {
+        auto& subscribers = records().subscribers;
+        subscriber_record& made = subscribers.emplace_back(operation);
+        made.native().cb = &loop_bus::on_notification;
+        made.native().remove_cb = &loop_bus::on_removal;
+        operation.record = &made;
+    }
+    if (operation.record->native().obj.id == 0) {
+        status = ubus_register_subscriber(bus, &operation.record->native());
+    }
+    operation.attempted = id;
+    if (status == 0) {
+        status = ubus_subscribe(bus, &operation.record->native(), id);
+    }
+    const bool lasts = std::exchange(operation.attempted, 0) == id;
+    if (loop_.usable_bus() != bus) {
+        return; // reported as the loss of the connection
+    }
+    const std::error_code code = client_impl::to_msg_error(status);
+    if (!code) {
+        if (lasts) {
+            operation.confirm(id);
+        }
+    } else if (code != error::msg::not_found) {
+        operation.tell_change(bus::subscription::refused, code);
+    } // else it has gone again
+}
+
+void loop_bus::remove(subscription& removed) {
+    assert_loop_side();
+    subscriber_record* const record = std::exchange(removed.record, nullptr);
+    if (record != nullptr) {
+        record->owner = nullptr;
+        ubus_context* const bus = loop_.caught_up_bus();
+        if (bus != nullptr && record->native().obj.id != 0 &&
+            ubus_unregister_subscriber(bus, &record->native()) == 0 && loop_.usable_bus() == bus) {
+            records().subscribers.remove_if(
+                [record](const subscriber_record& entry) { return &entry == record; });
+        }
+    }
+    const auto& operation = removed;
+    subscriptions_.remove_if([&](const auto& entry) { return entry.get() == &operation; });
+    stop_listening();
+}
+
+void loop_bus::on_removal(ubus_context* /*context*/, ubus_subscriber* subscriber,
+                          std::uint32_t id) {
+    guard_callback([=] {
+        subscription* const operation = subscriber_record::of(*subscriber).owner;
+        if (operation != nullptr) {
+            operation->lose(id);
+        }
+    });
+}
+
+int loop_bus::on_notification(ubus_context* /*context*/, ubus_object* subscriber,
+                              ubus_request_data* request, const char* method, blob_attr* msg) {
+    constexpr int answer_unknown_error = 9; // UBUS_STATUS_UNKNOWN_ERROR
+    return guard_callback(
+        [=] {
+            subscription* const operation = subscriber_record::of(*subscriber).owner;
+            return operation == nullptr || method == nullptr
+                       ? 0
+                       : client_impl::get_instance({}).loop().bus().take_notification(
+                             *operation, *request, method, msg);
+        },
+        answer_unknown_error);
+}
+
+int loop_bus::take_notification(subscription& target, ubus_request_data& request,
+                                const char* method, blob_attr* msg) {
+    assert_loop_side();
+    counters& counts = app_.counts();
+    if (target.attempted != 0) {
+        target.confirm(target.attempted);
+    }
+    counts.notifications_received.add();
+    counts.bytes_received.add(msg ? blob_len(msg) : 0);
+    int answer = 0;
+    if (target.heard && target.active()) {
+        try {
+            const auto arrived = std::make_shared<notification>();
+            arrived->method = method;
+            arrived->args = blob::utils::to_table(msg);
+            if (target.answers) {
+                static const std::string no_method;
+                arrived->call = std::make_shared<served_call>(app_, loop_, loop_.connection()->id,
+                                                              request, no_method, nullptr);
+            }
+            // Before it is passed on, which may answer it.
+            request.deferred = target.answers;
+            target.tell(arrived);
+        } catch (const std::exception&) {
+            // It cannot be decoded; or out of memory, which looks alike.
+            request.deferred = false;
+            answer = client_impl::to_ubus_msg_status(error::msg::parse_error);
+        }
+    }
+    if (!request.deferred) {
+        loop_.before_write(); // libubus may answer
+    }
+    return answer;
+}
+
+} // namespace tarn

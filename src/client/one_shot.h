@@ -1,0 +1,156 @@
+/// The operations of tarn::bus that have one outcome.
+#pragma once
+
+#include "client/identity.h"
+#include "client/pending.h"
+#include "client/request_table.h"
+#include "client/task.h"
+#include "tarn/bus.h"
+
+#include <cstdint>
+#include <list>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <system_error>
+#include <vector>
+
+namespace tarn {
+
+class app_side;
+class loop_bus;
+
+/// One operation, from the application's request to its handler. It is its own link.
+class one_shot : public pending, public std::enable_shared_from_this<one_shot> {
+public:
+    one_shot(app_side& app, loop_bus& loop)
+        : app_(app)
+        , loop_(loop) {}
+
+    /// For the link: gives the operation up.
+    void release() override;
+
+    /// For the thread that has ended it: calls the handler and destroys it.
+    virtual void tell(const std::error_code& code) = 0;
+    /// For the thread that has ended it: destroys the handler.
+    virtual void drop_handler() noexcept = 0;
+
+    std::shared_ptr<utils::event_loop::timer> timer; ///< empty without a limit; as the handler
+    std::error_code outcome; ///< set by the loop thread when `done_task` is posted
+
+protected:
+    /// On the loop thread: starts it, or ends it before its outcome is known.
+    virtual void begin() = 0;
+    virtual void stop() {}
+
+    app_side& app_;
+    loop_bus& loop_;
+
+private:
+    void complete();
+    void complete_unheard() noexcept;
+
+public:
+    loop_task<one_shot, &one_shot::begin> begin_task{*this};
+    loop_task<one_shot, &one_shot::stop> stop_task{*this};
+    droppable_task<one_shot, &one_shot::complete, &one_shot::complete_unheard> done_task{*this};
+};
+
+/// The look-up of all objects of a pattern.
+class look_up_operation final : public one_shot {
+public:
+    look_up_operation(app_side& app, loop_bus& loop, const std::string& paths,
+                      const bus::objects_handler& handler)
+        : one_shot(app, loop)
+        , pattern(paths)
+        , handler_(handler) {}
+
+    void tell(const std::error_code& code) override;
+    void drop_handler() noexcept override { handler_ = nullptr; }
+
+    const std::string pattern;
+    std::vector<bus::object_info> found; ///< filled by the loop thread
+
+private:
+    void begin() override;
+
+    bus::objects_handler handler_;
+};
+
+/// Waits for objects to be there.
+class wait_operation final : public one_shot {
+public:
+    wait_operation(app_side& app, loop_bus& loop, const std::vector<std::string>& all,
+                   const bus::completion_handler& handler);
+
+    void tell(const std::error_code& code) override;
+    void drop_handler() noexcept override { handler_ = nullptr; }
+
+    /// What is there, by path: the id, 0 for an object that is not. The loop thread only.
+    std::map<std::string, std::uint32_t, std::less<>> present;
+    bool all_present() const noexcept;
+
+private:
+    void begin() override;
+    void stop() override;
+
+    bus::completion_handler handler_;
+};
+
+/// A notification of the subscribers of one of our objects.
+class notify_operation final : public one_shot, public bus_request {
+public:
+    notify_operation(app_side& app, loop_bus& loop, const std::string& object,
+                     const std::string& called, const bus::table& content,
+                     const bus::completion_handler& handler)
+        : notify_operation(app, loop, object, called, content, false) {
+        handler_ = handler;
+    }
+    notify_operation(app_side& app, loop_bus& loop, const std::string& object,
+                     const std::string& called, const bus::table& content,
+                     const bus::answers_handler& handler)
+        : notify_operation(app, loop, object, called, content, true) {
+        answers_handler_ = handler;
+    }
+
+    void tell(const std::error_code& code) override;
+    void drop_handler() noexcept override;
+    void on_connection_end() override;
+
+    const std::string name;
+    const std::string method;
+    const bool awaits_answers;
+    bus::table data; ///< the loop thread's
+
+    /// libubus's record, from which the operation is found.
+    struct record {
+        ubus_notify_request native;
+        notify_operation* whole;
+    };
+    record request{};
+    static notify_operation& of(ubus_notify_request& native) noexcept {
+        return *reinterpret_cast<record&>(native).whole;
+    }
+    connection_id carried_by = connection_id::none; ///< once libubus works on it
+
+    // Answers come on the loop thread while the time limit passes on the application's.
+    void add_reply(std::uint32_t subscriber, blob::attr&& reply);
+    void set_status(std::uint32_t subscriber, const std::error_code& status);
+
+private:
+    notify_operation(app_side& app, loop_bus& loop, const std::string& object,
+                     const std::string& called, const bus::table& content, bool awaits);
+
+    void begin() override;
+    void stop() override;
+
+    bus::notify_answer& answer_of(std::uint32_t subscriber);
+
+    bus::completion_handler handler_;
+    bus::answers_handler answers_handler_;
+    std::mutex answers_lock_;
+    std::map<std::uint32_t, bus::notify_answer> answers_;
+};
+
+} // namespace tarn

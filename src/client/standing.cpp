@@ -1,0 +1,205 @@
+/// The queue of a standing operation, from the loop thread to the application's loop.
+#include "client/standing.h"
+
+#include "client/app_side.h"
+#include "client/counters.h"
+#include "client/handover.h"
+
+#include <algorithm>
+#include <new>
+#include <utility>
+
+namespace tarn {
+
+namespace {
+
+template <class Handler>
+std::shared_ptr<const Handler> shared(const Handler& handler) {
+    return handler ? std::make_shared<const Handler>(handler) : nullptr;
+}
+
+bool is_item(const standing_report& report) {
+    return report.what == standing_report::kind::item;
+}
+
+} // namespace
+
+standing::standing(app_side& app, loop_bus& loop, const bus::options& how)
+    : app_(app)
+    , loop_(loop)
+    , most_(std::max<std::size_t>(1, how.most_undelivered))
+    , on_dropped_(shared(how.on_dropped))
+    , on_registered_(shared(how.on_registered)) {}
+
+standing::~standing() {
+    app_.counts().undelivered.subtract(items_);
+}
+
+void standing::release() {
+    if (released_.exchange(true)) {
+        return;
+    }
+    drop();
+    app_.bridge().post_ready(end_task, shared_from_this());
+}
+
+void standing::drop() noexcept {
+    released_ = true;
+    const queue undelivered = take_all();
+    for (const standing_report& report : undelivered) {
+        if (is_item(report)) {
+            discard(report);
+        }
+    }
+    drop_handlers();
+    // Destroyed outside the lock.
+    std::shared_ptr<const bus::dropped_handler> on_dropped;
+    std::shared_ptr<const bus::completion_handler> on_registered;
+    const std::lock_guard<std::mutex> guard(lock_);
+    on_dropped.swap(on_dropped_);
+    on_registered.swap(on_registered_);
+}
+
+standing::queue standing::take_all() noexcept {
+    queue taken;
+    const std::lock_guard<std::mutex> guard(lock_);
+    taken.swap(queue_);
+    app_.counts().undelivered.subtract(std::exchange(items_, 0));
+    return taken;
+}
+
+void standing::tell_registered(const std::error_code& code) {
+    standing_report report;
+    report.what = standing_report::kind::registered;
+    report.code = code;
+    push(std::move(report));
+}
+
+void standing::push(standing_report report) {
+    counters& counts = app_.counts();
+    const bool item = is_item(report);
+    report.life = app_.bridge().life();
+    queue added;
+    queue dropped;
+    try {
+        // What is no item must not be lost for want of memory: the application would take an
+        // object for present that has gone.
+        app_.bridge().reserve().cover([&] { added.push_back(report); });
+    } catch (const std::bad_alloc&) {
+        discard(report);
+        counts.dropped.add();
+        const std::lock_guard<std::mutex> guard(lock_);
+        ++dropped_;
+        return;
+    }
+    bool posting = false;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        if (released_) {
+            dropped.swap(added);
+        } else {
+            if (item && items_ == most_) {
+                const auto oldest = std::find_if(queue_.begin(), queue_.end(), is_item);
+                dropped.splice(dropped.end(), queue_, oldest);
+                ++dropped_;
+                --items_;
+                counts.dropped.add();
+                counts.undelivered.subtract();
+            }
+            queue_.splice(queue_.end(), added);
+            if (item) {
+                ++items_;
+                counts.undelivered.add();
+                counts.note_undelivered(items_);
+            }
+            posting = !std::exchange(posted_, true);
+        }
+    }
+    for (const standing_report& old : dropped) {
+        if (is_item(old)) {
+            discard(old);
+        }
+    }
+    handover();
+    if (posting) {
+        app_.bridge().post_from_uloop(deliver_task, shared_from_this());
+    }
+}
+
+void standing::deliver_all() {
+    std::size_t due = 0;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        posted_ = false;
+        due = queue_.size();
+    }
+    try {
+        while (due-- > 0 && deliver_next()) {}
+    } catch (...) {
+        put_back();
+        throw;
+    }
+    if (app_.bridge().life() == life_id::none) {
+        put_back(); // cancel() is running: what must be delivered is, after it
+    }
+}
+
+bool standing::deliver_next() {
+    std::uint64_t missed = 0;
+    std::shared_ptr<const bus::dropped_handler> on_dropped;
+    std::shared_ptr<const bus::completion_handler> on_registered;
+    const life_id life = app_.bridge().life();
+    if (life == life_id::none) {
+        return false;
+    }
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        missed = std::exchange(dropped_, 0);
+        on_dropped = on_dropped_;
+        on_registered = on_registered_;
+    }
+    if (missed != 0 && on_dropped) {
+        (*on_dropped)(missed);
+    }
+    queue next;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        if (queue_.empty()) {
+            return false; // released meanwhile
+        }
+        next.splice(next.end(), queue_, queue_.begin());
+        if (is_item(next.front())) {
+            --items_;
+            app_.counts().undelivered.subtract();
+        }
+    }
+    handover();
+    const standing_report& report = next.front();
+    if (report.what == standing_report::kind::registered) {
+        if (on_registered) {
+            (*on_registered)(report.code);
+        }
+    } else if (is_item(report) && report.life != life) {
+        app_.counts().dropped.add(); // a cancel() came between
+        discard(report);
+    } else {
+        if (is_item(report)) {
+            app_.counts().delivered.add();
+        }
+        deliver(report);
+    }
+    return true;
+}
+
+/// Has the rest delivered later.
+void standing::put_back() noexcept {
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        if (queue_.empty() || std::exchange(posted_, true)) {
+            return;
+        }
+    }
+    app_.bridge().put_back(deliver_task, shared_from_this());
+}
+
+} // namespace tarn

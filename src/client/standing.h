@@ -1,0 +1,111 @@
+/// Standing operations: what is delivered again and again until the application releases its link.
+#pragma once
+
+#include "client/identity.h"
+#include "client/task.h"
+#include "tarn/bus.h"
+#include "tarn/link.h"
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <system_error>
+
+namespace tarn {
+
+class app_side;
+class loop_bus;
+
+/// One report of a standing operation. What the fields mean is the operation's business.
+struct standing_report {
+    enum class kind {
+        registered, ///< the outcome of a registration, in `code`
+        change,     ///< delivered in any case
+        item, ///< an event, a notification or a message: the oldest are dropped when many wait
+    };
+    kind what = kind::change;
+    life_id life = life_id::none; ///< in which an item arrived
+    int state = 0;
+    std::uint32_t id = 0;
+    std::error_code code;
+    std::shared_ptr<const void> data;
+};
+
+/// A standing operation, its own link, with the queue of what has not been delivered.
+///
+/// The loop thread pushes reports, the application's loop delivers them: one task, in the bridge's
+/// queue while there is something to deliver. The task is a transition, so that a handler that
+/// throws in front of it costs no report. While cancel() runs nothing is delivered; items that
+/// arrived before it are dropped.
+///
+/// The lock inside guards the queue only; no other is taken with it held.
+class standing : public utils::link::impl, public std::enable_shared_from_this<standing> {
+public:
+    standing(app_side& app, loop_bus& loop, const bus::options& how);
+    ~standing() override;
+
+    // --- the link, any thread ---
+
+    void release() override;
+    bool active() const override { return !released_; }
+
+    // --- the loop thread ---
+
+    /// Reports the outcome of a registration.
+    void tell_registered(const std::error_code& code);
+
+    /// The application has stopped the client: destroys the handlers.
+    void drop() noexcept;
+
+protected:
+    /// Has `report` delivered. The loop thread only.
+    void push(standing_report report);
+
+    /// On the loop thread: takes part in what the bus sends, or no longer.
+    virtual void begin() = 0;
+    virtual void end() = 0;
+    /// On the application's loop: calls a handler, which it keeps alive meanwhile.
+    virtual void deliver(const standing_report& report) = 0;
+    /// Instead, for an item that is dropped. Any thread.
+    virtual void discard(const standing_report& /*item*/) noexcept {}
+    /// Destroys the operation's handlers. Any thread; never while one is copied, see guarded().
+    virtual void drop_handlers() noexcept = 0;
+
+    /// A copy of a handler that release() may destroy at the same time.
+    template <class Handler>
+    Handler guarded(const Handler& handler) const {
+        const std::lock_guard<std::mutex> guard(lock_);
+        return handler;
+    }
+
+    app_side& app_;
+    loop_bus& loop_;
+    mutable std::mutex lock_;
+
+private:
+    using queue = std::list<standing_report>;
+
+    void deliver_all();
+    bool deliver_next();
+    void put_back() noexcept;
+    queue take_all() noexcept;
+
+    const std::size_t most_;
+    std::atomic<bool> released_{false};
+    std::shared_ptr<const bus::dropped_handler> on_dropped_;
+    std::shared_ptr<const bus::completion_handler> on_registered_;
+    queue queue_;
+    std::size_t items_ = 0;     ///< in the queue
+    std::uint64_t dropped_ = 0; ///< since the application was notified last
+    bool posted_ = false;       ///< the task is queued
+
+public:
+    loop_task<standing, &standing::begin> begin_task{*this};
+    loop_task<standing, &standing::end> end_task{*this};
+    transition_task<standing, &standing::deliver_all> deliver_task{*this};
+};
+
+} // namespace tarn

@@ -1,0 +1,257 @@
+/// What the kinds of standing operations report, and to which handler.
+#include "client/standing_operations.h"
+
+#include "client/app_side.h"
+#include "client/exchange_ctx.h"
+#include "client/loop_bus.h"
+#include "client/served_call.h"
+#include "tarn/error.h"
+
+#include <utility>
+
+namespace tarn {
+
+namespace {
+
+template <class Value>
+const Value& data_of(const standing_report& report) {
+    return *static_cast<const Value*>(report.data.get());
+}
+
+standing_report item_of(std::shared_ptr<const void> data) {
+    standing_report report;
+    report.what = standing_report::kind::item;
+    report.data = std::move(data);
+    return report;
+}
+
+template <class Handler>
+std::shared_ptr<const Handler> shared(const Handler& handler) {
+    return handler ? std::make_shared<const Handler>(handler) : nullptr;
+}
+
+} // namespace
+
+bool matches(const std::string& pattern, const std::string& name) {
+    if (!pattern.empty() && pattern.back() == '*') {
+        return name.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0;
+    }
+    return name == pattern;
+}
+
+// --- events ---
+
+listener::listener(app_side& app, loop_bus& loop, const std::string& events,
+                   const bus::event_handler& handler, const bus::options& how)
+    : standing_with(app, loop, handler, how)
+    , pattern(events) {}
+
+void listener::begin() {
+    loop_.add(std::static_pointer_cast<listener>(shared_from_this()));
+}
+
+void listener::end() {
+    loop_.remove(*this);
+}
+
+void listener::tell(const std::shared_ptr<const event>& heard) {
+    push(item_of(heard));
+}
+
+void listener::deliver(const standing_report& report) {
+    if (const auto called = handler()) {
+        const auto& heard = data_of<event>(report);
+        (*called)(heard.id, heard.data);
+    }
+}
+
+// --- the presence of objects ---
+
+presence_watch::presence_watch(app_side& app, loop_bus& loop, const std::string& paths,
+                               const bus::presence_handler& handler, const bus::options& how)
+    : standing_with(app, loop, handler, how)
+    , pattern(paths) {}
+
+void presence_watch::begin() {
+    loop_.add(std::static_pointer_cast<presence_watch>(shared_from_this()));
+}
+
+void presence_watch::end() {
+    loop_.remove(*this);
+}
+
+void presence_watch::appeared(std::uint32_t id, const std::string& path) {
+    if (present_.count(id) == 0) {
+        const auto kept = std::make_shared<const std::string>(path);
+        present_.emplace(id, kept);
+        tell(bus::presence::appeared, id, kept);
+    }
+}
+
+void presence_watch::gone(std::uint32_t id) {
+    const auto found = present_.find(id);
+    if (found != present_.end()) {
+        tell(bus::presence::gone, id, found->second);
+        present_.erase(found);
+    }
+}
+
+void presence_watch::all_gone() {
+    while (!present_.empty()) {
+        gone(present_.begin()->first);
+    }
+}
+
+void presence_watch::tell(bus::presence what, std::uint32_t id, const path_ptr& path) {
+    standing_report report;
+    report.state = static_cast<int>(what);
+    report.id = id;
+    report.data = path;
+    push(std::move(report));
+}
+
+void presence_watch::deliver(const standing_report& report) {
+    if (const auto called = handler()) {
+        (*called)(static_cast<bus::presence>(report.state), data_of<std::string>(report),
+                  report.id);
+    }
+}
+
+// --- subscriptions ---
+
+subscription::subscription(app_side& app, loop_bus& loop, const std::string& target,
+                           const bus::notification_handler& handler,
+                           const bus::subscription_handler& on_change,
+                           const bus::subscribe_options& how)
+    : standing(app, loop, how)
+    , path(target)
+    , heard(static_cast<bool>(handler))
+    , answers(how.answers)
+    , handler_(shared(handler))
+    , on_change_(shared(on_change)) {}
+
+void subscription::begin() {
+    loop_.add(std::static_pointer_cast<subscription>(shared_from_this()));
+}
+
+void subscription::end() {
+    loop_.remove(*this);
+}
+
+void subscription::tell_change(bus::subscription now, const std::error_code& code) {
+    standing_report report;
+    report.state = static_cast<int>(now);
+    report.code = code;
+    push(std::move(report));
+}
+
+void subscription::confirm(std::uint32_t id) {
+    if (subscribed_to != id) {
+        subscribed_to = id;
+        tell_change(bus::subscription::subscribed, {});
+    }
+}
+
+void subscription::lose(std::uint32_t id) {
+    if (attempted == id) {
+        attempted = 0;
+        confirm(id);
+    }
+    if (subscribed_to == id) {
+        subscribed_to = 0;
+        tell_change(bus::subscription::lost, error::msg::not_found);
+    }
+}
+
+void subscription::tell(const std::shared_ptr<notification>& heard_of) {
+    push(item_of(heard_of));
+}
+
+void subscription::deliver(const standing_report& report) {
+    if (report.what == standing_report::kind::change) {
+        if (const auto called = guarded(on_change_)) {
+            (*called)(static_cast<bus::subscription>(report.state), report.code);
+        }
+        return;
+    }
+    // The one reader: nothing else has it when it is delivered.
+    auto& arrived = const_cast<notification&>(data_of<notification>(report));
+    if (arrived.call) {
+        arrived.call->args = std::move(arrived.args);
+    }
+    const auto context = arrived.call
+                             ? std::make_shared<exchange_ctx>(app_, arrived.call)
+                             : std::make_shared<exchange_ctx>(app_, std::move(arrived.args));
+    if (const auto called = guarded(handler_)) {
+        if (const auto answer = (*called)(arrived.method, context)) {
+            context->respond(*answer);
+        }
+    }
+}
+
+void subscription::discard(const standing_report& item) noexcept {
+    const auto& dropped = data_of<notification>(item);
+    if (dropped.call) {
+        app_.complete_call(*dropped.call, error::msg::unknown_error);
+    }
+}
+
+void subscription::drop_handlers() noexcept {
+    // Destroyed outside the lock.
+    std::shared_ptr<const bus::notification_handler> handler;
+    std::shared_ptr<const bus::subscription_handler> on_change;
+    const std::lock_guard<std::mutex> guard(lock_);
+    handler.swap(handler_);
+    on_change.swap(on_change_);
+}
+
+// --- subscribers of our own objects ---
+
+subscribers_watch::subscribers_watch(app_side& app, loop_bus& loop, const std::string& object,
+                                     const bus::subscribers_handler& handler)
+    : standing_with(app, loop, handler, {})
+    , name(object) {}
+
+void subscribers_watch::begin() {
+    loop_.add(std::static_pointer_cast<subscribers_watch>(shared_from_this()));
+}
+
+void subscribers_watch::end() {
+    loop_.remove(*this);
+}
+
+void subscribers_watch::tell(bool has_subscribers) {
+    if (has_subscribers != std::exchange(told_, has_subscribers)) {
+        standing_report report;
+        report.state = has_subscribers ? 1 : 0;
+        push(std::move(report));
+    }
+}
+
+void subscribers_watch::deliver(const standing_report& report) {
+    if (const auto called = handler()) {
+        (*called)(report.state != 0);
+    }
+}
+
+// --- the monitor ---
+
+void message_watch::begin() {
+    loop_.add(std::static_pointer_cast<message_watch>(shared_from_this()));
+}
+
+void message_watch::end() {
+    loop_.remove(*this);
+}
+
+void message_watch::tell(const std::shared_ptr<const bus::message>& passed) {
+    push(item_of(passed));
+}
+
+void message_watch::deliver(const standing_report& report) {
+    if (const auto called = handler()) {
+        (*called)(data_of<bus::message>(report));
+    }
+}
+
+} // namespace tarn
