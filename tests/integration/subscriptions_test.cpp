@@ -40,8 +40,7 @@ TEST_F(Subscriptions, NotificationsArriveFromWhenTheObjectAppears) {
     connect();
     const utils::scoped_link subscribed = events().subscribe("source", recorder(), changes());
     bus_peer peer;
-    peer.tell("publish source", "published 0");
-    peer.wait_for("subscribers source 1");
+    peer.tell("publish source", "subscribers source 1");
     peer.tell("notify source changed 4", "notified 0");
     wait_for(2);
     EXPECT_THAT(seen_, ElementsAre("subscribed", "changed 4"));
@@ -136,8 +135,7 @@ TEST_F(Subscriptions, AWithdrawnObjectIsLostAndSubscribedToWhenItIsPublishedAnew
     const utils::scoped_link subscribed = events().subscribe("source", recorder(), changes());
     bus_peer peer;
     for (std::size_t round = 0; round < 50; ++round) {
-        peer.tell("publish source", "published 0");
-        peer.wait_for("subscribers source 1");
+        peer.tell("publish source", "subscribers source 1");
         peer.tell("withdraw source", "withdrawn 0");
         wait_for(2 * round + 2);
         ASSERT_EQ(seen_[2 * round], "subscribed");
@@ -169,8 +167,7 @@ TEST_F(Subscriptions, SubscriptionsAreRestoredThroughFiftyRestartsOfTheBus) {
         seen_.clear();
         restart_bus();
         peer.reconnect();
-        peer.tell("publish source", "published 0");
-        peer.wait_for("subscribers source 1");
+        peer.tell("publish source", "subscribers source 1");
         peer.tell("notify source round " + std::to_string(round), "notified 0");
         wait_for(3);
         ASSERT_THAT(seen_, ElementsAre("lost Connection failed", "subscribed",

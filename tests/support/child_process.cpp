@@ -22,7 +22,11 @@ namespace {
 
 } // namespace
 
-child_process::child_process(std::vector<std::string> arguments) {
+child_process::child_process(std::vector<std::string> arguments, input from) {
+    std::array<int, 2> input_ends{-1, -1};
+    if (from == input::pipe && ::pipe2(input_ends.data(), O_CLOEXEC) < 0) {
+        fail("pipe2");
+    }
     std::array<int, 2> pipe_ends{};
     if (::pipe2(pipe_ends.data(), O_CLOEXEC) < 0) {
         fail("pipe2");
@@ -42,17 +46,43 @@ child_process::child_process(std::vector<std::string> arguments) {
         // Only async-signal-safe calls: the test may have threads.
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::dup2(pipe_ends[1], STDOUT_FILENO);
+        if (from == input::pipe) {
+            ::dup2(input_ends[0], STDIN_FILENO);
+        }
         ::execv(argv[0], argv.data());
         ::_exit(127);
     }
     ::close(pipe_ends[1]);
     output_ = pipe_ends[0];
+    if (from == input::pipe) {
+        ::close(input_ends[0]);
+        input_ = input_ends[1];
+    }
 }
 
 child_process::~child_process() {
     kill(SIGKILL);
     wait();
     ::close(output_);
+    close_input();
+}
+
+void child_process::write_line(const std::string& line) {
+    const std::string text = line + "\n";
+    std::size_t written = 0;
+    while (written < text.size()) {
+        const ssize_t more = ::write(input_, text.data() + written, text.size() - written);
+        if (more < 0 && errno != EINTR) {
+            fail("write");
+        }
+        written += more > 0 ? static_cast<std::size_t>(more) : 0;
+    }
+}
+
+void child_process::close_input() {
+    if (input_ >= 0) {
+        ::close(std::exchange(input_, -1));
+    }
 }
 
 void child_process::kill(int signo) const {

@@ -13,13 +13,23 @@ namespace tarn::test {
 /// it, or with this object, whichever ends first.
 class child_process {
 public:
+    /// Where its standard input comes from.
+    enum class input {
+        inherited,
+        pipe, ///< what write_line() writes
+    };
+
     /// Starts `arguments[0]` (a path). Throws std::system_error when that fails.
-    explicit child_process(std::vector<std::string> arguments);
+    explicit child_process(std::vector<std::string> arguments, input from = input::inherited);
     ~child_process();
     child_process(const child_process&) = delete;
     child_process& operator=(const child_process&) = delete;
 
     pid_t pid() const { return pid_; }
+
+    /// Writes a line to its standard input; closes it.
+    void write_line(const std::string& line);
+    void close_input();
 
     /// Reads the child's output until a line that begins with `prefix`, and returns that line.
     /// Throws std::runtime_error when the output ends, or `limit` passes, without one.
@@ -44,6 +54,7 @@ private:
 
     pid_t pid_ = -1;
     int output_ = -1;
+    int input_ = -1;
     int status_ = -1;
     bool ended_ = false;
     std::string unread_;
