@@ -1,0 +1,107 @@
+/// Many events for many listeners: none is lost while they are read, and what is lost by one that
+/// is behind is counted.
+#include "integration/peers.h"
+
+#include <algorithm>
+#include <chrono>
+#include <iostream>
+
+namespace tarn::test {
+namespace {
+
+constexpr int listeners = 20;
+constexpr int events_sent = 10000;
+
+class Flood : public peers_test {
+protected:
+    /// The events that one listener has received: in order, and how many.
+    struct reader {
+        int next = 0;
+        std::uint64_t received = 0;
+        std::uint64_t dropped = 0;
+        bool in_order = true;
+    };
+
+    utils::scoped_link listen(reader& in, const bus::options& how) {
+        return events().listen(
+            "flood",
+            [&in](const std::string&, const bus::table& data) {
+                const int n = number(data);
+                in.in_order = in.in_order && n >= in.next;
+                in.next = n + 1;
+                ++in.received;
+            },
+            how);
+    }
+};
+
+TEST_F(Flood, TenThousandEventsReachEachOfTwentyListenersInOrder) {
+    connect();
+    std::vector<reader> readers(listeners);
+    std::vector<utils::scoped_link> links;
+    for (reader& in : readers) {
+        links.push_back(listen(in, reporting()));
+    }
+    wait_until_registered(listeners);
+    bus_peer peer;
+    const auto start = std::chrono::steady_clock::now();
+    peer.write("burst flood " + std::to_string(events_sent));
+    run_until([&] {
+        return std::all_of(readers.begin(), readers.end(),
+                           [](const reader& in) { return in.received >= events_sent; });
+    });
+    const std::chrono::duration<double> took = std::chrono::steady_clock::now() - start;
+    std::cout << static_cast<int>(events_sent / took.count()) << " events a second to each of "
+              << listeners << " listeners\n";
+    for (const reader& in : readers) {
+        EXPECT_EQ(in.received, static_cast<std::uint64_t>(events_sent));
+        EXPECT_TRUE(in.in_order);
+    }
+    EXPECT_EQ(events().stats().dropped, 0U);
+}
+
+TEST_F(Flood, TwentyProcessesReceiveTheSame) {
+    connect();
+    std::list<bus_peer> peers;
+    for (int i = 0; i < listeners; ++i) {
+        peers.emplace_back();
+        peers.back().tell("listen flood", "listening 0");
+    }
+    // Sent as fast as the daemon takes them: a listener that reads must not fall so far behind that
+    // the daemon drops.
+    outcome sent;
+    for (int n = 0; n < events_sent; ++n) {
+        events().send_event("flood", {{"n", n}}, sent.handler());
+        if (n % 100 == 99) {
+            run_until([&] { return sent.count() == static_cast<std::size_t>(n) + 1; });
+        }
+    }
+    for (bus_peer& peer : peers) {
+        peer.wait_for("event flood " + std::to_string(events_sent - 1));
+    }
+}
+
+TEST_F(Flood, AListenerThatIsBehindIsToldHowManyWereDroppedAndTheOthersLoseNothing) {
+    connect();
+    reader slow;
+    reader quick;
+    bus::options few = reporting();
+    few.most_undelivered = 100;
+    few.on_dropped = [&](std::uint64_t count) {
+        slow.dropped += count;
+    };
+    const utils::scoped_link first = listen(slow, few);
+    const utils::scoped_link second = listen(quick, reporting());
+    wait_until_registered(2);
+    bus_peer peer;
+    peer.tell("burst flood 5000", "burst sent"); // this loop does not turn meanwhile
+    run_until([&] { return quick.received == 5000; });
+    run_until([&] { return slow.received + slow.dropped == 5000; });
+    EXPECT_GT(slow.dropped, 0U);
+    EXPECT_EQ(events().stats().dropped, slow.dropped);
+    EXPECT_TRUE(slow.in_order);
+    EXPECT_EQ(slow.next, 5000);
+}
+
+} // namespace
+} // namespace tarn::test
