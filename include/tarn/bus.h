@@ -297,7 +297,8 @@ public:
     /// Handler: once, on the application's loop; may be empty. It gets one element for each
     /// subscriber that libubus awaits, in no particular order.
     /// Errors: as above, and
-    ///   msg::timeout               `limit` passed first; the elements hold what was answered.
+    ///   msg::timeout               `limit` passed first; there is one element for each subscriber
+    ///                              that has sent something so far.
     virtual utils::link notify(const std::string& name, const std::string& method,
                                const table& data, const std::chrono::seconds& limit,
                                const answers_handler& handler) = 0;
