@@ -28,7 +28,7 @@ struct stats {
     std::uint64_t calls_served = 0; ///< passed to method handlers
     std::uint64_t replies_sent = 0; ///< data replies of served calls and notifications
 
-    std::uint64_t events_sent = 0;
+    std::uint64_t events_sent = 0;     ///< that the daemon has taken
     std::uint64_t events_received = 0; ///< from the bus; each once, however many listen
     std::uint64_t notifications_sent = 0;
     std::uint64_t notifications_received = 0;

@@ -31,7 +31,6 @@ utils::link app_side::send_event(const std::string& id, const bus::table& data,
     if (has_nul(id)) {
         return report_later(handler, make_error_code(error::msg::invalid_argument));
     }
-    counts_.events_sent.add();
     const bus::table message{{"id", blob::attr(id)}, {"data", blob::attr(data)}};
     return invoke_object(UBUS_SYSTEM_OBJECT_EVENT, {}, "send", message, nullptr, done,
                          std::chrono::seconds::zero());

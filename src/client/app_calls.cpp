@@ -119,6 +119,8 @@ void app_side::end_invoke(invoke_ctx& call, const std::error_code& code) {
 void app_side::count_ended(const invoke_ctx& call, const std::error_code& code) noexcept {
     if (call.object == 0) {
         counts_.call_ended(code);
+    } else if (!code) {
+        counts_.events_sent.add();
     }
 }
 

@@ -35,7 +35,7 @@ utils::link bus_impl::wait_for(const std::vector<std::string>& paths,
         return app_.refuse(waiting, error::msg::invalid_argument);
     }
     if (paths.empty()) {
-        return app_.refuse(waiting, {});
+        return app_.refuse(waiting, error::msg::success);
     }
     return app_.begin(waiting, limit);
 }

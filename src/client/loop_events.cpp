@@ -62,7 +62,7 @@ std::error_code loop_bus::listen_to(const std::string& pattern) {
     }
     bus_records& registered = records();
     if (registered.patterns.count(pattern) != 0) {
-        return {};
+        return error::msg::success;
     }
     registered.receiver.cb = &loop_bus::on_event;
     const int status = ubus_register_event_handler(bus, &registered.receiver, pattern.c_str());
@@ -209,7 +209,7 @@ std::error_code loop_bus::find(const std::string& pattern, const found_handler& 
         return error::msg::no_memory;
     }
     const std::error_code code = client_impl::to_msg_error(status);
-    return code == error::msg::not_found ? std::error_code() : code;
+    return code == error::msg::not_found ? make_error_code(error::msg::success) : code;
 }
 
 std::error_code loop_bus::find_one(const std::string& path, std::uint32_t& id) {

@@ -167,7 +167,7 @@ void loop_bus::on_notify_done(ubus_notify_request* request, int /*index*/, int /
         const auto kept = std::static_pointer_cast<notify_operation>(operation.shared_from_this());
         if (self.loop_.connection() && self.loop_.connection()->requests.erase(operation)) {
             const bool waiting = request->req.ctx->stack_depth > 0;
-            self.complete(kept, {});
+            self.complete(kept, error::msg::success);
             if (waiting) {
                 self.bridge_.flush();
             }

@@ -6,6 +6,7 @@
 #include "client/request_table.h"
 #include "client/task.h"
 #include "tarn/bus.h"
+#include "tarn/error.h"
 
 #include <cstdint>
 #include <list>
@@ -37,7 +38,8 @@ public:
     virtual void drop_handler() noexcept = 0;
 
     std::shared_ptr<utils::event_loop::timer> timer; ///< empty without a limit; as the handler
-    std::error_code outcome; ///< set by the loop thread when `done_task` is posted
+    /// Set when `done_task` is posted.
+    std::error_code outcome = error::msg::success;
 
 protected:
     /// On the loop thread: starts it, or ends it before its outcome is known.

@@ -148,7 +148,7 @@ void subscription::tell_change(bus::subscription now, const std::error_code& cod
 void subscription::confirm(std::uint32_t id) {
     if (subscribed_to != id) {
         subscribed_to = id;
-        tell_change(bus::subscription::subscribed, {});
+        tell_change(bus::subscription::subscribed, error::msg::success);
     }
 }
 

@@ -24,7 +24,9 @@ protected:
         }
         return std::string(R"({"user": ")") + known->pw_name + R"(",
             "access": {"access.open": {"methods": ["ping"]}},
-            "publish": ["access.mine"]})";
+            "publish": ["access.mine"],
+            "listen": ["allowed."], "send": ["allowed.*"],
+            "subscribe": ["access.open"]})";
     }
 
     /// Root, whom no rules bind, publishes what the user is to meet.
@@ -152,6 +154,37 @@ TEST_F(Access, AProcessOfAUserThatTheSystemDoesNotKnowIsNotLetIn) {
     EXPECT_EQ(said("connect"), code(error::generic::unknown_error));
     EXPECT_EQ(said("call access.open ping"), code(msg::connection_failed) + ", 0 replies");
     EXPECT_EQ(served_, 0U);
+}
+
+TEST_F(Access, EventsAreListenedToAndSentAsTheRulesSay) {
+    start(user,
+          {"listen", "allowed.*", "listen", "forbidden", "send", "allowed.x", "send", "other"});
+    EXPECT_EQ(said("listen allowed.*"), code(msg::success));
+    EXPECT_EQ(said("listen forbidden"), code(msg::permission_denied));
+    EXPECT_EQ(said("send allowed.x"), code(msg::success));
+    EXPECT_EQ(said("send other"), code(msg::permission_denied));
+}
+
+TEST_F(Access, WhatTheUserMayNotCallIsNotListed) {
+    start(user, {"list", "*"});
+    EXPECT_EQ(said("list *"), code(msg::success) + ", 2 objects") << "access.open and access.bare";
+}
+
+TEST_F(Access, WithoutTheRightToFollowObjectsAWaitEndsUnlessAllAreThere) {
+    start(user, {"follow", "*", "wait", "access.later", "wait", "access.open"});
+    EXPECT_EQ(said("follow *"), code(msg::permission_denied));
+    EXPECT_EQ(said("wait access.later"), code(msg::permission_denied));
+    EXPECT_EQ(said("wait access.open"), code(msg::success));
+}
+
+TEST_F(Access, ASubscriptionNeedsTheRightToSubscribe) {
+    start(user, {"subscribe", "access.open"});
+    EXPECT_EQ(said("subscribe access.open"), code(msg::success));
+}
+
+TEST_F(Access, TheMonitorIsForRoot) {
+    start(user, {"monitor"});
+    EXPECT_EQ(said("monitor "), code(msg::permission_denied));
 }
 
 } // namespace

@@ -1,12 +1,14 @@
 /// A client on libtarn that runs as another user, for tests of access rules:
 ///
-///   user_client UID [call PATH METHOD | publish NAME]...
+///   user_client UID [call PATH METHOD | publish NAME | listen PATTERN | send ID | list PATTERN |
+///                    follow PATTERN | subscribe PATH | wait PATH | monitor]...
 ///
 /// Gives up root for the user and the group of the number UID, connects, and does the rest one
 /// after the other. Every object it publishes has the method "ping", which answers {"text":
-/// "pong"}. Prints "connect: CODE", "call PATH METHOD: CODE, N replies" and "publish NAME: CODE",
-/// where CODE is the category and the number of what the library reported. Then it serves until it
-/// is killed.
+/// "pong"}. Prints "connect: CODE", "call PATH METHOD: CODE, N replies", "list PATTERN: CODE, N
+/// objects", and otherwise the action and its argument, ": " and CODE, which is the category and
+/// the number of what the library reported first. Then it serves until it is killed.
+#include "tarn/bus.h"
 #include "tarn/client.h"
 #include "tarn/loops/epoll_loop.h"
 
@@ -16,6 +18,7 @@
 #include <string>
 #include <sys/prctl.h>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -47,17 +50,55 @@ public:
                 std::chrono::seconds(20));
             return;
         }
-        const std::string name = word();
-        bus_.add_object(name,
-                        {{"ping",
-                          {[](const context& call) {
-                               call->send({{"text", "pong"}}, {});
-                           },
-                           {}}}},
-                        [=](const std::error_code& code) {
-                            told(action + ' ' + name, code) << std::endl;
-                            next();
-                        });
+        const std::string what = action == "monitor" ? "" : word();
+        const auto done = [this, said = action + ' ' + what,
+                           first = true](const std::error_code& code) mutable {
+            if (std::exchange(first, false)) {
+                told(said, code) << std::endl;
+                next();
+            }
+        };
+        if (action == "publish") {
+            bus_.add_object(what,
+                            {{"ping",
+                              {[](const context& call) {
+                                   call->send({{"text", "pong"}}, {});
+                               },
+                               {}}}},
+                            done);
+            return;
+        }
+        beside_calls(action, what, done);
+    }
+
+    void beside_calls(const std::string& action, const std::string& what,
+                      const tarn::client::completion_handler& done) {
+        tarn::bus& bus = bus_.get_bus();
+        tarn::bus::options how;
+        how.on_registered = done;
+        if (action == "listen") {
+            bus.listen(
+                what, [](const std::string&, const tarn::bus::table&) {}, how);
+        } else if (action == "send") {
+            bus.send_event(what, {}, done);
+        } else if (action == "list") {
+            bus.objects(what, [=](const std::vector<tarn::bus::object_info>& found,
+                                  const std::error_code& code) {
+                told(action + ' ' + what, code) << ", " << found.size() << " objects" << std::endl;
+                next();
+            });
+        } else if (action == "follow") {
+            bus.on_object(
+                what, [](tarn::bus::presence, const std::string&, std::uint32_t) {}, how);
+        } else if (action == "subscribe") {
+            bus.subscribe(what, {}, [done](tarn::bus::subscription, const std::error_code& code) {
+                done(code);
+            });
+        } else if (action == "wait") {
+            bus.wait_for({what}, std::chrono::seconds(0), done);
+        } else {
+            bus.monitor([](const tarn::bus::message&) {}, how);
+        }
     }
 
     static std::ostream& told(const std::string& what, const std::error_code& code) {
