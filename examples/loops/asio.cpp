@@ -1,6 +1,6 @@
 // A program on an io_context of standalone Asio asks the object "demo" for an echo.
+#include <tarn/ext/call.h>
 #include <tarn/loops/asio_loop.h>
-#include <tarn/tarn.h>
 
 #include <asio/signal_set.hpp>
 
@@ -23,16 +23,13 @@ int main() {
             std::cerr << "cannot connect: " << no_bus.message() << '\n';
             return context.stop();
         }
-        const auto answered = [&](const std::list<tarn::blob::attr>& replies,
-                                  const std::error_code& failed) {
-            for (const auto& reply : replies) {
-                const auto& fields = reply.get<tarn::blob::table>();
-                std::cout << fields.find("msg")->second.get<std::string>() << '\n';
-            }
-            status = failed ? EXIT_FAILURE : EXIT_SUCCESS;
+        const auto answered = [&](const tarn::ext::result<tarn::ext::reply>& answer) {
+            (answer ? std::cout : std::cerr)
+                << (answer ? answer->value_or("msg", std::string()) : answer.message()) << '\n';
+            status = answer ? EXIT_SUCCESS : EXIT_FAILURE;
             context.stop();
         };
-        bus.invoke("demo", "echo", {{"msg", "hello"}}, answered, std::chrono::seconds(5));
+        tarn::ext::call(bus, "demo", "echo", {{"msg", "hello"}}, std::chrono::seconds(5), answered);
     });
     context.run();
     return status;

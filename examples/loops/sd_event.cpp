@@ -1,6 +1,6 @@
 // A daemon on the sd_event of its thread asks the object "demo" for an echo.
+#include <tarn/ext/call.h>
 #include <tarn/loops/sd_event_loop.h>
-#include <tarn/tarn.h>
 
 #include <csignal>
 #include <cstdlib>
@@ -25,18 +25,14 @@ int main() {
     bus.connect([&](const std::error_code& no_bus) {
         if (no_bus) {
             std::cerr << "cannot connect: " << no_bus.message() << '\n';
-            sd_event_exit(event, EXIT_FAILURE);
-            return;
+            return static_cast<void>(sd_event_exit(event, EXIT_FAILURE));
         }
-        const auto answered = [event](const std::list<tarn::blob::attr>& replies,
-                                      const std::error_code& failed) {
-            for (const auto& reply : replies) {
-                const auto& fields = reply.get<tarn::blob::table>();
-                std::cout << fields.find("msg")->second.get<std::string>() << '\n';
-            }
-            sd_event_exit(event, failed ? EXIT_FAILURE : EXIT_SUCCESS);
+        const auto answered = [event](const tarn::ext::result<tarn::ext::reply>& answer) {
+            (answer ? std::cout : std::cerr)
+                << (answer ? answer->value_or("msg", std::string()) : answer.message()) << '\n';
+            sd_event_exit(event, answer ? EXIT_SUCCESS : EXIT_FAILURE);
         };
-        bus.invoke("demo", "echo", {{"msg", "hello"}}, answered, std::chrono::seconds(5));
+        tarn::ext::call(bus, "demo", "echo", {{"msg", "hello"}}, std::chrono::seconds(5), answered);
     });
     const int status = sd_event_loop(event);
     sd_event_unref(event);

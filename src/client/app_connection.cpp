@@ -469,12 +469,12 @@ void app_side::on_lost(connection_ctx& connection) {
     announce();
 }
 
-void app_side::on_torn_down(life_id heard_in) {
+void app_side::on_torn_down(life_id reported_in) {
     std::optional<telling> outcome;
     std::error_code no_connection = error::generic::aborted;
     {
         const lock_guard guard(lock_);
-        if (heard_in == life_id::none || heard_in != life()) {
+        if (reported_in == life_id::none || reported_in != life()) {
             return; // cancelled
         }
         outcome.emplace(*this);

@@ -134,7 +134,7 @@ std::shared_ptr<object_ctx> app_side::forget(const ubus_object_ctx& records) noe
     return forgotten;
 }
 
-void app_side::complete(object_operation& operation, bool forgotten, bool heard) {
+void app_side::complete(object_operation& operation, bool forgotten, bool reported) {
     assert_application_side();
     std::shared_ptr<object_ctx> object; // its handlers' captures are destroyed outside the lock
     std::shared_ptr<pending> ended;
@@ -151,17 +151,17 @@ void app_side::complete(object_operation& operation, bool forgotten, bool heard)
         return;
     }
     const auto handler = operation.take_handler();
-    if (heard && handler) {
+    if (reported && handler) {
         handler(operation.status);
     }
 }
 
-void app_side::complete_addition(object_operation& addition, bool heard) {
-    complete(addition, static_cast<bool>(addition.status), heard);
+void app_side::complete_addition(object_operation& addition, bool reported) {
+    complete(addition, static_cast<bool>(addition.status), reported);
 }
 
-void app_side::complete_removal(object_operation& removal, bool heard) {
-    complete(removal, true, heard);
+void app_side::complete_removal(object_operation& removal, bool reported) {
+    complete(removal, true, reported);
 }
 
 // --- calls that are served ---

@@ -100,8 +100,8 @@ public:
                            const client::completion_handler& handler);
     utils::link del_object(const std::string& name, bool stop_serving,
                            const client::completion_handler& handler);
-    void complete_addition(object_operation& addition, bool heard);
-    void complete_removal(object_operation& removal, bool heard);
+    void complete_addition(object_operation& addition, bool reported);
+    void complete_removal(object_operation& removal, bool reported);
     void dispatch_call(const std::shared_ptr<served_call>& call);
     void drop_call(served_call& call) noexcept;
     void complete_call(served_call& call, const std::error_code& status) noexcept;
@@ -204,7 +204,7 @@ private:
     void tell_all(pending_list& waiting, pending_list::number before, bool insiders, era since,
                   const std::error_code& code);
     void tell_everybody(pending_list& waiting, era since, const std::error_code& code);
-    void on_torn_down(life_id heard_in);
+    void on_torn_down(life_id reported_in);
     void tell_invoke(const std::shared_ptr<pending>& ended, const std::error_code& code);
     void count_ended(const invoke_ctx& call, const std::error_code& code) noexcept;
     void expire(const std::weak_ptr<one_shot>& watched);
@@ -224,7 +224,7 @@ private:
     std::error_code begin_removal(const std::string& name,
                                   const std::shared_ptr<object_operation>& removal);
     std::shared_ptr<object_ctx> forget(const ubus_object_ctx& records) noexcept;
-    void complete(object_operation& operation, bool forgotten, bool heard);
+    void complete(object_operation& operation, bool forgotten, bool reported);
 
     task_bridge& bridge_;
     loop_side& loop_;

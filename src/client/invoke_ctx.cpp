@@ -49,7 +49,7 @@ void invoke_ctx::complete() {
     app_.complete_invoke(*this);
 }
 
-void invoke_ctx::complete_unheard() noexcept {
+void invoke_ctx::complete_unreported() noexcept {
     app_.drop_invoke(*this);
 }
 

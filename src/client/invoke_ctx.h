@@ -59,7 +59,7 @@ private:
     void begin();
     void abort();
     void complete();
-    void complete_unheard() noexcept;
+    void complete_unreported() noexcept;
 
     app_side& app_;
     loop_side& loop_;
@@ -67,7 +67,7 @@ private:
 public:
     loop_task<invoke_ctx, &invoke_ctx::begin> begin_task{*this};
     loop_task<invoke_ctx, &invoke_ctx::abort> abort_task{*this};
-    droppable_task<invoke_ctx, &invoke_ctx::complete, &invoke_ctx::complete_unheard> done_task{
+    droppable_task<invoke_ctx, &invoke_ctx::complete, &invoke_ctx::complete_unreported> done_task{
         *this};
 };
 

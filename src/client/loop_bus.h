@@ -87,7 +87,7 @@ private:
     static void on_notify_done(ubus_notify_request* request, int index, int status);
 
     void take_event(const char* id, blob_attr* msg);
-    void follow_presence(const event& heard);
+    void follow_presence(const event& received);
     int take_notification(subscription& target, ubus_request_data& request, const char* method,
                           blob_attr* msg);
     void take_message(blob_attr* data);

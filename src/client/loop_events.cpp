@@ -112,34 +112,34 @@ void loop_bus::take_event(const char* id, blob_attr* msg) {
     counters& counts = app_.counts();
     counts.events_received.add();
     counts.bytes_received.add(msg ? blob_len(msg) : 0);
-    auto heard = std::make_shared<event>();
-    heard->id = id;
+    auto received = std::make_shared<event>();
+    received->id = id;
     try {
-        heard->data = blob::utils::to_table(msg);
+        received->data = blob::utils::to_table(msg);
     } catch (const std::bad_alloc&) {
         throw;
     } catch (const std::exception&) {
-        heard->data.clear(); // one that cannot be decoded counts as an empty one
+        received->data.clear(); // one that cannot be decoded counts as an empty one
     }
     if (follows_objects()) {
-        follow_presence(*heard);
+        follow_presence(*received);
     }
     for (const auto& operation : listeners_) {
-        if (matches(operation->pattern, heard->id)) {
-            operation->tell(heard);
+        if (matches(operation->pattern, received->id)) {
+            operation->tell(received);
         }
     }
 }
 
 // --- the presence of objects ---
 
-void loop_bus::follow_presence(const event& heard) {
-    const bool added = heard.id == object_added;
-    if (!added && heard.id != object_removed) {
+void loop_bus::follow_presence(const event& received) {
+    const bool added = received.id == object_added;
+    if (!added && received.id != object_removed) {
         return;
     }
-    const auto* const id = field<std::uint32_t>(heard.data, "id");
-    const auto* const path = field<std::string>(heard.data, "path");
+    const auto* const id = field<std::uint32_t>(received.data, "id");
+    const auto* const path = field<std::string>(received.data, "path");
     if (id == nullptr || path == nullptr) {
         return;
     }

@@ -182,7 +182,7 @@ void loop_side::send_sync(const std::shared_ptr<send_operation>& sending) {
     const served_call& call = *sending->call;
     if (bus == nullptr || !carries(call.connection)) {
         // Not reported, but the handler must still be released.
-        sending->unheard = true;
+        sending->unreported = true;
         bridge_.post_from_uloop(sending->done_task, sending);
         return;
     }

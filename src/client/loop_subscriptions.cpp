@@ -114,7 +114,7 @@ int loop_bus::take_notification(subscription& target, ubus_request_data& request
     counts.notifications_received.add();
     counts.bytes_received.add(msg ? blob_len(msg) : 0);
     int answer = 0;
-    if (target.heard && target.active()) {
+    if (target.has_handler && target.active()) {
         try {
             const auto arrived = std::make_shared<notification>();
             arrived->method = method;

@@ -26,7 +26,7 @@ void object_operation::complete() {
     }
 }
 
-void object_operation::complete_unheard() noexcept {
+void object_operation::complete_unreported() noexcept {
     if (what_ == kind::addition) {
         app_.complete_addition(*this, false);
     } else {
@@ -39,14 +39,14 @@ void send_operation::begin() {
 }
 
 void send_operation::complete() {
-    if (unheard) {
+    if (unreported) {
         app_.give_up(*this);
     } else {
         app_.tell(*this, status);
     }
 }
 
-void send_operation::complete_unheard() noexcept {
+void send_operation::complete_unreported() noexcept {
     app_.give_up(*this);
 }
 

@@ -36,7 +36,7 @@ public:
 private:
     void begin();
     void complete();
-    void complete_unheard() noexcept;
+    void complete_unreported() noexcept;
 
     const kind what_;
     loop_side& loop_;
@@ -44,7 +44,7 @@ private:
 public:
     loop_task<object_operation, &object_operation::begin> begin_task{*this};
     droppable_task<object_operation, &object_operation::complete,
-                   &object_operation::complete_unheard>
+                   &object_operation::complete_unreported>
         done_task{*this};
 };
 
@@ -61,19 +61,19 @@ public:
 
     const std::shared_ptr<served_call> call;
     std::multimap<std::string, blob::attr> data;
-    std::error_code status; ///< set by the loop thread
-    bool unheard = false;   ///< the connection has ended before: not reported
+    std::error_code status;  ///< set by the loop thread
+    bool unreported = false; ///< the connection has ended before: not reported
 
 private:
     void begin();
     void complete();
-    void complete_unheard() noexcept;
+    void complete_unreported() noexcept;
 
     loop_side& loop_;
 
 public:
     loop_task<send_operation, &send_operation::begin> begin_task{*this};
-    droppable_task<send_operation, &send_operation::complete, &send_operation::complete_unheard>
+    droppable_task<send_operation, &send_operation::complete, &send_operation::complete_unreported>
         done_task{*this};
 };
 

@@ -18,7 +18,7 @@ void one_shot::complete() {
     app_.complete(*this);
 }
 
-void one_shot::complete_unheard() noexcept {
+void one_shot::complete_unreported() noexcept {
     app_.drop(*this);
 }
 

@@ -51,12 +51,12 @@ protected:
 
 private:
     void complete();
-    void complete_unheard() noexcept;
+    void complete_unreported() noexcept;
 
 public:
     loop_task<one_shot, &one_shot::begin> begin_task{*this};
     loop_task<one_shot, &one_shot::stop> stop_task{*this};
-    droppable_task<one_shot, &one_shot::complete, &one_shot::complete_unheard> done_task{*this};
+    droppable_task<one_shot, &one_shot::complete, &one_shot::complete_unreported> done_task{*this};
 };
 
 /// The look-up of all objects of a pattern.

@@ -27,7 +27,7 @@ void served_call::dispatch() {
     app_.dispatch_call(shared_from_this());
 }
 
-void served_call::dispatch_unheard() noexcept {
+void served_call::dispatch_unreported() noexcept {
     app_.drop_call(*this);
 }
 

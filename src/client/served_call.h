@@ -43,14 +43,14 @@ public:
 
 private:
     void dispatch();
-    void dispatch_unheard() noexcept;
+    void dispatch_unreported() noexcept;
     void answer();
 
     app_side& app_;
     loop_side& loop_;
 
 public:
-    droppable_task<served_call, &served_call::dispatch, &served_call::dispatch_unheard>
+    droppable_task<served_call, &served_call::dispatch, &served_call::dispatch_unreported>
         dispatch_task{*this};
     loop_task<served_call, &served_call::answer> answer_task{*this};
 };

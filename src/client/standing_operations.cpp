@@ -54,14 +54,14 @@ void listener::end() {
     loop_.remove(*this);
 }
 
-void listener::tell(const std::shared_ptr<const event>& heard) {
-    push(item_of(heard));
+void listener::tell(const std::shared_ptr<const event>& received) {
+    push(item_of(received));
 }
 
 void listener::deliver(const standing_report& report) {
     if (const auto called = handler()) {
-        const auto& heard = data_of<event>(report);
-        (*called)(heard.id, heard.data);
+        const auto& received = data_of<event>(report);
+        (*called)(received.id, received.data);
     }
 }
 
@@ -125,7 +125,7 @@ subscription::subscription(app_side& app, loop_bus& loop, const std::string& tar
                            const bus::subscribe_options& how)
     : standing(app, loop, how)
     , path(target)
-    , heard(static_cast<bool>(handler))
+    , has_handler(static_cast<bool>(handler))
     , answers(how.answers)
     , handler_(shared(handler))
     , on_change_(shared(on_change)) {}
@@ -163,8 +163,8 @@ void subscription::lose(std::uint32_t id) {
     }
 }
 
-void subscription::tell(const std::shared_ptr<notification>& heard_of) {
-    push(item_of(heard_of));
+void subscription::tell(const std::shared_ptr<notification>& received) {
+    push(item_of(received));
 }
 
 void subscription::deliver(const standing_report& report) {

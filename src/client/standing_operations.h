@@ -50,7 +50,7 @@ public:
     listener(app_side& app, loop_bus& loop, const std::string& events,
              const bus::event_handler& handler, const bus::options& how);
 
-    void tell(const std::shared_ptr<const event>& heard);
+    void tell(const std::shared_ptr<const event>& received);
 
     const std::string pattern;
 
@@ -98,15 +98,15 @@ public:
                  const bus::subscription_handler& on_change, const bus::subscribe_options& how);
 
     void tell_change(bus::subscription now, const std::error_code& code);
-    void tell(const std::shared_ptr<notification>& heard);
+    void tell(const std::shared_ptr<notification>& received);
     /// The daemon has taken the subscription to `id`.
     void confirm(std::uint32_t id);
     /// The object with this id has gone.
     void lose(std::uint32_t id);
 
     const std::string path;
-    const bool heard;   ///< whether there is a handler for notifications
-    const bool answers; ///< whether it answers them
+    const bool has_handler; ///< whether there is a handler for notifications
+    const bool answers;     ///< whether it answers them
     std::uint32_t subscribed_to = 0;
     /// What is being subscribed to. Notifications, and the end of the object, may arrive inside of
     /// the request.
