@@ -18,6 +18,9 @@ public:
     explicit memory_client(busd::broker* attached_to = nullptr, bool is_root = false)
         : client("alice", "staff", is_root)
         , bus(attached_to) {}
+    memory_client(busd::broker* attached_to, const char* user, const char* group, bool is_root)
+        : client(user, group, is_root)
+        , bus(attached_to) {}
 
     busd::broker* bus;
 

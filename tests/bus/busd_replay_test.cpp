@@ -14,7 +14,9 @@ public:
     player(const std::string& file, const tarn::test::bus_daemon& daemon, wire::id_map& ids)
         : lines_(wire::load(file))
         , socket_(daemon.connect())
-        , ids_(ids) {}
+        , ids_(ids) {
+        ids_.learn(lines_);
+    }
 
     bool done() const { return next_ == lines_.size(); }
     std::size_t lines_played() const { return next_; }

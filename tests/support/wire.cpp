@@ -1,7 +1,6 @@
 /// Raw messages of the bus for its tests.
 #include "support/wire.h"
 
-#include <array>
 #include <cerrno>
 #include <cstring>
 #include <fstream>
@@ -46,18 +45,6 @@ void wait_for(int fd, short events) {
     if (::poll(&watched, 1, limit_ms) <= 0) {
         throw std::runtime_error("nothing happens on the socket");
     }
-}
-
-// The random ids in the recordings: two clients, an object, a type.
-constexpr std::array<std::uint32_t, 4> recorded_ids{0x1f90a54d, 0xa99eaecf, 0x6ff235c3, 0x857a37de};
-
-bool is_recorded_id(std::uint32_t value) {
-    for (const std::uint32_t id : recorded_ids) {
-        if (value == id) {
-            return true;
-        }
-    }
-    return false;
 }
 
 bytes with_header(std::uint32_t word, const bytes& payload) {
@@ -242,7 +229,11 @@ std::vector<recorded> load(const std::string& file) {
         std::string name;
         std::string digits;
         words >> direction >> name >> digits;
-        recorded entry{direction == "client->bus", {}};
+        const std::size_t arrow = direction.find("->");
+        const bool from_client = direction.compare(arrow, std::string::npos, "->bus") == 0;
+        recorded entry{from_client ? direction.substr(0, arrow) : direction.substr(arrow + 2),
+                       from_client,
+                       {}};
         for (std::size_t i = 0; i + 1 < digits.size(); i += 2) {
             entry.raw.push_back(
                 static_cast<std::uint8_t>(std::stoul(digits.substr(i, 2), nullptr, 16)));
@@ -253,6 +244,24 @@ std::vector<recorded> load(const std::string& file) {
         throw std::runtime_error("no recording in " + file);
     }
     return lines;
+}
+
+void id_map::learn(const std::vector<recorded>& lines) {
+    for (const recorded& line : lines) {
+        const received message{line.raw};
+        if (line.from_client) {
+            continue;
+        }
+        if (message.type() == hello) {
+            recorded_.insert(message.peer());
+        } else if (message.type() == data) {
+            for (const std::uint8_t id : {std::uint8_t{3}, std::uint8_t{5}}) {
+                if (!message.attribute(id).empty()) {
+                    recorded_.insert(message.number(id));
+                }
+            }
+        }
+    }
 }
 
 bytes id_map::to_actual(bytes raw) const {
@@ -268,7 +277,7 @@ bytes id_map::to_actual(bytes raw) const {
 bytes id_map::to_recorded(bytes raw, const bytes& expected) {
     for (std::size_t at = 4; at + 4 <= raw.size() && at + 4 <= expected.size(); at += 4) {
         const std::uint32_t wanted = word_at(expected, at);
-        if (is_recorded_id(wanted) &&
+        if (recorded_.count(wanted) != 0 &&
             actual_.emplace(wanted, word_at(raw, at)).first->second == word_at(raw, at)) {
             put_word(raw, at, wanted);
         }

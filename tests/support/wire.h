@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -132,7 +133,10 @@ private:
 
 /// One line of a recorded exchange.
 struct recorded {
+    /// Which of the clients, if the recording has several.
+    std::string client;
     bool from_client;
+    /// Empty for the end of the client.
     bytes raw;
 };
 
@@ -143,6 +147,8 @@ std::vector<recorded> load(const std::string& file);
 /// them; from then on each must stand where the other stands.
 class id_map {
 public:
+    /// Takes the ids of clients, objects and types that the daemon gives in a recording.
+    void learn(const std::vector<recorded>& lines);
     /// Puts the ids of this run into a recorded message.
     bytes to_actual(bytes raw) const;
     /// Puts the recorded ids into a message of this run, binding those that `expected` has at the
@@ -150,6 +156,7 @@ public:
     bytes to_recorded(bytes raw, const bytes& expected);
 
 private:
+    std::set<std::uint32_t> recorded_;
     std::map<std::uint32_t, std::uint32_t> actual_;
 };
 
