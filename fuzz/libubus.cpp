@@ -1,5 +1,6 @@
 /// Fuzz target: what a daemon may send, through libubus: answers to requests that wait and to those
-/// that do not, calls of objects, and the end of the connection.
+/// that do not, calls of objects, events, notifications and who is subscribed to them, copies for
+/// the monitor, and the end of the connection.
 #include "input.h"
 
 #include "ubus/dispatch.h"
@@ -52,6 +53,24 @@ void on_data(ubus_request*, int, blob_attr* message) {
     touch(message);
 }
 
+void on_event(ubus_context*, ubus_event_handler*, const char* id, blob_attr* table) {
+    sum += std::strlen(id);
+    touch(table);
+}
+
+void on_target_lost(ubus_context*, ubus_subscriber* subscriber, std::uint32_t target) {
+    sum += subscriber->obj.id + target;
+}
+
+void on_subscribed(ubus_context*, ubus_object* object) {
+    sum += object->has_subscribers ? 1 : 0;
+}
+
+void on_monitored(ubus_context*, std::uint32_t seq, blob_attr* data) {
+    sum += seq;
+    touch(data);
+}
+
 int lost;
 void on_lost(ubus_context*) {
     ++lost;
@@ -61,6 +80,18 @@ constexpr int calls = 3;
 int completed[calls];
 void on_complete(ubus_request* request, int) {
     ++*static_cast<int*>(request->priv);
+}
+
+int notified;
+void on_all_notified(ubus_notify_request*, int, int) {
+    ++notified;
+}
+void on_one_notified(ubus_notify_request* request, int place, int) {
+    fuzz::require(place > 0 && place <= UBUS_MAX_NOTIFY_PEERS, "who answers has a place");
+    sum += request->id[place];
+}
+void on_notify_data(ubus_notify_request*, int, blob_attr* message) {
+    touch(message);
 }
 
 /// A context on one end of a socket pair; the other end plays the daemon.
@@ -77,6 +108,7 @@ public:
         ctx.sock.cb = bus::on_socket;
         ctx.sock.fd = ends[0];
         ctx.connection_lost = on_lost;
+        ctx.monitor_cb = on_monitored;
         daemon_ = ends[1];
     }
     ~connection() {
@@ -93,15 +125,31 @@ public:
                           ctx.sock.eof,
                       "the socket takes the input");
     }
+    /// The daemon's answer to the next request, which publishes an object: its id, and a status.
+    void publish(std::uint32_t id, std::uint32_t status) const {
+        const auto seq = static_cast<std::uint16_t>(ctx.request_seq + 1);
+        receive_number(UBUS_MSG_DATA, seq, UBUS_ATTR_OBJID, id);
+        receive_number(UBUS_MSG_STATUS, seq, UBUS_ATTR_STATUS, status);
+    }
     void hang_up() const { ::shutdown(daemon_, SHUT_WR); }
 
     ubus_context ctx{};
 
 private:
+    void receive_number(std::uint8_t type, std::uint16_t seq, std::uint8_t id,
+                        std::uint32_t value) const {
+        std::uint8_t bytes[bus::message_head_size + 8];
+        bus::write_header(bytes, type, seq, 0);
+        const std::uint32_t words[] = {htonl(12), htonl(std::uint32_t{id} << 24 | 8), htonl(value)};
+        std::memcpy(bytes + sizeof(ubus_msghdr), words, sizeof words);
+        receive(fuzz::input(bytes, sizeof bytes));
+    }
+
     int daemon_ = -1;
 };
 
-void wait_inside(ubus_context& ctx, unsigned int how) {
+void wait_inside(ubus_context& ctx, unsigned int how, ubus_object& published,
+                 ubus_subscriber& subscriber) {
     static constexpr ubus_method method{"m", on_call, 0, 0, nullptr, 0};
     static ubus_object_type type{"t", 0, &method, 1};
     ubus_object object{};
@@ -123,6 +171,18 @@ void wait_inside(ubus_context& ctx, unsigned int how) {
             }
         }
         break;
+    case 4:
+        ubus_notify(&ctx, &published, "up", nullptr, 1000);
+        break;
+    case 5:
+        ubus_subscribe(&ctx, &subscriber, 9);
+        break;
+    case 6:
+        ubus_send_event(&ctx, "e", nullptr);
+        break;
+    case 7:
+        ubus_monitor_start(&ctx);
+        break;
     default:
         break;
     }
@@ -137,7 +197,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     }();
     fuzz::require(prepared, "a loop");
     fuzz::input rest(data, std::min<std::size_t>(size, 64 * 1024));
-    const unsigned int how = rest.byte() % 4U;
+    const unsigned int how = rest.byte() % 8U;
     const std::size_t first = rest.byte();
 
     static constexpr ubus_method methods[] = {{"m", on_call, 0, 0, nullptr, 0}};
@@ -145,13 +205,27 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     published.id = 2;
     published.methods = methods;
     published.n_methods = 1;
+    published.subscribe_cb = on_subscribed;
     published.avl.key = &published.id;
     ubus_request requests[calls];
     std::fill(std::begin(completed), std::end(completed), 0);
-    lost = 0;
+    lost = notified = 0;
 
     connection bus;
     avl_insert(&bus.ctx.objects, &published.avl);
+    ubus_subscriber subscriber{};
+    subscriber.cb = on_call;
+    subscriber.remove_cb = on_target_lost;
+    bus.publish(3, UBUS_STATUS_OK);
+    fuzz::require(ubus_register_subscriber(&bus.ctx, &subscriber) == 0, "a subscriber");
+    // Its id is taken although it is refused in the end, and no pattern is registered.
+    ubus_event_handler listener{};
+    listener.cb = on_event;
+    bus.publish(4, UBUS_STATUS_PERMISSION_DENIED);
+    fuzz::require(ubus_register_event_handler(&bus.ctx, &listener, "*") != 0 &&
+                      listener.obj.id == 4,
+                  "a listener");
+    bus.ctx.request_seq = 0;
     // Sequence numbers 1 to 3, of the object 1.
     for (int i = 0; i < calls; ++i) {
         fuzz::require(ubus_invoke_async(&bus.ctx, 1, "m", nullptr, &requests[i]) == 0, "a call");
@@ -160,16 +234,25 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         requests[i].priv = &completed[i];
         ubus_complete_request_async(&bus.ctx, &requests[i]);
     }
+    // Number 4, of the object 2.
+    ubus_notify_request notification;
+    fuzz::require(ubus_notify_async(&bus.ctx, &published, "up", nullptr, &notification) == 0,
+                  "a notification");
+    notification.status_cb = on_one_notified;
+    notification.complete_cb = on_all_notified;
+    notification.data_cb = on_notify_data;
+    ubus_complete_request_async(&bus.ctx, &notification.req);
     bus.receive(rest.piece(first));
     ubus_handle_event(&bus.ctx);
     bus.receive(rest);
     bus.hang_up();
-    wait_inside(bus.ctx, how);
+    wait_inside(bus.ctx, how, published, subscriber);
     ubus_handle_event(&bus.ctx);
     bus.ctx.sock.eof = true;
     ubus_handle_event(&bus.ctx);
 
     fuzz::require(lost == 1, "the end of the connection is told once");
+    fuzz::require(notified == 1, "the notification ends once");
     for (const int times : completed) {
         fuzz::require(times == 1, "every call that was started ends once");
     }
