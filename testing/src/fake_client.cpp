@@ -1,8 +1,8 @@
 /// The fake client's calls and published objects, and its public face.
 #include "tarn/testing/fake_client.h"
 
-#include "bus.h"
 #include "fake_core.h"
+#include "transfer.h"
 
 #include "tarn/error.h"
 #include "tarn/link.h"
@@ -16,29 +16,6 @@ namespace tarn::testing {
 using misc::aggregate_adapter;
 
 namespace {
-
-/// The fields as they arrive at the other end of the bus. Throws what encoding and decoding throw.
-blob::table transferred(const blob::table& fields) {
-    blob::buf message(fields);
-    return blob::utils::to_table(message.native()->head);
-}
-
-blob::table transferred(const blob::table& fields, const client::method_policy& policy) {
-    blob::buf message(fields);
-    return policy.empty() ? blob::utils::to_table(message.native()->head)
-                          : blob::utils::to_table(message.native()->head, policy);
-}
-
-/// A status as it arrives at the other end.
-std::error_code transferred(const std::error_code& status) {
-    if (!status) {
-        return error::msg::success;
-    }
-    const bool carried = status.category() == error::msg_category::get_inst() &&
-                         status.value() > 0 &&
-                         status.value() <= static_cast<int>(error::msg::connection_failed);
-    return carried ? status : error::msg::unknown_error;
-}
 
 bool is_storable(const client::method_policy& policy) {
     try {
@@ -173,12 +150,13 @@ utils::link fake_client::core::add_object(const std::string& name, const method_
         });
         if (state_ != state::connected) {
             code = error::msg::connection_failed;
-        } else if (!storable || objects_.count(name) != 0) {
+        } else if (!storable || objects_.count(name) != 0 || rest_->is_taken(name)) {
             code = error::msg::invalid_argument;
         } else if (refusal_) {
             code = refusal_;
         } else {
             objects_.emplace(name, methods);
+            rest_->published(name, methods);
         }
     }
     return report(handler, code);
@@ -196,6 +174,7 @@ utils::link fake_client::core::del_object(const std::string& name,
         } else {
             forgotten.swap(found->second);
             objects_.erase(found);
+            rest_->withdrawn(name);
         }
     }
     return report(handler, code);
@@ -259,6 +238,17 @@ private:
     const std::shared_ptr<served_call> served_;
     std::function<void()> completed_;
 };
+
+std::shared_ptr<client::exchange_ctx>
+fake_client::core::make_context(const std::shared_ptr<served_call>& served, blob::table&& args) {
+    std::uint64_t connection = 0;
+    {
+        const guard locked(lock_);
+        connection = connection_;
+    }
+    return std::make_shared<exchange>(shared_from_this(), connection, served,
+                                      std::function<void()>(), std::move(args));
+}
 
 /// Calls the handler of a published object. `completed` runs on the loop when the call is.
 void fake_client::core::serve(const call& arrived, const std::shared_ptr<served_call>& served,
@@ -344,7 +334,14 @@ client::state fake_client::core::get_state() const {
 // --- the public face ---
 
 fake_client::fake_client(const std::shared_ptr<utils::event_loop>& loop)
-    : core_(std::make_shared<core>(loop)) {}
+    : core_(std::make_shared<core>(loop))
+    , rest_(core_->rest()) {
+    core_->rest()->set_context_maker(
+        [weak = std::weak_ptr<core>(core_)](const std::shared_ptr<served_call>& served,
+                                            blob::table&& args) {
+            return weak.lock()->make_context(served, std::move(args));
+        });
+}
 
 fake_client::~fake_client() {
     core_->close();
@@ -442,6 +439,10 @@ void fake_client::cancel() {
 
 std::weak_ptr<utils::event_loop> fake_client::get_event_loop() const {
     return core_->loop();
+}
+
+fake_bus& fake_client::get_bus() {
+    return rest_;
 }
 
 } // namespace tarn::testing

@@ -14,14 +14,8 @@ namespace tarn::testing {
 using misc::aggregate_adapter;
 
 fake_client::core::core(const std::shared_ptr<utils::event_loop>& loop)
-    : loop_(loop) {}
-
-std::shared_ptr<utils::event_loop> fake_client::core::get_loop() const {
-    if (auto loop = loop_.lock()) {
-        return loop;
-    }
-    throw std::logic_error("tarn::testing::fake_client: its event loop has been destroyed");
-}
+    : loop_(loop)
+    , rest_(std::make_shared<fake_bus::core>(loop)) {}
 
 /// With the lock held.
 void fake_client::core::post_locked(std::function<void()> task) {
@@ -66,7 +60,13 @@ void fake_client::core::take_step(connection_event event) {
     if (state_ == step.next) {
         return;
     }
+    if (state_ == state::connected) {
+        rest_->connection_ended();
+    }
     state_ = step.next;
+    if (state_ == state::connected) {
+        rest_->connection_made();
+    }
     attempts_ = state_ == state::connected ? 0 : attempts_;
     states_.push_back(state_);
     untold_.push_back(state_);
@@ -291,6 +291,7 @@ void fake_client::core::arm_reconnection() {
 
 void fake_client::core::cancel() {
     end_reconnection();
+    rest_->drop_undelivered();
     waiting_list reports;
     waiting_list connects;
     waiting_list disconnects;
@@ -307,6 +308,7 @@ void fake_client::core::cancel() {
             take_step(connection_event::cancelled);
         }
     }
+    rest_->abort();
     end_calls(error::generic::aborted);
     tell_all(reports, error::generic::aborted);
     announce();
@@ -316,6 +318,7 @@ void fake_client::core::cancel() {
 
 void fake_client::core::close() noexcept {
     end_reconnection();
+    rest_->close();
     const guard locked(lock_);
     ++life_;
     ++connection_;

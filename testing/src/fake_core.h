@@ -4,6 +4,9 @@
 #include "tarn/testing/fake_client.h"
 
 #include "client/connection_machine.h"
+#include "fake_bus_core.h"
+#include "transfer.h"
+#include "waiting.h"
 #include <atomic>
 #include <cstdint>
 #include <deque>
@@ -12,33 +15,6 @@
 #include <utility>
 
 namespace tarn::testing {
-
-/// A handler that waits for the outcome of an operation, and its link.
-class waiting final : public utils::link::impl {
-public:
-    explicit waiting(client::completion_handler handler)
-        : handler_(std::move(handler)) {}
-
-    /// The handler, once: the caller that gets it calls or drops it.
-    client::completion_handler take() {
-        const std::lock_guard<std::mutex> guard(lock_);
-        active_ = false;
-        return std::exchange(handler_, nullptr);
-    }
-    void tell(const std::error_code& code) {
-        if (const auto handler = take()) {
-            handler(code);
-        }
-    }
-
-    void release() override { take(); }
-    bool active() const override { return active_; }
-
-private:
-    std::mutex lock_;
-    std::atomic<bool> active_{true};
-    client::completion_handler handler_;
-};
 
 /// A state subscriber, and its link. A call that has begun when it is released runs to its end.
 class subscriber final : public utils::link::impl {
@@ -108,6 +84,8 @@ class fake_client::core final : public std::enable_shared_from_this<core> {
 public:
     explicit core(const std::shared_ptr<utils::event_loop>& loop);
 
+    const std::shared_ptr<fake_bus::core>& rest() const { return rest_; }
+
     // --- fake_connection.cpp ---
 
     utils::link connect(const completion_handler& handler);
@@ -119,6 +97,9 @@ public:
     void cancel();
     /// The client is being destroyed: nothing that is queued runs any more.
     void close() noexcept;
+    /// The exchange context of a call or notification that arrives on the present connection.
+    std::shared_ptr<client::exchange_ctx> make_context(const std::shared_ptr<served_call>& served,
+                                                       blob::table&& args);
 
     // --- fake_client.cpp ---
 
@@ -142,7 +123,6 @@ public:
 private:
     class exchange;
     using guard = std::lock_guard<std::mutex>;
-    using waiting_list = std::list<std::shared_ptr<waiting>>;
 
     struct scripted {
         std::deque<outcome> next;
@@ -152,7 +132,7 @@ private:
         backoff_function backoff;
     };
 
-    std::shared_ptr<utils::event_loop> get_loop() const;
+    std::shared_ptr<utils::event_loop> get_loop() const { return existing_loop(loop_); }
     /// Has the loop run `task`, which is not called when cancel() comes first.
     void post_locked(std::function<void()> task);
     utils::link report(const completion_handler& handler, const std::error_code& code);
@@ -176,6 +156,7 @@ private:
                const std::function<void()>& completed);
 
     const std::weak_ptr<utils::event_loop> loop_;
+    const std::shared_ptr<fake_bus::core> rest_;
 
     mutable std::mutex lock_;
     std::uint64_t life_ = 0; ///< changes with every cancel()

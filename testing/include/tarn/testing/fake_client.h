@@ -4,6 +4,8 @@
 
 #include "tarn/client.h"
 #include "tarn/event_loop.h"
+#include "tarn/testing/fake_bus.h"
+#include "tarn/testing/served_call.h"
 
 #include <chrono>
 #include <cstddef>
@@ -16,32 +18,6 @@
 #include <vector>
 
 namespace tarn::testing {
-
-/// What a scripted call ends with.
-struct outcome {
-    /// The data replies, in order.
-    std::list<blob::table> replies = {};
-    /// The status of the callee.
-    std::error_code status = {};
-    /// Whether the callee never completes the call, which then waits for its time limit, for the
-    /// end of the connection or for cancel().
-    bool never = false;
-
-    /// One reply and success.
-    static outcome reply(blob::table fields) { return {{std::move(fields)}, {}, false}; }
-    /// No reply and this status.
-    static outcome failure(const std::error_code& status) { return {{}, status, false}; }
-    /// The callee never completes the call (see `never`).
-    static outcome no_answer() { return {{}, {}, true}; }
-};
-
-/// A call of an object that the code under test has published, and what has become of it.
-struct served_call {
-    /// The data replies so far, in order.
-    std::list<blob::table> replies;
-    /// The status, once the call is completed: as it would reach the caller.
-    std::optional<std::error_code> status;
-};
 
 /// Replaces tarn::client in the tests of code that is given a `tarn::client&`. There is no bus
 /// and no thread: everything happens on the event loop that the test passes, usually a
@@ -145,12 +121,15 @@ public:
                            const completion_handler& handler) override;
     void cancel() override;
     std::weak_ptr<utils::event_loop> get_event_loop() const override;
+    /// The rest of the bus; see fake_bus.h.
+    fake_bus& get_bus() override;
 
 private:
     class core;
 
     // Shared with links, contexts and tasks, which may outlive the client.
     const std::shared_ptr<core> core_;
+    fake_bus rest_;
 };
 
 } // namespace tarn::testing
