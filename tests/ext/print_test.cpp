@@ -136,6 +136,24 @@ TEST(Compare, ValuesOfAnyDepthAreComparedAndWritten) {
     EXPECT_FALSE(deep(1) == deep(2));
 }
 
+TEST(Print, TheEnumeratorsOfTheBusHaveNames) {
+    EXPECT_EQ(ext::to_string(bus::presence::appeared), "appeared");
+    EXPECT_EQ(to_string(bus::presence::gone), "gone");
+    EXPECT_EQ(to_string(bus::subscription::subscribed), "subscribed");
+    EXPECT_EQ(to_string(bus::subscription::lost), "lost");
+    EXPECT_EQ(to_string(bus::subscription::refused), "refused");
+    EXPECT_EQ(to_string(static_cast<bus::presence>(7)), "presence 7");
+    EXPECT_EQ(to_string(static_cast<bus::subscription>(7)), "subscription 7");
+    std::string types;
+    for (int number = 0; number <= 9; ++number) {
+        types += to_string(static_cast<bus::field_type>(number)) + ' ';
+    }
+    EXPECT_EQ(types, "any array table string int64 int32 int16 int8 float64 type 9 ");
+    std::ostringstream out;
+    out << bus::presence::gone << bus::subscription::lost << bus::field_type::int8;
+    EXPECT_EQ(out.str(), "gonelostint8");
+}
+
 TEST(Print, TheLocaleDoesNotReachNumbers) {
     EXPECT_EQ(ext::detail::with_plain_point("0,5"), "0.5");
     EXPECT_EQ(ext::detail::with_plain_point("1\xd9\xab"

@@ -10,26 +10,11 @@
 
 #include <chrono>
 #include <list>
-#include <memory>
 #include <string>
 #include <system_error>
-#include <type_traits>
 #include <utility>
 
 namespace tarn::ext {
-
-namespace detail {
-
-/// `handler`, which takes a result<T>, to be captured by what the client is given. Shared, since
-/// the client copies its handlers and this one may be movable only.
-template <class T, class Handler>
-std::shared_ptr<std::decay_t<Handler>> keep_handler(Handler&& handler) {
-    static_assert(std::is_invocable_v<std::decay_t<Handler>&, result<T>>,
-                  "the handler of a call takes a tarn::ext::result of what is asked for");
-    return std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
-}
-
-} // namespace detail
 
 /// Calls `method` of the object published under `path`, as client::invoke() does.
 ///

@@ -6,6 +6,7 @@
 #pragma once
 
 #include "tarn/blob/attr.h"
+#include "tarn/bus.h"
 #include "tarn/client.h"
 #include "tarn/error.h"
 #include "tarn/ext/detail/quote.h"
@@ -232,6 +233,69 @@ inline std::string to_string(client::state state) {
 /// Writes to_string(state).
 inline std::ostream& operator<<(std::ostream& out, client::state state) {
     return out << to_string(state);
+}
+
+/// "appeared" or "gone". Thread: any. Throws std::bad_alloc.
+inline std::string to_string(bus::presence what) {
+    switch (what) {
+    case bus::presence::appeared:
+        return "appeared";
+    case bus::presence::gone:
+        return "gone";
+    }
+    return "presence " + std::to_string(static_cast<int>(what));
+}
+
+/// "subscribed", "lost" or "refused". Thread: any. Throws std::bad_alloc.
+inline std::string to_string(bus::subscription what) {
+    switch (what) {
+    case bus::subscription::subscribed:
+        return "subscribed";
+    case bus::subscription::lost:
+        return "lost";
+    case bus::subscription::refused:
+        return "refused";
+    }
+    return "subscription " + std::to_string(static_cast<int>(what));
+}
+
+/// The name of the type of a field: "any", "array", "table", "string", "int64", "int32", "int16",
+/// "int8" or "float64". Thread: any. Throws std::bad_alloc.
+inline std::string to_string(bus::field_type type) {
+    switch (type) {
+    case bus::field_type::any:
+        return "any";
+    case bus::field_type::array:
+        return "array";
+    case bus::field_type::table:
+        return "table";
+    case bus::field_type::string:
+        return "string";
+    case bus::field_type::int64:
+        return "int64";
+    case bus::field_type::int32:
+        return "int32";
+    case bus::field_type::int16:
+        return "int16";
+    case bus::field_type::int8:
+        return "int8";
+    case bus::field_type::float64:
+        return "float64";
+    }
+    return "type " + std::to_string(static_cast<int>(type));
+}
+
+/// Writes to_string(what).
+inline std::ostream& operator<<(std::ostream& out, bus::presence what) {
+    return out << to_string(what);
+}
+/// Writes to_string(what).
+inline std::ostream& operator<<(std::ostream& out, bus::subscription what) {
+    return out << to_string(what);
+}
+/// Writes to_string(type).
+inline std::ostream& operator<<(std::ostream& out, bus::field_type type) {
+    return out << to_string(type);
 }
 
 namespace ext {

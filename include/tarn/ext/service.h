@@ -1,16 +1,19 @@
 /// tarn::ext::service: publishes an object whose methods are plain functions.
 #pragma once
 
+#include "tarn/bus.h"
 #include "tarn/client.h"
 #include "tarn/error.h"
 #include "tarn/ext/detail/method.h"
 #include "tarn/ext/mismatch.h"
+#include "tarn/ext/notify.h"
 #include "tarn/ext/responder.h"
 #include "tarn/ext/task.h"
 #include "tarn/link.h"
 
 #include <algorithm>
 #include <array>
+#include <chrono>
 #include <cstddef>
 #include <exception>
 #include <functional>
@@ -56,9 +59,22 @@ public:
         on_exception_ = std::move(handler);
     }
 
+    void set_on_subscribers(tarn::bus::subscribers_handler handler) {
+        check_unpublished();
+        on_subscribers_ = std::move(handler);
+    }
+
     void publish() {
         check_unpublished();
         published_ = true;
+        if (on_subscribers_) {
+            subscribers_ =
+                bus_.get_bus().on_subscribers(name_, [weak = weak_from_this()](bool some) {
+                    if (const auto self = weak.lock(); self && !self->closed()) {
+                        self->on_subscribers_(some);
+                    }
+                });
+        }
         states_ = bus_.notify_on_state_change([weak = weak_from_this()](client::state now) {
             if (const auto self = weak.lock()) {
                 self->follow(now);
@@ -78,6 +94,7 @@ public:
             closed_ = true;
             tasks.swap(tasks_);
             states_.release();
+            subscribers_.release();
         }
         // Before the object goes, since the bus passes on no answer of it then. Without the lock,
         // since the frames that are destroyed may do anything.
@@ -96,6 +113,7 @@ public:
     }
 
     client& bus() { return bus_; }
+    const std::string& name() const { return name_; }
 
     /// Answers a call whose function threw the exception that is being handled.
     void answer_exception(const std::string& method, pending_answer& call) const {
@@ -177,10 +195,12 @@ private:
     client::method_map methods_;
     client::completion_handler on_published_;
     exception_handler on_exception_;
+    tarn::bus::subscribers_handler on_subscribers_;
     bool published_ = false;
 
     std::mutex lock_; ///< guards what follows
     utils::link states_;
+    utils::link subscribers_;
     std::map<const void*, utils::link> tasks_;
     unsigned long addition_ = 0; ///< the number of the last registration
     bool added_ = false;         ///< registered, or about to be, on this connection
@@ -393,6 +413,49 @@ public:
     on_exception(std::function<void(const std::string&, const std::exception_ptr&)> handler) {
         core_->set_on_exception(std::move(handler));
         return *this;
+    }
+
+    /// Sets the handler that is notified whether the object has subscribers: from the first that
+    /// comes to the last that goes, through reconnections.
+    /// Thread: before publish(), the one that sets the service up.
+    /// Handler: for every change, on the loop, beginning with true; see bus::on_subscribers().
+    /// Errors: throws std::logic_error after publish().
+    service& on_subscribers(tarn::bus::subscribers_handler handler) {
+        core_->set_on_subscribers(std::move(handler));
+        return *this;
+    }
+
+    /// Notifies the subscribers of the object, as ext::notify() does with the arguments after the
+    /// name of the object: `notify("opened", door, nullptr)`, or with a time limit and a handler
+    /// that gets their answers.
+    ///
+    /// Thread: any.
+    /// Handler: see ext::notify().
+    /// Errors: as ext::notify(): msg::not_found while the object is not on the bus.
+    template <class Data, class Handler>
+    utils::link notify(const std::string& method, const Data& data, Handler&& handler) {
+        return ext::notify(core_->bus(), core_->name(), method, data,
+                           std::forward<Handler>(handler));
+    }
+    /// The same with a table in braces.
+    template <class Handler>
+    utils::link notify(const std::string& method, const blob::table& data, Handler&& handler) {
+        return ext::notify(core_->bus(), core_->name(), method, data,
+                           std::forward<Handler>(handler));
+    }
+    /// The same, waiting for the answers.
+    template <class T = detail::deduced, class Data, class Rep, class Period, class Handler>
+    utils::link notify(const std::string& method, const Data& data,
+                       const std::chrono::duration<Rep, Period>& limit, Handler&& handler) {
+        return ext::notify<T>(core_->bus(), core_->name(), method, data, limit,
+                              std::forward<Handler>(handler));
+    }
+    /// The same with a table in braces.
+    template <class T = detail::deduced, class Rep, class Period, class Handler>
+    utils::link notify(const std::string& method, const blob::table& data,
+                       const std::chrono::duration<Rep, Period>& limit, Handler&& handler) {
+        return ext::notify<T>(core_->bus(), core_->name(), method, data, limit,
+                              std::forward<Handler>(handler));
     }
 
     /// Publishes the object, now or as soon as the client is connected, and on every connection

@@ -12,10 +12,12 @@
 #include <exception>
 #include <functional>
 #include <list>
+#include <memory>
 #include <new>
 #include <stdexcept>
 #include <system_error>
 #include <type_traits>
+#include <utility>
 
 namespace tarn::ext::detail {
 
@@ -84,6 +86,15 @@ result<T> decode(const std::list<blob::attr>& replies, const std::error_code& st
             return {error::msg::parse_error, other.what()};
         }
     }
+}
+
+/// `handler`, which takes a result<T>, to be captured by what the client is given. Shared, since
+/// the client copies its handlers and this one may be movable only.
+template <class T, class Handler>
+std::shared_ptr<std::decay_t<Handler>> keep_handler(Handler&& handler) {
+    static_assert(std::is_invocable_v<std::decay_t<Handler>&, result<T>>,
+                  "the handler takes a tarn::ext::result of what is asked for");
+    return std::make_shared<std::decay_t<Handler>>(std::forward<Handler>(handler));
 }
 
 } // namespace tarn::ext::detail
