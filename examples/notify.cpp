@@ -14,20 +14,21 @@ using votes = tarn::ext::result<tarn::ext::answers<vote>>;
 int main() {
     tarn::ext::app app;
     tarn::ext::service door(app.bus(), "door");
-    door.method("open", {"name"}, [&door](std::string name, tarn::ext::responder<bool> answer) {
-        const tarn::blob::table which{{"name", name}};
-        const auto decide = [&door, which, answer](const votes& arrived) {
-            bool agreed = arrived.has_value();
-            for (const auto& each : arrived.value_or(tarn::ext::answers<vote>())) {
-                agreed = agreed && (!each || each->open); // no answer in time: agreed
-            }
-            if (agreed) {
-                door.notify("opened", which, nullptr); // waits for no answers
-            }
-            answer.answer(agreed);
-        };
-        door.notify("may-open", which, std::chrono::seconds(2), decide);
-    });
+    door.method("open", {"name"},
+                [&door](const std::string& name, const tarn::ext::responder<bool>& answer) {
+                    const tarn::blob::table which{{"name", name}};
+                    const auto decide = [&door, which, answer](const votes& arrived) {
+                        bool agreed = arrived.has_value();
+                        for (const auto& each : arrived.value_or(tarn::ext::answers<vote>())) {
+                            agreed = agreed && (!each || each->open); // no answer in time: agreed
+                        }
+                        if (agreed) {
+                            door.notify("opened", which, nullptr); // waits for no answers
+                        }
+                        answer.answer(agreed);
+                    };
+                    door.notify("may-open", which, std::chrono::seconds(2), decide);
+                });
     door.on_subscribers(
         [](bool some) { std::cout << (some ? "subscribers" : "no subscribers") << std::endl; });
     door.on_published([](const std::error_code& failed) {

@@ -378,7 +378,7 @@ void fake_bus::core::end_locked(const std::shared_ptr<waiting>& operation,
 
 void fake_bus::core::limit_locked(const std::shared_ptr<waiting>& operation,
                                   const std::chrono::seconds& limit) {
-    if (limit == limit.zero()) {
+    if (limit == std::chrono::seconds::zero()) {
         return;
     }
     auto timer = existing_loop(loop_)->create_timer();
