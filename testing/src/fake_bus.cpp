@@ -203,26 +203,19 @@ void fake_bus::core::suspend(standing& each) {
     }
 }
 
-void fake_bus::core::drop_undelivered() {
+void fake_bus::core::cancel() {
     std::vector<standing_ptr> all;
-    {
-        const guard locked(lock_);
-        all = active();
-    }
-    // Without the lock: what is dropped may be an exchange context.
-    for (const auto& each : all) {
-        each->clear();
-    }
-}
-
-void fake_bus::core::abort() {
     waiting_list ended;
     {
         const guard locked(lock_);
         ++life_; // what is queued on the loop becomes a no-op
+        all = active();
         ended.swap(operations_);
         asked_.clear();
         waits_.clear();
+    }
+    for (const auto& each : all) {
+        each->drop_limited();
     }
     for (const auto& each : ended) {
         each->tell(error::generic::aborted);
@@ -775,6 +768,10 @@ std::vector<std::string> fake_bus::following() const {
 
 std::vector<std::string> fake_bus::subscribed() const {
     return core_->subscribed();
+}
+
+std::vector<std::string> fake_bus::following_subscribers() const {
+    return core_->subjects(kind::publisher);
 }
 
 std::size_t fake_bus::monitors() const {

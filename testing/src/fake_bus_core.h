@@ -34,10 +34,9 @@ public:
     void published(const std::string& name, const client::method_map& methods);
     void withdrawn(const std::string& name);
     bool is_taken(const std::string& name) const;
-    /// Without the client's lock. Drops what has not been delivered.
-    void drop_undelivered();
-    /// Without the client's lock. Ends the one-shot operations.
-    void abort();
+    /// Without the client's lock, and after the connection has ended. Drops the events,
+    /// notifications and messages that have not been delivered, and ends the one-shot operations.
+    void cancel();
     /// Without the client's lock.
     void close() noexcept;
     void set_context_maker(context_maker maker) { make_context_ = std::move(maker); }

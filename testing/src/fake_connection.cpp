@@ -291,7 +291,6 @@ void fake_client::core::arm_reconnection() {
 
 void fake_client::core::cancel() {
     end_reconnection();
-    rest_->drop_undelivered();
     waiting_list reports;
     waiting_list connects;
     waiting_list disconnects;
@@ -308,7 +307,7 @@ void fake_client::core::cancel() {
             take_step(connection_event::cancelled);
         }
     }
-    rest_->abort();
+    rest_->cancel();
     end_calls(error::generic::aborted);
     tell_all(reports, error::generic::aborted);
     announce();

@@ -4,6 +4,7 @@
 #include "transfer.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 namespace tarn::testing {
@@ -54,37 +55,28 @@ void standing::add_limited(report next, std::function<void()> dropped) {
 void standing::add_change(const std::string& key, std::optional<std::uint32_t> id, report next) {
     {
         const std::lock_guard<std::mutex> guard(lock_);
-        change(queued_, key, id);
-    }
-    add([this, key, id, next = std::move(next)](const standing_handlers& handlers) {
-        {
-            const std::lock_guard<std::mutex> guard(lock_);
-            change(delivered_, key, id);
+        if (id) {
+            present_[key] = *id;
+        } else {
+            present_.erase(key);
         }
-        next(handlers);
-    });
-}
-
-void standing::change(presences& all, const std::string& key, std::optional<std::uint32_t> id) {
-    if (id) {
-        all[key] = *id;
-    } else {
-        all.erase(key);
     }
+    add(std::move(next));
 }
 
-standing::presences standing::present() const {
+std::map<std::string, std::uint32_t> standing::present() const {
     const std::lock_guard<std::mutex> guard(lock_);
-    return queued_;
+    return present_;
 }
 
-void standing::clear() {
+void standing::drop_limited() {
     std::deque<entry> dropped; // destroyed outside the lock
     const std::lock_guard<std::mutex> guard(lock_);
-    dropped.swap(entries_);
+    const auto first = std::stable_partition(entries_.begin(), entries_.end(),
+                                             [](const entry& each) { return !each.limited; });
+    std::move(first, entries_.end(), std::back_inserter(dropped));
+    entries_.erase(first, entries_.end());
     limited_ = 0;
-    dropped_ = 0;
-    queued_ = delivered_;
 }
 
 /// Every report has a task of its own, so that those behind one that throws are delivered.

@@ -53,8 +53,8 @@ public:
     void add_change(const std::string& key, std::optional<std::uint32_t> id, report next);
     /// What is there once all reports that wait have been delivered.
     std::map<std::string, std::uint32_t> present() const;
-    /// Drops the reports that wait, as if what they say had not happened.
-    void clear();
+    /// Drops the reports that wait and count for the limit.
+    void drop_limited();
 
     void release() override;
     bool active() const override;
@@ -65,9 +65,6 @@ private:
         bool limited = false;
         std::function<void()> dropped = {};
     };
-    using presences = std::map<std::string, std::uint32_t>;
-
-    static void change(presences& all, const std::string& key, std::optional<std::uint32_t> id);
     void post();
     void deliver_one();
 
@@ -77,8 +74,7 @@ private:
     std::deque<entry> entries_;
     std::size_t limited_ = 0; ///< how many of them count for the limit
     std::uint64_t dropped_ = 0;
-    presences queued_;    ///< what the handlers have been or will be notified of
-    presences delivered_; ///< what they have been notified of
+    std::map<std::string, std::uint32_t> present_;
 };
 
 } // namespace tarn::testing

@@ -128,6 +128,7 @@ TEST_F(Notify, AServiceThatHasGoneIsNotNotifiedOfItsSubscribers) {
     }
     loop->drain();
     EXPECT_THAT(seen, IsEmpty());
+    EXPECT_THAT(rest.following_subscribers(), IsEmpty());
 }
 
 } // namespace

@@ -375,15 +375,15 @@ TEST_F(FakeBus, AFollowerIsNotifiedOfThoseThatAreThereThenOfEveryChange) {
     EXPECT_THAT(rest.following(), ElementsAre("net.*"));
 }
 
-TEST_F(FakeBus, AfterCancelAFollowerIsNotifiedThatWhatItKnowsIsGone) {
+TEST_F(FakeBus, CancelDropsNoChangesAndEveryObjectIsGoneAfterIt) {
     rest.add_object("known");
     rest.on_object("*", note_presence());
     connect();
-    rest.add_object("never told");
+    rest.add_object("undelivered");
     peer.cancel();
     EXPECT_THAT(seen, ElementsAre("+known")) << "on the loop only";
     loop->drain();
-    EXPECT_THAT(seen, ElementsAre("+known", "-known"));
+    EXPECT_THAT(seen, ElementsAre("+known", "+undelivered", "-known", "-undelivered"));
 }
 
 TEST_F(FakeBus, AFollowerThatIsRefusedIsNotifiedOfNothing) {
@@ -489,6 +489,17 @@ TEST_F(FakeBus, ADroppedNotificationIsAnsweredWithUnknownError) {
     EXPECT_EQ(second[0]->status, make_error_code(msg::success));
 }
 
+TEST_F(FakeBus, ANotificationThatCancelDropsIsNotAnswered) {
+    rest.add_object("hostapd");
+    rest.subscribe("hostapd", note_notification(msg::success), note_change());
+    connect();
+    const auto served = rest.ask_from("hostapd", "probe");
+    peer.cancel();
+    loop->drain();
+    EXPECT_FALSE(served[0]->status);
+    EXPECT_THAT(seen, ElementsAre("subscribed: Success", "lost: Connection failed"));
+}
+
 TEST_F(FakeBus, ASubscriptionIsRefusedAsOnTheBus) {
     rest.subscribe("bad*", {}, note_change());
     loop->drain();
@@ -523,6 +534,7 @@ TEST_F(FakeBus, WhoMayNotFollowIsSubscribedOnlyToWhatIsThere) {
 TEST_F(FakeBus, SubscribersComeAndGoWithTheirObject) {
     rest.on_subscribers("door",
                         [&](bool some) { seen.emplace_back(some ? "subscribers" : "none"); });
+    EXPECT_THAT(rest.following_subscribers(), ElementsAre("door"));
     rest.set_subscribers("door", 2);
     connect();
     EXPECT_THAT(seen, IsEmpty());

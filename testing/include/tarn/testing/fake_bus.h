@@ -118,6 +118,8 @@ public:
     std::vector<std::string> following() const;
     /// The paths that are subscribed at the moment, once for each subscription.
     std::vector<std::string> subscribed() const;
+    /// The names of the objects whose subscribers are followed, likewise.
+    std::vector<std::string> following_subscribers() const;
     /// Monitors that are not released.
     std::size_t monitors() const;
     /// The patterns of all look-ups with objects() so far.
