@@ -62,9 +62,14 @@ public:
     utils::link disconnect(const client::completion_handler& handler);
     utils::link notify_on_state_change(const client::state_handler& handler);
     client::state get_state() const { return state_; }
-    /// The connection that calls go out on and can be answered on; none without one.
+    /// The connection that incoming calls and notifications can be answered on; none without one.
+    /// Also one that is being reported: a subscription is restored before that, and what it
+    /// receives meanwhile is to be answered.
     connection_id open_connection() const {
-        return state_ == client::state::connected ? connection_id_.load() : connection_id::none;
+        const client::state now = state_;
+        return now == client::state::connected || now == client::state::connecting
+                   ? connection_id_.load()
+                   : connection_id::none;
     }
 
     void on_connect_result(connection_ctx& attempt);

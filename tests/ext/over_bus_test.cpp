@@ -134,6 +134,24 @@ TEST_F(ExtOverBus, ASubscriptionAnswersAnotherProcessThroughItsRestart) {
     }
 }
 
+TEST_F(ExtOverBus, ANotificationThatComesAheadOfTheStateIsAnswered) {
+    child_process publisher = start("notify");
+    publisher.wait_for_line("door: ready");
+    const auto link =
+        ext::subscribe(bus(), "door", [](const std::string&, const door&) { return vote{false}; });
+    bus().connect({}); // restores the subscription; the loop does not run yet
+    publisher.wait_for_line("subscribers");
+    child_process caller({TARN_TEST_TOOL, "call", "door", "open", R"({"name": "front"})", "-s"});
+    const auto end = std::chrono::steady_clock::now() + limit;
+    while (bus().get_bus().stats().notifications_received == 0) {
+        ASSERT_LT(std::chrono::steady_clock::now(), end);
+        std::this_thread::yield();
+    }
+    run_until([] { return bus().get_bus().stats().replies_sent == 1; });
+    settle(); // the answer is completed when the reply is out
+    EXPECT_EQ(caller.read_rest(), "{\"result\":false}\n");
+}
+
 TEST_F(ExtOverBus, AServiceGetsTheAnswersOfItsSubscribers) {
     connect();
     ext::service published(bus(), "door");
