@@ -123,6 +123,7 @@ TEST_F(BusdMonitor, CopiesGoToEveryReaderButAreNotShownThemselves) {
     broker.detach(second);
     ASSERT_TRUE(send(caller, wire::message(wire::ping, 1, 0, {})));
     EXPECT_EQ(reader.take().size(), 3u);
+    EXPECT_TRUE(second.take().empty());
 }
 
 TEST_F(BusdMonitor, ShowsWhatAFullReceiverLoses) {
