@@ -50,6 +50,7 @@ class TARN_API bus {
 public:
     /// The fields of an event, a notification or a message.
     using table = std::multimap<std::string, blob::attr>;
+    /// Receives the outcome of an operation.
     using completion_handler = client::completion_handler;
 
     /// Receives one event: its id and its data.
@@ -88,18 +89,18 @@ public:
     };
     /// One field that a method expects.
     struct field_info {
-        std::string name;
-        field_type type = field_type::any;
+        std::string name;                  ///< of the field
+        field_type type = field_type::any; ///< of its value
     };
     /// One method of an object, with the fields that it expects in the order of its publisher.
     struct method_info {
-        std::string name;
-        std::vector<field_info> fields;
+        std::string name;               ///< of the method
+        std::vector<field_info> fields; ///< none is expected where it is empty
     };
     /// One object on the bus.
     struct object_info {
-        std::string path;
-        std::uint32_t id = 0;
+        std::string path;                 ///< under which it is called
+        std::uint32_t id = 0;             ///< new whenever it is published
         std::uint32_t type_id = 0;        ///< objects with the same signature may share one
         std::vector<method_info> methods; ///< those that this process may call
     };
@@ -165,6 +166,7 @@ public:
     };
     /// The name of a kind of message, such as "invoke"; empty for one that is not known.
     static const char* name_of(int message_type);
+    /// Receives one message that has passed the daemon.
     using message_handler = std::function<void(const message&)>;
 
     virtual ~bus();
@@ -182,6 +184,7 @@ public:
     /// that holds a NUL byte or exceeds the bus limit.
     virtual utils::link listen(const std::string& pattern, const event_handler& handler,
                                const options& how) = 0;
+    /// The same with the default options.
     utils::link listen(const std::string& pattern, const event_handler& handler) {
         return listen(pattern, handler, options());
     }
@@ -228,9 +231,8 @@ public:
     /// Errors:
     ///   msg::timeout               `limit` (whole seconds; zero for none) passed first. A negative
     ///                              one expires at once;
-    ///   msg::permission_denied     not all are there, and this process may not follow which
-    ///   appear; msg::invalid_argument      a path is empty, ends in `*`, holds a NUL byte or
-    ///   exceeds the
+    ///   msg::permission_denied     not all are there, and this process may not follow objects;
+    ///   msg::invalid_argument      a path is empty, ends in `*`, holds a NUL byte or exceeds the
     ///                              bus limit;
     ///   msg::no_memory             memory ran out on the private thread;
     ///   generic::aborted           client::cancel() ended it.
@@ -249,6 +251,7 @@ public:
     /// msg::invalid_argument as objects().
     virtual utils::link on_object(const std::string& pattern, const presence_handler& handler,
                                   const options& how) = 0;
+    /// The same with the default options.
     utils::link on_object(const std::string& pattern, const presence_handler& handler) {
         return on_object(pattern, handler, options());
     }
@@ -266,6 +269,7 @@ public:
     virtual utils::link subscribe(const std::string& path, const notification_handler& handler,
                                   const subscription_handler& on_change,
                                   const subscribe_options& how) = 0;
+    /// The same with the default options.
     utils::link subscribe(const std::string& path, const notification_handler& handler,
                           const subscription_handler& on_change = {}) {
         return subscribe(path, handler, on_change, subscribe_options());
@@ -319,6 +323,7 @@ public:
     /// Handler: for every message, on the application's loop.
     /// Errors: none here; options::on_registered gets msg::permission_denied for others.
     virtual utils::link monitor(const message_handler& handler, const options& how) = 0;
+    /// The same with the default options.
     utils::link monitor(const message_handler& handler) { return monitor(handler, options()); }
 
     /// A snapshot of what has happened since the start of the process. The counts are exact, but

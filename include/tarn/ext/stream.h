@@ -240,22 +240,22 @@ private:
 /// One event.
 template <class T = reply>
 struct event {
-    std::string id;
-    T data;
+    std::string id; ///< such as "network.interface"
+    T data;         ///< its table
 };
 
 /// One notification.
 template <class T = reply>
 struct notification {
-    std::string method;
-    T data;
+    std::string method; ///< its name
+    T data;             ///< its table
 };
 
 /// One object that has appeared or gone.
 struct object_change {
-    tarn::bus::presence what = tarn::bus::presence::appeared;
-    std::string path;
-    std::uint32_t id = 0;
+    tarn::bus::presence what = tarn::bus::presence::appeared; ///< which of the two
+    std::string path;                                         ///< the object's
+    std::uint32_t id = 0;                                     ///< the object's, new each time
 };
 
 /// A stream of the events whose id matches `pattern`; see listen(). T is a reply unless it is

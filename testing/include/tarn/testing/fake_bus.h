@@ -44,8 +44,8 @@ public:
 
     /// An event that the code under test has sent.
     struct sent_event {
-        std::string id;
-        table data; ///< as the code under test passed it
+        std::string id; ///< such as "network.interface"
+        table data;     ///< as the code under test passed it
     };
     /// All events so far, in order, also those that were sent without a connection.
     std::vector<sent_event> sent_events() const;
@@ -132,10 +132,12 @@ public:
 
     // --- tarn::bus ---
 
+    /// \cond
     using bus::listen;
     using bus::monitor;
     using bus::on_object;
     using bus::subscribe;
+    /// \endcond
     utils::link listen(const std::string& pattern, const event_handler& handler,
                        const options& how) override;
     utils::link send_event(const std::string& id, const table& data,
