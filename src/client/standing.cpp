@@ -122,7 +122,7 @@ void standing::push(standing_report report) {
     }
     handover();
     if (posting) {
-        app_.bridge().post_from_uloop(deliver_task, shared_from_this());
+        app_.bridge().post_due_from_uloop(deliver_task, shared_from_this());
     }
 }
 

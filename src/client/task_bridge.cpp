@@ -49,9 +49,9 @@ void task_bridge::post_drain(life_id tied) {
 }
 
 /// With the lock held: whether the application's loop has to be asked for a drain, which then
-/// counts as requested.
-bool task_bridge::needs_drain() noexcept {
-    if (delivery_waits_ || drain_requested_ || life_ == life_id::none) {
+/// counts as requested. One that is `due` does not wait for the application's next request.
+bool task_bridge::needs_drain(bool due) noexcept {
+    if ((delivery_waits_ && !due) || drain_requested_ || life_ == life_id::none) {
         return false;
     }
     drain_requested_ = true;
@@ -183,7 +183,7 @@ void task_bridge::put_back(task& work, std::shared_ptr<void> kept) noexcept {
     {
         const std::lock_guard<std::mutex> guard(lock_);
         queue_.push(work, std::move(kept));
-        if (needs_drain()) {
+        if (needs_drain(true)) {
             asking = life_;
         }
     }
@@ -326,11 +326,17 @@ void task_bridge::post_from_uloop(task& work, std::shared_ptr<void> kept) {
     }
 }
 
+void task_bridge::post_due_from_uloop(task& work, std::shared_ptr<void> kept) {
+    burst_is_due_ = true;
+    post_from_uloop(work, std::move(kept));
+}
+
 void task_bridge::flush() {
     if (burst_.empty()) {
         return;
     }
     handover();
+    const bool due = std::exchange(burst_is_due_, false);
     life_id asking = life_id::none;
     {
         const std::lock_guard<std::mutex> guard(lock_);
@@ -343,7 +349,7 @@ void task_bridge::flush() {
         }
         queue_.append(burst_);
         most_queued_ = std::max<std::uint64_t>(most_queued_, queue_.size() + batch_.size());
-        if (needs_drain()) {
+        if (needs_drain(due)) {
             asking = life_;
         }
     }

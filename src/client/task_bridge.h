@@ -83,6 +83,9 @@ public:
 
     /// Runs `work` on the application's loop: with the end of the burst, or at once outside of one.
     void post_from_uloop(task& work, std::shared_ptr<void> kept);
+    /// The same for what no request of the application has asked for, and none may follow: it does
+    /// not wait for the next one, as results do after a cancel().
+    void post_due_from_uloop(task& work, std::shared_ptr<void> kept);
 
     /// Whether results wait for the end of the burst.
     bool holds_results() const noexcept { return !burst_.empty(); }
@@ -118,7 +121,7 @@ public:
 
 private:
     void queue_for_uloop(task& work, std::shared_ptr<void>&& kept);
-    bool needs_drain() noexcept;
+    bool needs_drain(bool due) noexcept;
     void post_drain(life_id tied);
     void drop_batch() noexcept;
 
@@ -139,6 +142,7 @@ private:
 
     // The loop thread's alone.
     task_queue burst_;
+    bool burst_is_due_ = false;
     int burst_depth_ = 0;
     memory_reserve reserve_;
 };

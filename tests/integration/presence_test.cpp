@@ -1,6 +1,7 @@
 /// What is on the bus: looked up, waited for and followed, while another process publishes and
 /// withdraws, and through restarts of the bus.
 #include "integration/peers.h"
+#include "support/held_loop_thread.h"
 
 #include <gmock/gmock.h>
 
@@ -153,6 +154,23 @@ TEST_F(Presence, CancelLeavesNoObjectPresentForTheWatch) {
     wait_for_changes(1);
     bus().cancel();
     connect();
+    wait_for_changes(2);
+    EXPECT_THAT(changes_, ElementsAre("+mine", "-mine"));
+}
+
+TEST_F(Presence, WhatACancelEndsIsReportedWithoutAFurtherRequest) {
+    const utils::scoped_link watching = events().on_object("mine", recorder());
+    connect();
+    publish("mine", {});
+    wait_for_changes(1);
+    {
+        // The end of the connection comes when nothing of the cancellation is left to be done.
+        const held_loop_thread held;
+        bus().cancel();
+        while (loop()->wait_for_task(std::chrono::milliseconds(0))) {
+            loop()->run_one();
+        }
+    }
     wait_for_changes(2);
     EXPECT_THAT(changes_, ElementsAre("+mine", "-mine"));
 }
