@@ -76,8 +76,9 @@ std::error_code loop_bus::listen_to(const std::string& pattern) {
 }
 
 std::error_code loop_bus::follow_objects() {
-    const std::error_code added = listen_to(object_added);
-    return added ? added : listen_to(object_removed);
+    // In this order: an object whose appearance is noticed must not go unnoticed in between.
+    const std::error_code removed = listen_to(object_removed);
+    return removed ? removed : listen_to(object_added);
 }
 
 /// The bus can only forget all patterns of a receiver together. So the receiver goes with the last

@@ -175,6 +175,20 @@ TEST_F(Presence, WhatACancelEndsIsReportedWithoutAFurtherRequest) {
     EXPECT_THAT(changes_, ElementsAre("+mine", "-mine"));
 }
 
+TEST_F(Presence, AnObjectThatComesAndGoesWhileAWatchBeginsDoesNotStay) {
+    connect();
+    bus_peer peer;
+    for (int round = 0; round < 50; ++round) {
+        peer.write("blink lamp 20");
+        const utils::scoped_link watching = events().on_object("lamp", recorder());
+        peer.wait_for("blinked");
+        look_up("*"); // everything before has arrived
+        settle();
+        ASSERT_TRUE(present_.empty()) << "in round " << round;
+        // The next one has to register for these events itself.
+    }
+}
+
 TEST_F(Presence, AWatchOfWhatIsNoPatternIsRefused) {
     connect();
     const utils::scoped_link watching = events().on_object("", recorder(), reporting());

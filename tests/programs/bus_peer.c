@@ -7,6 +7,7 @@
  *   burst ID N                 sends N events with n from 0; prints "burst sent"
  *   publish NAME               publishes an object with the methods of the table below
  *   withdraw NAME
+ *   blink NAME N               publishes and withdraws it N times; prints "blinked" in the end
  *   notify NAME METHOD N       notifies the subscribers; waits for no answers
  *   notify_burst NAME METHOD N notifies N times with n from 0; prints "burst notified"
  *   ask NAME METHOD N          waits for their answers: "answer STATUS", "reply N", "asked STATUS"
@@ -254,6 +255,12 @@ static void obey(char* line) {
         printf("what?\n");
     } else if (strcmp(verb, "send") == 0) {
         printf("sent %d\n", ubus_send_event(bus, first, message(atoi(second))));
+    } else if (strcmp(verb, "blink") == 0) {
+        for (int n = 0; n < atoi(second); ++n) {
+            publish(first);
+            withdraw(first);
+        }
+        printf("blinked\n");
     } else if (strcmp(verb, "burst") == 0) {
         for (int n = 0; n < atoi(second); ++n) {
             ubus_send_event(bus, first, message(n));
