@@ -84,8 +84,19 @@ void loop_side::watch_bus() {
 void loop_side::on_socket(uloop_fd* socket, unsigned int events) {
     guard_callback([=] {
         loop_side& self = client_impl::get_instance({}).loop();
-        self.bridge_.in_burst([&] { self.socket_handler_(socket, events); });
+        self.bridge_.in_burst([&] {
+            self.take_postponed();
+            self.socket_handler_(socket, events);
+        });
     });
+}
+
+/// What came inside a request that has been waited for, before anything that came later: libubus
+/// keeps it for a timer, and would handle first what is in the socket by then.
+void loop_side::take_postponed() {
+    if (pending_handler_ != nullptr && bus_ && bus_->stack_depth == 0) {
+        pending_handler_(&bus_->pending_timer);
+    }
 }
 
 void loop_side::on_pending_messages(uloop_timeout* timer) {

@@ -86,6 +86,7 @@ private:
     void watch_bus();
     static void on_socket(uloop_fd* socket, unsigned int events);
     static void on_pending_messages(uloop_timeout* timer);
+    void take_postponed();
     void take_in();
     void end_unwritable_bus() const;
 

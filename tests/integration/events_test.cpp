@@ -253,5 +253,32 @@ TEST_F(Events, ReleasingALinkDestroysItsHandlers) {
     EXPECT_EQ(watched.use_count(), 1);
 }
 
+TEST_F(Events, ThoseThatArriveDuringOtherRequestsKeepTheirOrder) {
+    connect();
+    bus_peer peer;
+    constexpr int count = 2000;
+    int next = 0;
+    bool in_order = true;
+    const utils::scoped_link listening = events().listen(
+        "counted",
+        [&](const std::string&, const bus::table& data) {
+            in_order = in_order && number(data) == next;
+            ++next;
+        },
+        reporting());
+    wait_until_registered();
+    peer.write("burst counted " + std::to_string(count));
+    int looking = 0;
+    run_hurried_until([&] {
+        while (looking < 4) { // the private thread is always inside a request
+            ++looking;
+            events().objects("*", [&](const auto&, const auto&) { --looking; });
+        }
+        return next >= count;
+    });
+    run_until([&] { return looking == 0; });
+    EXPECT_TRUE(in_order);
+}
+
 } // namespace
 } // namespace tarn::test
