@@ -81,8 +81,9 @@ bool model::play(sequence& s) {
         world_.result().fail("a thread does not come back");
         return false;
     }
-    return fine() && settle(s) && fine() && judge_names(s) && reconnect(s) && end_everything(s) &&
-           use_anew(s) && judge_outcomes(s) && fine();
+    return fine() && settle(s) && fine() && judge_names(s) && judge_standing(s) && reconnect(s) &&
+           judge_standing(s) && end_everything(s) && judge_absence(s) && use_anew(s) &&
+           judge_outcomes(s) && fine();
 }
 
 bool model::await(sequence& s, const std::function<bool()>& done, const std::string& what) {
@@ -119,6 +120,7 @@ bool model::expect(sequence& s, const step& wanted, const std::error_code& code)
 }
 
 bool model::begin(sequence& s) {
+    s.set_peer_mode(s.planned().exclusive, s.planned().eager);
     s.watch_states();
     return !s.planned().starts_connected || expect(s, simple(act::connect), {});
 }
@@ -228,7 +230,7 @@ bool model::settle_state(sequence& s) {
 
 bool model::answered_by(sequence& s, int name, int token) {
     const std::string path = own_names.at(static_cast<std::size_t>(name));
-    const int number = world_.peer().start_call(path, "answer");
+    const int number = world_.peer().start("call", path + " answer");
     const auto answer = world_.peer().wait_for_answer(number, limit_);
     if (!answer || answer->status != 0 || (token != 0 && answer->token != token)) {
         world_.result().fail(path + " is taken, and the other process's call of it is " +
@@ -291,13 +293,18 @@ bool model::judge_name(sequence& s, int name) {
     return wrong.empty();
 }
 
-std::string model::left_over(sequence& s) {
+/// What a disconnection, or cancel(), should have ended and has not.
+std::string model::left_over(sequence& s, bool cancelled) {
     std::string text;
     for (model_operation* const op : s.begun()) {
+        if (op->planned.what == act::await_objects && !cancelled) {
+            continue;
+        }
         if (rules::unheard(*op) && s.seen().throws == 0 && !op->is_send) {
             text += "\n    not told: " + op->name;
         }
-        if (op->handle().active() && op->planned.what != act::subscribe) {
+        if (op->handle().active() && op->planned.what != act::subscribe &&
+            !op->planned.is_standing()) {
             text += "\n    its link is active: " + op->name;
         }
     }
@@ -334,9 +341,10 @@ bool model::end_everything(sequence& s) {
             s.seen().throws != 0 ||
             std::all_of(begun.begin(), begun.end(), [&s](model_operation* op) {
                 return !op->handle().active() || op->planned.what == act::subscribe ||
+                       op->planned.is_standing() || op->planned.what == act::await_objects ||
                        (op->planned.what <= act::disconnect && !rules::must_end(s, *op));
             });
-        const std::string left = left_over(s);
+        const std::string left = left_over(s, false);
         if (!well) {
             world_.result().fail("a disconnection has left" + left);
             return false;
@@ -347,7 +355,7 @@ bool model::end_everything(sequence& s) {
     }
     model_operation& op = drive(s, simple(act::cancel));
     // It has ended everything before it returned.
-    const std::string left = left_over(s);
+    const std::string left = left_over(s, true);
     if (!left.empty()) {
         world_.result().fail(op.name + " has returned and left" + left);
         return false;
@@ -372,9 +380,11 @@ bool model::use_anew(sequence& s) {
         }
     }
     const int name = static_cast<int>(s.planned().seed % own_names.size());
-    if (!expect(s, simple(act::connect), {}) || !expect(s, simple(act::invoke), {})) {
+    if (!expect(s, simple(act::connect), {}) || !expect(s, simple(act::invoke), {}) ||
+        !judge_standing(s) || !judge_sent(s)) {
         return false;
     }
+    release_standing(s);
     model_operation& object = drive(s, about(act::add, name));
     if (!await(
             s, [&object] { return object.runs != 0; }, object.name + " is not told")) {
@@ -406,7 +416,7 @@ bool model::use_anew(sequence& s) {
         world_.result().fail("handlers are still held:" + held);
         return false;
     }
-    return is_disconnected();
+    return judge_stats() && is_disconnected();
 }
 
 bool model::judge_outcomes(sequence& s) {
@@ -424,9 +434,10 @@ bool model::judge_outcomes(sequence& s) {
 }
 
 void model::count(sequence& s) {
-    constexpr std::array<const char*, 9> kinds{"connect", "auto_connect", "disconnect",
-                                               "cancel",  "invoke",       "invoke_each",
-                                               "add",     "del",          "subscribe"};
+    constexpr std::array<const char*, 19> kinds{
+        "connect", "auto_connect", "disconnect", "cancel",         "invoke",   "invoke_each", "add",
+        "del",     "subscribe",    "send_event", "objects",        "wait_for", "notify",      "ask",
+        "listen",  "on_object",    "follow",     "on_subscribers", "monitor"};
     ++sequences_;
     throws_ += s.seen().throws;
     losses_ += s.seen().losses;
@@ -434,9 +445,10 @@ void model::count(sequence& s) {
         ++operations_;
         const auto kind = static_cast<std::size_t>(op->planned.what);
         auto& counts = outcomes_[kind < kinds.size() ? kinds.at(kind) : "send"];
-        ++counts[!op->is_reported() ? "no report"
-                 : op->runs == 0    ? "not told"
-                                    : told(op->outcome())];
+        ++counts[op->planned.is_standing() ? op->runs == 0 ? "not called" : "called"
+                 : !op->is_reported()      ? "no report"
+                 : op->runs == 0           ? "not told"
+                                           : told(op->outcome())];
     }
 }
 

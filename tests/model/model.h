@@ -48,7 +48,20 @@ private:
     bool is_disconnected();
     bool use_anew(sequence& s);
     bool judge_outcomes(sequence& s);
-    static std::string left_over(sequence& s);
+
+    // model_bus.cpp
+    bool judge_standing(sequence& s);
+    bool judge_waits(sequence& s);
+    bool judge_listeners(sequence& s);
+    bool judge_presence(sequence& s);
+    bool judge_subscriptions(sequence& s);
+    bool judge_subscribers(sequence& s);
+    bool judge_absence(sequence& s);
+    bool judge_sent(sequence& s);
+    bool judge_stats();
+    void release_standing(sequence& s);
+    std::optional<int> order_peer(const std::string& verb, const std::string& objects);
+    static std::string left_over(sequence& s, bool cancelled);
     bool answered_by(sequence& s, int name, int token);
     model_operation& drive(sequence& s, const step& wanted);
     bool expect(sequence& s, const step& wanted, const std::error_code& code);

@@ -7,6 +7,8 @@
 #include "tarn/link.h"
 
 #include <atomic>
+#include <cstdint>
+#include <map>
 #include <mutex>
 #include <optional>
 #include <string>
@@ -38,7 +40,12 @@ struct model_operation {
     /// Told its outcome by a cancel() that does not run on the loop: one reply may have begun
     /// there.
     std::atomic<bool> one_may_follow{false};
+    std::atomic<int> registered{0}; ///< how often its registration was told
+    std::atomic<int> messages{0};   ///< of a monitor
     std::atomic<bool> released{false};
+    std::atomic<bool> release_returned{false};
+    std::atomic<int> after_release{0}; ///< deliveries that have begun since
+    std::atomic<int> delivering{0};
     std::atomic<bool> threw{false};          ///< the call itself, since a handler that it ran threw
     std::atomic<bool> in_cancel{false};      ///< called by a handler that cancel() called
     std::atomic<bool> in_outcome{false};     ///< called by a handler that was told of a state
@@ -52,6 +59,11 @@ struct model_operation {
     std::thread::id heard_on;           ///< the thread that makes them
     int attempt = 0;                    ///< what its back-off function was told last
     int successes = 0;                  ///< how many connections had been made then
+    // What a standing operation has been told last, and a look-up has found.
+    long event = 0;                             ///< the number of the other process's latest event
+    std::map<std::uint32_t, std::string> there; ///< objects, by id
+    bool subscribed = false;
+    bool has_subscribers = false;
     /// The thread on which a release returned before its handler had begun.
     std::thread::id silenced_on;
 
@@ -60,7 +72,7 @@ struct model_operation {
     /// Whether its handler is told one outcome.
     bool is_reported() const {
         return has_handler() && planned.what != step::act::auto_connect &&
-               planned.what != step::act::subscribe;
+               planned.what != step::act::subscribe && !planned.is_standing();
     }
 
     utils::link handle() {
@@ -78,7 +90,7 @@ struct model_operation {
         return link.has_value();
     }
 
-    std::error_code outcome() {
+    std::error_code outcome() const {
         const std::lock_guard<std::mutex> guard(lock);
         return code;
     }

@@ -7,6 +7,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <stdexcept>
+#include <sys/mman.h>
 #include <sys/socket.h>
 #include <unistd.h>
 #include <vector>
@@ -24,12 +25,23 @@ peer_process::peer_process(const std::string& daemon) {
     if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, ends.data()) != 0) {
         throw std::runtime_error("no socket pair");
     }
-    // The other end stays open in the child.
+    // These stay open in the child.
     ::fcntl(ends[1], F_SETFD, 0);
+    const int memory = ::memfd_create("model_peer", 0);
+    if (memory < 0 || ::ftruncate(memory, sizeof *last_event_) != 0) {
+        throw std::runtime_error("no shared memory");
+    }
+    void* const shared =
+        ::mmap(nullptr, sizeof *last_event_, PROT_READ | PROT_WRITE, MAP_SHARED, memory, 0);
+    if (shared == MAP_FAILED) {
+        throw std::runtime_error("no shared memory");
+    }
+    last_event_ = static_cast<std::uint32_t*>(shared);
     orders_ = ends[0];
-    process_ = std::make_unique<child_process>(
-        std::vector<std::string>{TARN_TEST_MODEL_PEER, daemon, std::to_string(ends[1])});
+    process_ = std::make_unique<child_process>(std::vector<std::string>{
+        TARN_TEST_MODEL_PEER, daemon, std::to_string(ends[1]), std::to_string(memory)});
     ::close(ends[1]);
+    ::close(memory);
     if (take_line(patience) != "ready") {
         throw std::runtime_error("model_peer is not ready");
     }
@@ -38,6 +50,7 @@ peer_process::peer_process(const std::string& daemon) {
 peer_process::~peer_process() {
     process_.reset();
     ::close(orders_);
+    ::munmap(last_event_, sizeof *last_event_);
 }
 
 void peer_process::order(const std::string& line) {
@@ -45,13 +58,17 @@ void peer_process::order(const std::string& line) {
     (void)!::send(orders_, line.data(), line.size(), MSG_NOSIGNAL);
 }
 
-int peer_process::start_call(const std::string& path, const std::string& method) {
+int peer_process::start(const std::string& verb, const std::string& objects) {
     // Given once: an answer by the process that follows this one is not taken for its answer.
-    static std::atomic<int> calls{0};
-    const int call = ++calls;
+    static std::atomic<int> orders{0};
     const std::lock_guard<std::mutex> guard(lock_);
-    order("call " + std::to_string(call) + " " + path + " " + method + "\n");
-    return call;
+    const int number = ++orders;
+    order(verb + " " + std::to_string(number) + " " + objects + "\n");
+    return number;
+}
+
+long peer_process::last_event() const {
+    return static_cast<long>(__atomic_load_n(last_event_, __ATOMIC_ACQUIRE));
 }
 
 bool peer_process::read_more(std::chrono::milliseconds limit) {
@@ -82,25 +99,41 @@ std::string peer_process::take_line(std::chrono::milliseconds limit) {
     }
 }
 
-std::optional<peer_process::answer> peer_process::find_answer(int call) {
-    return wait_for_answer(call, std::chrono::milliseconds(0));
+std::optional<peer_process::answer> peer_process::find_answer(int number) {
+    return wait_for_answer(number, std::chrono::milliseconds(0));
 }
 
-std::optional<peer_process::answer> peer_process::wait_for_answer(int call,
+/// Notes what the line says. False for one that says nothing, or has not come.
+bool peer_process::absorb(const std::string& line) {
+    int number = 0;
+    answer told;
+    if (std::sscanf(line.c_str(), "done %d %d %d", &number, &told.status, &told.token) == 3) {
+        answers_[number] = told;
+        return true;
+    }
+    if (std::sscanf(line.c_str(), "heard %d", &number) == 1) {
+        ++heard_[number];
+        return true;
+    }
+    return false;
+}
+
+std::optional<peer_process::answer> peer_process::wait_for_answer(int number,
                                                                   std::chrono::milliseconds limit) {
     for (;;) {
-        const auto found = answers_.find(call);
+        const auto found = answers_.find(number);
         if (found != answers_.end()) {
             return found->second;
         }
-        const std::string line = take_line(limit);
-        int number = 0;
-        answer told;
-        if (std::sscanf(line.c_str(), "done %d %d %d", &number, &told.status, &told.token) != 3) {
+        if (!absorb(take_line(limit))) {
             return {};
         }
-        answers_[number] = told;
     }
+}
+
+int peer_process::times_heard(int token) {
+    while (absorb(take_line(std::chrono::milliseconds(0)))) {}
+    return heard_[token];
 }
 
 bool peer_process::reset() {
@@ -109,6 +142,7 @@ bool peer_process::reset() {
         const std::string line = take_line(patience);
         if (line == "reset") {
             answers_.clear();
+            heard_.clear();
             return true;
         }
         if (line.empty()) {

@@ -4,6 +4,7 @@
 #include "support/child_process.h"
 
 #include <chrono>
+#include <cstdint>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -25,28 +26,38 @@ public:
         int token = -1; ///< the field of its reply
     };
 
-    /// Lets it call `method` of `path`, and returns the call's number at once. Any thread.
-    int start_call(const std::string& path, const std::string& method);
+    /// Gives it an order of model_peer.c without its number, and returns that at once. The numbers
+    /// are in the order in which it gets them. Any thread.
+    int start(const std::string& verb, const std::string& objects);
 
-    /// The call's answer, once it is there. The test's thread.
-    std::optional<answer> find_answer(int call);
+    /// The number of the last event that it has sent, and the daemon taken. Any thread.
+    long last_event() const;
+
+    /// How often it has heard of a token of this process's. The test's thread.
+    int times_heard(int token);
+
+    /// The order's answer, once it is there. The test's thread.
+    std::optional<answer> find_answer(int number);
 
     /// The same, awaited; nothing when it does not come within the limit.
-    std::optional<answer> wait_for_answer(int call, std::chrono::milliseconds limit);
+    std::optional<answer> wait_for_answer(int number, std::chrono::milliseconds limit);
 
-    /// Gives up what has not been answered. Numbers and answers begin anew. False when it does not
-    /// react.
+    /// Gives up what has not been answered, and withdraws what it has published. Answers begin
+    /// anew. False when it does not react.
     bool reset();
 
 private:
     bool read_more(std::chrono::milliseconds limit);
     std::string take_line(std::chrono::milliseconds limit);
     void order(const std::string& line);
+    bool absorb(const std::string& line);
 
     std::mutex lock_; ///< of writing
     int orders_ = -1;
     std::string unread_;
     std::map<int, answer> answers_;
+    std::map<int, int> heard_;            ///< by token
+    std::uint32_t* last_event_ = nullptr; ///< shared with the process
     std::unique_ptr<child_process> process_;
 };
 

@@ -19,6 +19,19 @@ constexpr std::array<const char*, 6> remote_methods{"echo",   "late",  "three",
                                                     "refuse", "never", "nothing"};
 constexpr std::array<const char*, 5> own_methods{"answer", "keep", "drop", "refuse", "relay"};
 constexpr const char* remote_path = "model.remote";
+/// The other process's objects that come and go. The last one is published at the end only.
+constexpr std::array<const char*, 3> foreign_names{"model.x", "model.y", "model.z"};
+/// The events of the other process, and of this one.
+constexpr std::array<const char*, 2> event_ids{"model.event.a", "model.event.b"};
+constexpr const char* own_event_id = "model.own";
+constexpr std::array<const char*, 4> event_patterns{"model.event.*", "model.event.a",
+                                                    "model.event.b", "*"};
+constexpr std::array<const char*, 4> object_patterns{"model.*", "model.x", "*", "model.a"};
+/// How the other process answers a notification.
+constexpr std::array<const char*, 3> notification_methods{"echo", "late", "never"};
+/// How a handler answers one: at once with success, later, with a refusal, by letting its context
+/// go, with the context itself.
+constexpr int notification_answers = 5;
 constexpr const char* unknown_path = "model.nobody";
 /// A time limit that no sequence reaches.
 constexpr int far_limit = 100000;
@@ -35,6 +48,18 @@ struct step {
         add,
         del,
         subscribe,
+        // Those of tarn::bus with one outcome:
+        send_event,
+        objects,
+        await_objects,
+        notify,
+        ask, ///< notify, waiting for answers
+        // Its standing ones:
+        listen,
+        on_object,
+        follow, ///< subscribe() to an object's notifications
+        on_subscribers,
+        monitor,
         // These start nothing that is reported:
         release, ///< of the link of operation `target`
         get_state,
@@ -44,8 +69,21 @@ struct step {
         refuse_bus,
         allow_bus,
         wait, ///< for the report of operation `target`, but not for long
-        pause
+        pause,
+        stats,
+        // Orders to the other process:
+        peer_publish,
+        peer_withdraw,
+        peer_toggle, ///< publishes its objects in turns, never two at the same time
+        peer_event,
+        peer_notify,
+        peer_ask, ///< notifies, waiting for answers
+        peer_subscribe,
+        peer_unsubscribe
     };
+
+    bool is_operation() const { return what < act::release; }
+    bool is_standing() const { return what >= act::listen && what <= act::monitor; }
 
     act what = act::pause;
     int id = 0; ///< of the operation, 0 if it is none
@@ -53,6 +91,11 @@ struct step {
     int name = -1;        ///< the own name that it is about; -1: another object's
     int method = 0;       ///< an index of own_methods or remote_methods
     bool unknown = false; ///< calls an object that nobody has
+    int foreign = -1;     ///< an index of foreign_names
+    int pattern = 0;      ///< of object_patterns, event_patterns or event_ids
+    unsigned paths = 0;   ///< that are awaited: bits of foreign_names, and one more for remote_path
+    int most = 0;         ///< that may be undelivered; 0: as many as usual
+    bool answers = true;  ///< the handler answers notifications
     int limit = 0;
     bool stop_serving = false;
     bool silent = false;         ///< its handler is empty
@@ -65,8 +108,8 @@ struct step {
 };
 
 /// What a sequence is mostly about.
-enum class theme { connection, names, calls, mixed };
-constexpr std::array<const char*, 4> theme_names{"connection", "names", "calls", "mixed"};
+enum class theme { connection, names, calls, mixed, bus };
+constexpr std::array<const char*, 5> theme_names{"connection", "names", "calls", "mixed", "bus"};
 
 struct plan {
     std::uint64_t seed = 0;
@@ -76,6 +119,8 @@ struct plan {
     bool drives_from_here =
         false; ///< the checks at the end call from the test's thread, not the loop
     bool cancels_at_end = false;
+    bool exclusive = false; ///< the other process never has both of its first objects
+    bool eager = false;     ///< it asks the first subscriber at once
     unsigned handovers = 0; ///< delays, see delays.h
     unsigned locks = 0;
     /// The first is the loop's, whose steps are posted to it one by one.
@@ -84,6 +129,12 @@ struct plan {
 };
 
 plan make_plan(std::uint64_t seed, bool may_restart);
+
+/// The paths that wait_for() gets, and the one that is subscribed to.
+std::vector<std::string> awaited_by(const step& s);
+std::string followed_by(const step& s);
+/// Whether `name` is `pattern`, or begins with it up to its final '*'.
+bool matches(const std::string& pattern, const std::string& name);
 
 /// "#7 connect", "release #7", ...
 std::string name_of(const step& s);

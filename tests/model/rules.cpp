@@ -74,6 +74,15 @@ bool has_limit(const model_operation& op) {
     return op.planned.limit != 0 && op.planned.limit != far_limit;
 }
 
+/// Whether a wait for objects has ended before all of them can have been there.
+bool too_early(sequence& s, const model_operation& op) {
+    constexpr unsigned both = 3;
+    constexpr unsigned last = 1U << (foreign_names.size() - 1);
+    const bool before = s.published_all() == 0 || op.reported < s.published_all();
+    return before && ((op.planned.paths & last) != 0 ||
+                      (s.planned().exclusive && (op.planned.paths & both) == both));
+}
+
 } // namespace
 
 bool unheard(const model_operation& op) {
@@ -93,6 +102,12 @@ bool must_end(sequence& s, const model_operation& op) {
         }
         return op.planned.name < 0 ? op.planned.method != 4 || op.planned.unknown
                                    : !removed(s, op.planned.name);
+    case act::await_objects:
+        return has_limit(op);
+    case act::ask:
+        // What a subscriber has not answered when it leaves stays unanswered.
+        return has_limit(op) || (op.planned.method != 2 && s.seen().unsubscriptions == 0 &&
+                                 !s.planned().restarts_daemon);
     default:
         return !op.is_send || !connection_ended(s, 0);
     }
@@ -185,7 +200,8 @@ std::string judge_outcome(sequence& s, model_operation& op) {
         return allowed ? "" : wrong + "and nothing has overtaken it";
     }
     if (code == error::msg::connection_failed) {
-        return p.what != act::connect && p.what != act::disconnect && (unconnected || op.is_send)
+        return p.what != act::connect && p.what != act::disconnect &&
+                       p.what != act::await_objects && (unconnected || op.is_send)
                    ? ""
                    : wrong + "and the connection has not ended";
     }
@@ -246,11 +262,32 @@ std::string judge_outcome(sequence& s, model_operation& op) {
             allowed.insert(error::msg::timeout);
         }
         break;
+    case act::send_event:
+    case act::objects:
+        break;
+    case act::await_objects:
+        if (!code && too_early(s, op)) {
+            return wrong + "and what it waits for has not been there";
+        }
+        if (has_limit(op)) {
+            allowed.insert(error::msg::timeout);
+        }
+        break;
+    case act::notify:
+    case act::ask:
+        allowed.insert(error::msg::not_found);
+        if (p.what == act::ask && has_limit(op)) {
+            allowed.insert(error::msg::timeout);
+        }
+        break;
     default:
         if (s.seen().losses != 0) {
             allowed.insert(error::msg::no_response);
         }
         break;
+    }
+    if (p.what >= act::send_event && allowed.count(error::msg::success) != 0) {
+        allowed.insert(std::error_code()); // what tarn::bus finds without asking the daemon
     }
     return allowed.count(code) != 0 ? "" : wrong + "which it cannot be";
 }

@@ -3,6 +3,7 @@
 
 #include "delays.h"
 #include "journal.h"
+#include "place.h"
 
 #include "tarn/error.h"
 
@@ -14,34 +15,6 @@
 namespace tarn::test {
 
 namespace {
-
-/// What the calling thread is inside of.
-struct place {
-    int cancels = 0;                           ///< cancel()
-    int drives = 0;                            ///< what changes the state
-    int told = 0;                              ///< subscribers and back-off functions
-    int outcomes = 0;                          ///< these, and handlers of connections
-    int handlers = 0;                          ///< all of them
-    std::vector<const model_operation*> calls; ///< operations
-};
-
-thread_local place here;
-
-/// Counts in a scope.
-template <class Number>
-class inside_of {
-public:
-    explicit inside_of(Number& count)
-        : count_(count) {
-        ++count_;
-    }
-    ~inside_of() { --count_; }
-    inside_of(const inside_of&) = delete;
-    inside_of& operator=(const inside_of&) = delete;
-
-private:
-    Number& count_;
-};
 
 constexpr int first_unplanned = 1000;
 
@@ -160,8 +133,14 @@ void sequence::run(const step& s) {
     case act::wait:
         wait_for(s.target);
         break;
-    default:
+    case act::pause:
         pause_for(100000);
+        break;
+    case act::stats:
+        (void)world_.bus().get_bus().stats();
+        break;
+    default:
+        order_peer(s);
         break;
     }
 }
@@ -291,16 +270,18 @@ utils::link sequence::call(model_operation& op) {
         return bus.notify_on_state_change(
             [this, self = witness(op)](client::state s) { tell_state(*self, s); });
     default:
-        return {};
+        return call_bus(op);
     }
 }
 
 void sequence::cancel(model_operation& op) {
     const inside_of drive(here.drives);
     const inside_of cancelling(here.cancels);
+    const long sent = world_.last_peer_event();
     for (;;) {
         try {
             world_.bus().cancel();
+            forbid_events(sent);
             check_all_ended(op);
             return;
         } catch (const thrown_by_handler&) {
@@ -403,7 +384,10 @@ void sequence::release(int target) {
         result().fail("the released link of " + op->name + " is active");
     }
     // A change of the state that is being told goes to all who had subscribed before it.
-    const bool silenced = op->planned.what == act::subscribe ? here.told == 0 : !begun_before;
+    const bool silenced = op->planned.what == act::subscribe ? here.told == 0
+                          : op->planned.is_standing()        ? true
+                                                             : !begun_before;
+    op->release_returned = op->release_returned || has_link;
     const std::lock_guard<std::mutex> guard(op->lock);
     if (has_link && silenced) {
         op->silenced_on = std::this_thread::get_id();
@@ -440,8 +424,9 @@ void sequence::drop_kept() {
 
 void sequence::call_by_peer(const step& s) {
     const std::lock_guard<std::mutex> guard(lock_);
-    const int number = world_.call_by_peer(own_names.at(static_cast<std::size_t>(s.name)),
-                                           own_methods.at(static_cast<std::size_t>(s.method)));
+    const int number =
+        world_.order_peer("call", std::string(own_names.at(static_cast<std::size_t>(s.name))) +
+                                      " " + own_methods.at(static_cast<std::size_t>(s.method)));
     peer_calls_.push_back({number, s});
     journal::note(name_of(s));
 }

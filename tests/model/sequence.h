@@ -5,13 +5,17 @@
 #include "plan.h"
 #include "world.h"
 
+#include "tarn/bus.h"
+
 #include <atomic>
 #include <chrono>
+#include <cstdint>
 #include <functional>
 #include <list>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -35,6 +39,7 @@ public:
         /// Changes of the state by those who were being told of one: whoever was to be told after
         /// them has heard of the later one first.
         std::atomic<int> inversions{0};
+        std::atomic<int> unsubscriptions{0}; ///< of the other process
     };
 
     /// A call by the other process.
@@ -56,6 +61,12 @@ public:
     /// All subscribers have heard of the present state. On the loop's thread, once the others are
     /// done: then nobody is being told.
     void check_subscribers();
+
+    /// How the other process is to behave.
+    void set_peer_mode(bool exclusive, bool eager);
+    /// From now on it may have what the plan keeps from it.
+    void publish_all();
+    moment published_all() const { return published_all_; }
 
     /// Lets the kept calls go, which answers them.
     void drop_kept();
@@ -89,6 +100,25 @@ private:
     utils::link invoke(model_operation& op, const context& served = {},
                        model_operation* object = nullptr);
     utils::link add_object(model_operation& op);
+
+    // sequence_bus.cpp
+    class delivery;
+    utils::link call_bus(model_operation& op);
+    utils::link follow(model_operation& op);
+    utils::link ask(model_operation& op);
+    bus::options how(model_operation& op);
+    void hear_event(model_operation& op, const std::string& id, const bus::table& data);
+    void check_event(model_operation& op, long number);
+    void forbid_events(long sent);
+    void tell_presence(model_operation& op, bus::presence what, const std::string& path,
+                       std::uint32_t id);
+    void tell_subscription(model_operation& op, bus::subscription now, const std::error_code& why);
+    std::optional<std::error_code> take_notification(model_operation& op, const context& ctx);
+    void tell_subscribers(model_operation& op, bool any);
+    void check_found(model_operation& op, const std::vector<bus::object_info>& found);
+    void check_answers(const model_operation& op, const std::vector<bus::notify_answer>& answers);
+    void order_peer(const step& s);
+
     void cancel(model_operation& op);
     void check_all_ended(const model_operation& cancel);
     void release(int target);
@@ -121,6 +151,13 @@ private:
     std::atomic<bool> plan_ended_{false};
     std::atomic<int> busy_{0};
     std::atomic<int> successes_{0}; ///< connections that subscribers were told of
+    std::atomic<moment> published_all_{0};
+
+    // The other process's events up to this number had been sent when a cancel() began that has
+    // returned since: they must not be delivered any more, but for those whose handlers were about
+    // to run on the loop then.
+    std::atomic<long> forbidden_{0};
+    std::atomic<int> in_flight_{0};
 
     std::mutex lock_; ///< guards the ones below
     std::list<std::unique_ptr<model_operation>> more_;

@@ -107,9 +107,14 @@ void world::restart_daemon() {
     daemon_->restart();
 }
 
-int world::call_by_peer(const std::string& path, const std::string& method) {
+int world::order_peer(const std::string& verb, const std::string& objects) {
     const std::lock_guard<std::mutex> guard(lock_);
-    return peer_ ? peer_->start_call(path, method) : 0;
+    return peer_ ? peer_->start(verb, objects) : 0;
+}
+
+long world::last_peer_event() {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return peer_ ? peer_->last_event() : 0;
 }
 
 void world::drop_bus() {

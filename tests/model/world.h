@@ -75,8 +75,10 @@ public:
     peer_process& peer() { return *peer_; }
     verdict& result() { return *result_; }
 
-    /// Lets the other process call, as peer_process::start_call(). Any thread.
-    int call_by_peer(const std::string& path, const std::string& method);
+    /// Gives the other process an order, as peer_process::start(). Any thread.
+    int order_peer(const std::string& verb, const std::string& objects);
+    /// The number of the last event that it has sent. Any thread.
+    long last_peer_event();
     /// Cuts the client's connections; turns new ones away, or lets them in. Any thread.
     void drop_bus();
     void refuse_bus(bool on);
