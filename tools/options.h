@@ -19,13 +19,19 @@ struct options {
     std::string command;            ///< the first word that is no option; empty without one
     std::vector<std::string> words; ///< the others, in order
     std::optional<std::chrono::seconds> limit;
-    bool single_line = false;
+    bool json = false;       ///< -s
+    bool simplified = false; ///< -S, what ubus makes of it
+    bool verbose = false;
+    bool time_stamps = false;
+    std::vector<std::string> message_types; ///< -m, in order
+    std::string traffic;                    ///< -M: "r", "t", or empty for both
     bool help = false;
     bool version = false;
 };
 
 /// Options are found anywhere up to the first "--", which is dropped; of one given twice the last
-/// counts. A "-" alone is a word. Throws usage_error.
+/// counts, -m aside. A "-" alone is a word. Letters may share a dash (-sT, -t5). Throws
+/// usage_error.
 options parse_options(const std::vector<std::string>& arguments);
 
 } // namespace tools

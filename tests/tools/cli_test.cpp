@@ -1,11 +1,8 @@
-/// The command-line client as a user meets it: output, error text and exit status.
-#include "support/bus_daemon.h"
-#include "support/child_process.h"
+/// tarn call as a user meets it, and wrong usage: output, error text and exit status.
+#include "tools/tool.h"
 
 #include <csignal>
 #include <gmock/gmock.h>
-#include <gtest/gtest.h>
-#include <memory>
 
 namespace tarn::test {
 namespace {
@@ -13,65 +10,11 @@ namespace {
 using ::testing::HasSubstr;
 using ::testing::StartsWith;
 
-struct ended {
-    std::string output; ///< both streams
-    int status = -1;
-};
-
-std::vector<std::string> command_line(const std::vector<std::string>& words) {
-    std::vector<std::string> line{"/bin/sh", "-c", "exec \"$0\" \"$@\" 2>&1", TARN_TEST_TOOL};
-    line.insert(line.end(), words.begin(), words.end());
-    return line;
-}
-
-ended run(const std::vector<std::string>& command) {
-    child_process child(command);
-    ended result;
-    result.output = child.read_rest();
-    result.status = child.wait();
-    return result;
-}
-
-ended tool(const std::vector<std::string>& words) {
-    return run(command_line(words));
-}
-
-/// The tool at the end of a pipe into which a shell's printf writes `input`.
-ended tool_with_input(const std::string& input, const std::vector<std::string>& words) {
-    std::vector<std::string> line{"/bin/sh", "-c",
-                                  "printf '%s' \"$1\" | { shift; exec \"$0\" \"$@\" 2>&1; }",
-                                  TARN_TEST_TOOL, input};
-    line.insert(line.end(), words.begin(), words.end());
-    return run(line);
-}
-
-void expect_usage_error(const std::vector<std::string>& words, const std::string& text) {
-    const auto result = tool(words);
-    EXPECT_EQ(result.output, "tarn: " + text + "\nTry 'tarn --help'.\n");
-    EXPECT_EQ(result.status, 2);
-}
-
-class Cli : public ::testing::Test {
-protected:
-    void start_service() {
-        service_ = std::make_unique<child_process>(std::vector<std::string>{TARN_TEST_SERVICE});
-        service_->wait_for_line("demo_service: ready");
-    }
-
-    bus_daemon daemon_;
-    std::unique_ptr<child_process> service_;
-};
-
 class CliWithPeer : public Cli {
 protected:
     void SetUp() override { peer_.wait_for_line("peer: ready"); }
 
     child_process peer_{{TARN_TEST_PEER}};
-};
-
-class CliWithService : public Cli {
-protected:
-    void SetUp() override { start_service(); }
 };
 
 TEST_F(CliWithService, PrintsAReplyIndented) {
@@ -220,12 +163,6 @@ TEST_F(CliWithPeer, OutputThatCannotBeWrittenEndsAPendingCall) {
     EXPECT_EQ(call.wait(), 1);
 }
 
-TEST_F(CliWithService, WaitingForWhatIsThereEndsAtOnce) {
-    const auto waited = tool({"wait", "demo"});
-    EXPECT_EQ(waited.output, "");
-    EXPECT_EQ(waited.status, 0);
-}
-
 TEST_F(Cli, AnUnknownObjectIs14) {
     const auto unknown = tool({"call", "nobody", "echo"});
     EXPECT_EQ(unknown.output, "tarn: nobody.echo: Not found\n");
@@ -247,33 +184,11 @@ TEST_F(Cli, ABusThatDoesNotAnswerIsGivenUpToo) {
     EXPECT_EQ(stuck.status, 4);
 }
 
-TEST_F(Cli, WaitingInVainIs4) {
-    const auto waited = tool({"wait", "nobody", "-t", "1"});
-    EXPECT_EQ(waited.output, "tarn: nobody: Request timed out\n");
-    EXPECT_EQ(waited.status, 4);
-}
-
-TEST_F(Cli, WaitingEndsWhenTheObjectComes) {
-    child_process waiter(command_line({"wait", "demo"}));
-    start_service();
-    EXPECT_EQ(waiter.read_rest(), "");
-    EXPECT_EQ(waiter.wait(), 0);
-}
-
-TEST_F(Cli, WaitingWaitsForTheBusAsWell) {
-    daemon_.stop();
-    child_process waiter(command_line({"wait", "demo"}));
-    daemon_.start();
-    start_service();
-    EXPECT_EQ(waiter.read_rest(), "");
-    EXPECT_EQ(waiter.wait(), 0);
-}
-
 TEST(CliUsage, HelpIsPrintedWhereverItIsAskedFor) {
     for (const auto& words : std::vector<std::vector<std::string>>{
              {"--help"}, {"-h"}, {"call", "--help"}, {"wait", "x", "-h"}, {"-s", "-h", "call"}}) {
         const auto help = tool(words);
-        EXPECT_THAT(help.output, StartsWith("tarn: calls objects on the ubus message bus.\n"));
+        EXPECT_THAT(help.output, StartsWith("tarn: the ubus message bus from the command line.\n"));
         EXPECT_THAT(help.output, HasSubstr("Exit status:"));
         EXPECT_EQ(help.status, 0);
     }
@@ -289,8 +204,9 @@ TEST(CliUsage, CommandsThatAreNoneAreWrongUsage) {
     expect_usage_error({}, "no command");
     expect_usage_error({"-s"}, "no command");
     expect_usage_error({"--"}, "no command");
-    expect_usage_error({"list"}, "unknown command 'list'");
-    expect_usage_error({"-s", "list", "call"}, "unknown command 'list'");
+    expect_usage_error({"hear"}, "unknown command 'hear'");
+    expect_usage_error({"-S", "hear", "call"}, "unknown command 'hear'");
+    expect_usage_error({"-s", "hear", "call"}, "unknown command 'hear'");
     expect_usage_error({"-"}, "unknown command '-'");
     expect_usage_error({"--", "--help"}, "unknown command '--help'");
 }
@@ -299,14 +215,23 @@ TEST(CliUsage, TooFewOrTooManyWordsAreWrongUsage) {
     const std::string call = "call takes PATH METHOD [JSON] [-t SECONDS] [-s]";
     expect_usage_error({"call", "demo"}, call);
     expect_usage_error({"call", "demo", "echo", "{}", "more"}, call);
-    expect_usage_error({"wait"}, "wait takes PATH [-t SECONDS]");
-    expect_usage_error({"wait", "demo", "more"}, "wait takes PATH [-t SECONDS]");
-    expect_usage_error({"wait", "demo", "-s"}, "wait takes PATH [-t SECONDS]");
+    expect_usage_error({"list", "demo", "more"}, "list takes [PATTERN] [-v] [-s] [-t SECONDS]",
+                       254);
+    expect_usage_error({"send"}, "send takes ID [JSON] [-t SECONDS]", 254);
+    expect_usage_error({"send", "x", "{}", "more"}, "send takes ID [JSON] [-t SECONDS]", 254);
+    expect_usage_error({"subscribe"}, "subscribe takes PATH... [-s] [-T] [-v] [-t SECONDS]", 254);
+    expect_usage_error({"monitor", "more"},
+                       "monitor takes [-m TYPE]... [-M r|t] [-s] [-T] [-t SECONDS]", 254);
+    expect_usage_error({"wait"}, "wait takes PATH... [-t SECONDS]", 254);
+    expect_usage_error({"wait", "demo", "-s"}, "wait takes PATH... [-t SECONDS]", 254);
 }
 
 TEST(CliUsage, AnEmptyPathIsWrongUsage) {
     expect_usage_error({"call", "", "echo"}, "no object has an empty path");
-    expect_usage_error({"wait", ""}, "no object has an empty path");
+    expect_usage_error({"list", ""}, "no object has an empty path", 254);
+    expect_usage_error({"listen", ""}, "no event matches an empty pattern", 254);
+    expect_usage_error({"subscribe", "demo", ""}, "no object has an empty path", 254);
+    expect_usage_error({"wait", "demo", ""}, "no object has an empty path", 254);
 }
 
 TEST(CliUsage, LimitsThatAreNoNumberOfSecondsAreWrongUsage) {
@@ -317,6 +242,28 @@ TEST(CliUsage, LimitsThatAreNoNumberOfSecondsAreWrongUsage) {
     }
     expect_usage_error({"-t=1", "call", "demo", "echo"}, "'=1' is no number of seconds");
     expect_usage_error({"-t", "call", "demo", "echo"}, "'call' is no number of seconds");
+}
+
+TEST(CliUsage, OptionsOfOtherCommandsAreWrongUsage) {
+    expect_usage_error({"call", "demo", "echo", "-T"}, "call takes no -T");
+    expect_usage_error({"list", "-T"}, "list takes no -T", 254);
+    expect_usage_error({"listen", "-m", "invoke"}, "listen takes neither -m nor -M", 254);
+    expect_usage_error({"call", "demo", "echo", "-Mr"}, "call takes neither -m nor -M");
+}
+
+TEST(CliUsage, WhatTheMonitorIsToShowHasToExist) {
+    expect_usage_error({"monitor", "-m", "invoke", "-m", "call"},
+                       "there is no type of message 'call'", 254);
+    expect_usage_error({"monitor", "-m", ""}, "there is no type of message ''", 254);
+    expect_usage_error({"monitor", "-M", "x"},
+                       "-M takes r (received by the daemon) or t (transmitted by it), not 'x'");
+    expect_usage_error({"monitor", "-m"}, "-m needs a type of message");
+    expect_usage_error({"monitor", "-M"}, "-M needs r or t");
+}
+
+TEST(CliUsage, ASocketWhereUbusTakesOneIsExplained) {
+    expect_usage_error({"-s", "/tmp/ubus.sock", "list"},
+                       "unknown command '/tmp/ubus.sock' (-s takes no socket)");
 }
 
 TEST(CliUsage, UnknownOptionsAreWrongUsageExceptBehindTheirEnd) {
