@@ -1,6 +1,7 @@
-# Install rules: the libraries, the command-line client, the public headers, a CMake package
-# (find_package(tarn), with a component for each adapter of a loop) and pkg-config files. Nothing
-# installed names the folder it was built or installed in, so the tree can be moved.
+# Install rules: the libraries, the command-line client with its manual page and its completion, the
+# public headers, a CMake package (find_package(tarn), with a component for each adapter of a loop) and
+# pkg-config files. Nothing installed names the folder it was built or installed in, so the tree can
+# be moved.
 include(GNUInstallDirs)
 include(CMakePackageConfigHelpers)
 
@@ -15,6 +16,10 @@ if(TARN_EXAMPLES)
     file(RELATIVE_PATH _tarn_libdir "${CMAKE_INSTALL_FULL_BINDIR}" "${CMAKE_INSTALL_FULL_LIBDIR}")
     set_target_properties(tarn_cli PROPERTIES INSTALL_RPATH "$ORIGIN/${_tarn_libdir}")
     install(TARGETS tarn_cli RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}")
+    install(FILES "${PROJECT_SOURCE_DIR}/docs/man/tarn.1" DESTINATION "${CMAKE_INSTALL_MANDIR}/man1")
+    # bash looks for the name of the command.
+    install(FILES "${PROJECT_SOURCE_DIR}/tools/completion/tarn.bash" RENAME tarn
+            DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions")
 endif()
 # The adapters are headers: all are installed, whichever libraries this machine has.
 foreach(_tarn_name IN LISTS TARN_LOOP_NAMES)

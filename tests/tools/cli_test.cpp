@@ -2,7 +2,10 @@
 #include "tools/tool.h"
 
 #include <csignal>
+#include <fstream>
 #include <gmock/gmock.h>
+#include <iterator>
+#include <regex>
 
 namespace tarn::test {
 namespace {
@@ -192,6 +195,21 @@ TEST(CliUsage, HelpIsPrintedWhereverItIsAskedFor) {
         EXPECT_THAT(help.output, HasSubstr("Exit status:"));
         EXPECT_EQ(help.status, 0);
     }
+}
+
+TEST(CliUsage, TheManualHasEveryCommandAndOptionOfTheHelp) {
+    std::ifstream file(TARN_TEST_MANUAL);
+    const std::string manual{std::istreambuf_iterator<char>(file), {}};
+    const std::string help = tool({"--help"}).output;
+    int found = 0;
+    const std::regex named("\\n  tarn ([a-z]+)| (-[a-zA-Z])\\b");
+    for (std::sregex_iterator name(help.begin(), help.end(), named), end; name != end; ++name) {
+        const std::string command = (*name)[1];
+        EXPECT_THAT(manual, HasSubstr(command.empty() ? "\\" + (*name)[2].str()
+                                                      : ".SY \"tarn " + command + "\"\n"));
+        ++found;
+    }
+    EXPECT_GT(found, 7);
 }
 
 TEST(CliUsage, VersionIsThatOfTheLibrary) {
