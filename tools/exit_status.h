@@ -18,7 +18,7 @@ struct exit_statuses {
 /// `call` keeps a service's refusal apart from its own failures.
 constexpr exit_statuses call_statuses{2, 2, 3, 4, 10};
 /// The others end as ubus does, whose status numbers scripts know.
-constexpr exit_statuses ubus_statuses{254, 12, 255, 7, 0};
+constexpr exit_statuses statuses_of_ubus{254, 12, 255, 7, 0};
 
 /// What neither has a number for.
 constexpr int exit_other = 1;

@@ -16,16 +16,16 @@ int run_once(const options& given, const std::string& subject,
         the_loop()->stop();
     };
     const auto patience = after(given.limit.value_or(std::chrono::seconds(30)), [&] {
-        end_with(report(subject, msg::timeout, ubus_statuses,
+        end_with(report(subject, msg::timeout, statuses_of_ubus,
                         client.is_active() ? "" : " (the bus does not answer)"));
     });
     tarn::utils::scoped_link work;
     tarn::utils::scoped_link connection = client.connect([&](const std::error_code& no_bus) {
         if (no_bus) {
-            return end_with(report_no_bus(ubus_statuses));
+            return end_with(report_no_bus(statuses_of_ubus));
         }
         work = start(client.get_bus(), [&](const std::error_code& status) {
-            end_with(report(subject, status, ubus_statuses));
+            end_with(report(subject, status, statuses_of_ubus));
         });
     });
     the_loop()->run();

@@ -45,7 +45,7 @@ void stream::print(const std::string& line) {
 }
 
 void stream::refused(const std::string& subject, const std::error_code& status, bool first) {
-    const int exit_status = report(subject, status, ubus_statuses);
+    const int exit_status = report(subject, status, statuses_of_ubus);
     if (first) {
         stop(exit_status);
     }

@@ -33,13 +33,13 @@ struct command {
 
 constexpr command commands[] = {
     {"call", tools::call, tools::call_statuses, false},
-    {"list", tools::list, tools::ubus_statuses, false},
-    {"listen", tools::listen, tools::ubus_statuses, true},
-    {"monitor", tools::monitor, tools::ubus_statuses, true},
-    {"send", tools::send, tools::ubus_statuses, false},
-    {"subscribe", tools::subscribe, tools::ubus_statuses, true},
-    {"wait", tools::wait, tools::ubus_statuses, false},
-    {"wait_for", tools::wait, tools::ubus_statuses, false}, // what ubus calls it
+    {"list", tools::list, tools::statuses_of_ubus, false},
+    {"listen", tools::listen, tools::statuses_of_ubus, true},
+    {"monitor", tools::monitor, tools::statuses_of_ubus, true},
+    {"send", tools::send, tools::statuses_of_ubus, false},
+    {"subscribe", tools::subscribe, tools::statuses_of_ubus, true},
+    {"wait", tools::wait, tools::statuses_of_ubus, false},
+    {"wait_for", tools::wait, tools::statuses_of_ubus, false}, // what ubus calls it
 };
 
 const command& find_command(const options& given) {

@@ -22,7 +22,7 @@ int wait(const options& given) {
     tarn::client& client = the_client();
     int exit_status = exit_other;
     const auto end = [&](const std::error_code& status) {
-        exit_status = report(subject, status, ubus_statuses);
+        exit_status = report(subject, status, statuses_of_ubus);
         the_loop()->stop();
     };
     // The loop's own timer, since the bus may be one that does not answer.
