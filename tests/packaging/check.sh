@@ -67,6 +67,18 @@ check_loops() {
     done <"$work/$kind/cmake-loops/programs.txt"
 }
 
+# The tutorial as its reader has it: a project of its own, and its test.
+check_tutorial() {
+    say "$kind: the tutorial"
+    cmake -G Ninja -S "$source/examples/tutorial" -B "$work/$kind/tutorial" \
+        -DCMAKE_PREFIX_PATH="$prefix;$bus_prefix" >"$work/$kind/tutorial.log" || {
+        cat "$work/$kind/tutorial.log"
+        return 1
+    }
+    cmake --build "$work/$kind/tutorial"
+    ctest --test-dir "$work/$kind/tutorial" --output-on-failure --no-tests=error
+}
+
 check_kind() {
     local shared pkg_config=pkg-config prefix=$work/$kind/prefix
     [[ $kind == shared ]] && shared=ON || shared=OFF
@@ -116,6 +128,7 @@ check_kind() {
 
     # The adapters are headers, in both kinds the same.
     [[ $kind == static ]] || check_loops
+    [[ $kind == static ]] || check_tutorial
 
     say "$kind: add_subdirectory"
     consumer subdirectory -DTARN_SOURCE="$source" -DBUILD_SHARED_LIBS=$shared "${options[@]}"
