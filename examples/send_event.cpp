@@ -1,4 +1,4 @@
-// Sends one event, a structure, to whoever listens to it.
+// Sends one event, a structure, to all processes that listen to it.
 //
 // Try: ubus listen 'greeting.*' & examples/send_event
 #include <tarn/ext/app.h>

@@ -47,7 +47,7 @@ protected:
     std::unique_ptr<child_process> demo_;
 };
 
-TEST_F(BusExamples, TheListenerHearsWhatTheSenderSendsThroughARestart) {
+TEST_F(BusExamples, TheListenerPrintsWhatTheSenderSendsThroughARestart) {
     child_process listener = start("listen 'greeting*'");
     for (int connection = 0; connection < 2; ++connection) {
         listener.wait_for_line("listening");
@@ -113,7 +113,7 @@ TEST_F(BusExamples, TheDoorAsksAndNotifiesItsSubscribers) {
     child_process door = start("notify");
     door.wait_for_line("door: ready");
     EXPECT_EQ(call("door open '{\"name\": \"front\"}'"), "0 {\"result\":true}\n")
-        << "nobody to ask";
+        << "no subscriber";
     child_process subscriber = start("subscribe");
     subscriber.wait_for_line("subscribed: Success");
     door.wait_for_line("subscribers");

@@ -43,7 +43,7 @@ TEST_F(BusFuture, TheOutcomesArriveOnAWorkerThread) {
         EXPECT_NO_THROW(ext::async_wait_for(bus, {"a"}, 5s).get());
         EXPECT_EQ(ext::async_notify(bus, "porter", "may-open", door{"front", {}}, 5s).get().size(),
                   1U);
-        EXPECT_EQ(ext::async_notify<void>(bus, "nobody", "may-open", blob::table(), 5s)
+        EXPECT_EQ(ext::async_notify<void>(bus, "absent", "may-open", blob::table(), 5s)
                       .get_result()
                       .error(),
                   msg::not_found);

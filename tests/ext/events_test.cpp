@@ -70,7 +70,7 @@ TEST_F(Events, AMismatchGoesToItsHandlerAndNotToTheOther) {
     EXPECT_THAT(seen, ElementsAre("bad: name: expected a string, found a 32-bit integer"));
 }
 
-TEST_F(Events, AListenerHearsAfterEveryReconnectionUntilItsLinkGoes) {
+TEST_F(Events, AListenerIsRestoredAfterEveryReconnectionUntilItsLinkGoes) {
     {
         const auto link = ext::listen(
             bus, "*", [&](const std::string& id, const ext::reply&) { seen.push_back(id); });

@@ -39,7 +39,7 @@ TEST_F(Notify, ANotificationIsSentAsAStructureOrATable) {
     ext::notify(bus, "porter", "opened", door{"front", {}}, keep);
     ext::notify(bus, "porter", "opened", {{"name", "back"}}, keep);
     ext::notify(bus, "porter", "opened", {}, nullptr);
-    ext::notify(bus, "nobody", "opened", {}, keep);
+    ext::notify(bus, "absent", "opened", {}, keep);
     EXPECT_THAT(outcomes, IsEmpty());
     loop->drain();
     EXPECT_THAT(outcomes, ElementsAre(std::error_code(msg::success), msg::success, msg::not_found));

@@ -92,7 +92,7 @@ TEST_F(ExtOverBus, AListenerReadsTheStructuresOfEventsThroughARestart) {
     }
 }
 
-TEST_F(ExtOverBus, AnEventIsHeardByAnotherProcess) {
+TEST_F(ExtOverBus, AnEventReachesAnotherProcess) {
     connect();
     child_process listener = start("listen");
     listener.wait_for_line("listening");

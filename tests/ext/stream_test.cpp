@@ -67,7 +67,7 @@ TEST_F(Stream, EndingTheTaskReleasesTheOperation) {
     EXPECT_THAT(rest.listening(), ElementsAre("*"));
     std::thread([&] { reading.release(); }).join();
     EXPECT_THAT(rest.listening(), IsEmpty());
-    rest.emit("e", {{"name", "unheard"}});
+    rest.emit("e", {{"name", "ignored"}});
     loop->drain();
     EXPECT_THAT(seen, IsEmpty());
 }

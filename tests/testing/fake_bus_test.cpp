@@ -138,18 +138,18 @@ TEST_F(FakeBus, AListenerIsRegisteredWithEveryConnectionBeforeItsStateIsReported
     EXPECT_THAT(seen, ElementsAre("from the subscriber", "from the subscriber"));
 }
 
-TEST_F(FakeBus, ARefusedListenerHearsNothingUntilTheNextConnection) {
+TEST_F(FakeBus, ARefusedListenerGetsNothingUntilTheNextConnection) {
     rest.refuse(operation::listen, msg::permission_denied);
     rest.listen("*", note_event(), registered());
     connect();
-    rest.emit("unheard");
+    rest.emit("ignored");
     rest.refuse(operation::listen, {});
     lose();
     connect();
-    rest.emit("heard");
+    rest.emit("delivered");
     loop->drain();
     EXPECT_THAT(codes, ElementsAre(msg::permission_denied, msg::success));
-    EXPECT_THAT(seen, ElementsAre("heard"));
+    EXPECT_THAT(seen, ElementsAre("delivered"));
 }
 
 TEST_F(FakeBus, PatternsThatTheBusDoesNotTakeAreRefused) {
@@ -219,7 +219,7 @@ TEST_F(FakeBus, CancelDropsWhatIsUndeliveredAndKeepsTheListener) {
     EXPECT_THAT(seen, ElementsAre("delivered"));
 }
 
-TEST_F(FakeBus, AListenerHearsOfItsOwnObjects) {
+TEST_F(FakeBus, AListenerIsNotifiedOfItsOwnObjects) {
     connect();
     rest.listen("ubus.object.*", [&](const std::string& id, const bus::table& data) {
         seen.push_back(id + ' ' + data.find("path")->second.get<std::string>());

@@ -33,7 +33,7 @@ namespace detail {
 /// The task that waits for the next item. Owned by the handlers of the bus that will resume it, so
 /// that a task whose next item can no longer come is destroyed with them.
 struct stream_waiter {
-    std::shared_ptr<task_run> run; ///< null while nobody waits
+    std::shared_ptr<task_run> run; ///< null while no task waits
     std::coroutine_handle<> here;
 };
 
@@ -98,7 +98,7 @@ public:
             waiter->run = std::move(run);
             waiter->here = here;
         }
-        return true; // without a waiter nobody resumes the task: the client has been stopped
+        return true; // without a waiter the client was stopped: the task ends with its last owner
     }
 
     /// The task does not wait any more.
