@@ -73,6 +73,12 @@ std::optional<int> model::order_peer(const std::string& verb, const std::string&
 
 /// Everything that stands is in place while the client is connected.
 bool model::judge_standing(sequence& s) {
+    // Asked before anything that is sent now has it delivered.
+    if (!await(
+            s, [this] { return world_.bus().get_bus().stats().undelivered.now == 0; },
+            "something stays undelivered")) {
+        return false;
+    }
     if (world_.bus().get_state() != client::state::connected) {
         return judge_absence(s);
     }

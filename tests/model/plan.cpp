@@ -50,6 +50,10 @@ private:
     void add_inside(std::vector<step>& inside, int depth);
     act choose();
     int some_operation();
+    bool cancels() const {
+        return weights_.at(static_cast<std::size_t>(act::cancel)) != 0 &&
+               plan_.operations < most_operations;
+    }
 
     plan& plan_;
     chance random_;
@@ -169,6 +173,9 @@ void maker::choose_bus(step& s) {
         s.method = static_cast<int>(random_.below(notification_answers));
         s.answers = random_.percent(80);
         break;
+    case act::peer_event:
+        s.limit = 1 + static_cast<int>(random_.below(8));
+        break;
     case act::peer_toggle:
         s.limit = 2 + static_cast<int>(random_.below(8));
         break;
@@ -230,6 +237,13 @@ step maker::make_step(int depth) {
         // Not a back-off function: it must not throw.
         s.throws = throws_ && s.what != act::auto_connect && random_.percent(25);
         add_inside(s.inside, depth);
+        if (s.is_standing() && random_.percent(15) && cancels()) {
+            // With more to be delivered by the same operation.
+            step cancel;
+            cancel.what = act::cancel;
+            cancel.id = ++plan_.operations;
+            s.inside.push_back(cancel);
+        }
         if (!s.inside.empty() && random_.percent(15)) {
             step own;
             own.what = act::release;

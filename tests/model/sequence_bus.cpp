@@ -212,7 +212,9 @@ void sequence::order_peer(const step& s) {
         number = world_.order_peer("toggle", std::to_string(s.limit));
         break;
     case act::peer_event:
-        number = world_.order_peer("event", event_ids.at(static_cast<std::size_t>(s.pattern)));
+        for (int i = 0; i < s.limit; ++i) {
+            number = world_.order_peer("event", event_ids.at(static_cast<std::size_t>(s.pattern)));
+        }
         break;
     case act::peer_notify:
         number = world_.order_peer("notify", foreign);
