@@ -129,10 +129,11 @@ public:
     };
     /// Is notified of each change of a subscription, with the reason: success when subscribed;
     /// msg::not_found when the object has gone, msg::connection_failed when the connection ended;
-    /// the daemon's status when it refused: msg::permission_denied, or msg::invalid_argument for an
-    /// object of this process.
+    /// the daemon's status when it refused, such as msg::invalid_argument for an object of this
+    /// process. An object that the access rules hide counts as one that is not there.
     using subscription_handler = std::function<void(subscription, const std::error_code&)>;
-    /// How a subscription delivers. Its `on_registered` gets msg::permission_denied when this
+    /// How a subscription delivers. Its `on_registered` gets success once the appearance of the
+    /// object is followed, before it is subscribed; and msg::permission_denied when this
     /// process may not follow which objects appear: then it is subscribed only if the object was
     /// there when the connection was made.
     struct subscribe_options : options {
