@@ -60,6 +60,10 @@ std::error_code loop_bus::listen_to(const std::string& pattern) {
     if (bus == nullptr) {
         return error::msg::connection_failed;
     }
+    if (pattern.empty()) {
+        // What daemons of 2025 and later answer. Older ones read what is in front of the text.
+        return error::msg::permission_denied;
+    }
     bus_records& registered = records();
     if (registered.patterns.count(pattern) != 0) {
         return error::msg::success;
