@@ -54,6 +54,9 @@ public:
     void notify(const std::shared_ptr<notify_operation>& operation);
     void stop(notify_operation& operation);
 
+    /// Answers a notification.
+    void answer(served_call& call);
+
     // --- the connection ---
 
     /// Registers everything with a new connection.

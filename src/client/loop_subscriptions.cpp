@@ -80,6 +80,10 @@ void loop_bus::remove(subscription& removed) {
     stop_listening();
 }
 
+void loop_bus::answer(served_call& call) {
+    loop_.complete_sync(call);
+}
+
 void loop_bus::on_removal(ubus_context* /*context*/, ubus_subscriber* subscriber,
                           std::uint32_t id) {
     guard_callback([=] {

@@ -5,6 +5,7 @@
 #include "client/exchange_ctx.h"
 #include "client/loop_bus.h"
 #include "client/served_call.h"
+#include "client/side.h"
 #include "tarn/error.h"
 
 #include <utility>
@@ -191,7 +192,15 @@ void subscription::deliver(const standing_report& report) {
 
 void subscription::discard(const standing_report& item) noexcept {
     const auto& dropped = data_of<notification>(item);
-    if (dropped.call) {
+    if (!dropped.call) {
+        return;
+    }
+    if (is_loop_thread) {
+        // At once: the task that unsubscribes may be queued already, and the daemon passes on no
+        // answer after that.
+        dropped.call->status = error::msg::unknown_error;
+        loop_.answer(*dropped.call);
+    } else {
         app_.complete_call(*dropped.call, error::msg::unknown_error);
     }
 }
