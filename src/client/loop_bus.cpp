@@ -137,6 +137,8 @@ void loop_bus::restore(const std::shared_ptr<wait_operation>& operation) {
         // Noted at once: events that follow it may be handled before the look-up returns.
         find(entry.first, [&entry](const ubus_object_data& object) { entry.second = object.id; });
     }
+    // One may have gone while another was looked for: what says so has arrived by now.
+    loop_.take_postponed();
     if (operation->all_present()) {
         check(*operation);
     } else if (followed && followed != error::msg::connection_failed && erase(waits_, *operation)) {

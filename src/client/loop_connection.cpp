@@ -84,17 +84,13 @@ void loop_side::watch_bus() {
 void loop_side::on_socket(uloop_fd* socket, unsigned int events) {
     guard_callback([=] {
         loop_side& self = client_impl::get_instance({}).loop();
-        self.bridge_.in_burst([&] {
-            self.take_postponed();
-            self.socket_handler_(socket, events);
-        });
+        self.bridge_.in_burst([&] { self.socket_handler_(socket, events); });
     });
 }
 
-/// What came inside a request that has been waited for, before anything that came later: libubus
-/// keeps it for a timer, and would handle first what is in the socket by then.
 void loop_side::take_postponed() {
-    if (pending_handler_ != nullptr && bus_ && bus_->stack_depth == 0) {
+    assert_loop_side();
+    if (bus_ && bus_->stack_depth == 0 && pending_handler_ != nullptr) {
         pending_handler_(&bus_->pending_timer);
     }
 }
@@ -102,7 +98,11 @@ void loop_side::take_postponed() {
 void loop_side::on_pending_messages(uloop_timeout* timer) {
     guard_callback([=] {
         loop_side& self = client_impl::get_instance({}).loop();
-        self.bridge_.in_burst([&] { self.pending_handler_(timer); });
+        // libubus keeps what came inside of a request, and handles it also when the connection was
+        // lost there. What it says is over by then, and has been reported so.
+        if (self.bus_ && timer == &self.bus_->pending_timer) {
+            self.bridge_.in_burst([&] { self.pending_handler_(timer); });
+        }
     });
 }
 

@@ -77,6 +77,9 @@ public:
     /// makes room there before it reads a request.
     ubus_context* caught_up_bus();
     void before_write();
+    /// Handles what has arrived inside of requests, which libubus keeps for later. Not in one of
+    /// its callbacks.
+    void take_postponed();
 
 private:
     /// Object ids that look-ups have found, while they are valid for others: for the calls of one
@@ -86,7 +89,6 @@ private:
     void watch_bus();
     static void on_socket(uloop_fd* socket, unsigned int events);
     static void on_pending_messages(uloop_timeout* timer);
-    void take_postponed();
     void take_in();
     void end_unwritable_bus() const;
 
