@@ -10,7 +10,9 @@ namespace tarn::test {
 namespace {
 
 constexpr int listeners = 20;
-constexpr int events_sent = 10000;
+constexpr int burst = 100;
+constexpr int bursts = 100;
+constexpr int events_sent = burst * bursts;
 
 class Flood : public peers_test {
 protected:
@@ -27,11 +29,25 @@ protected:
             "flood",
             [&in](const std::string&, const bus::table& data) {
                 const int n = number(data);
-                in.in_order = in.in_order && n >= in.next;
+                in.in_order = in.in_order && (n >= in.next || n == 0);
                 in.next = n + 1;
                 ++in.received;
             },
             how);
+    }
+
+    /// Has `peer` send so many events in bursts, each when the private thread has read the one
+    /// before: daemons of before mid 2025 lose what they had to queue for a reader that is behind.
+    template <class Between>
+    void send_bursts(bus_peer& peer, int count, const Between& between) {
+        for (int sent = 0; sent < count; sent += burst) {
+            peer.tell("burst flood " + std::to_string(burst), "burst sent");
+            const auto due = static_cast<std::uint64_t>(sent) + burst;
+            run_until([&] {
+                between();
+                return events().stats().events_received >= due;
+            });
+        }
     }
 };
 
@@ -45,7 +61,7 @@ TEST_F(Flood, TenThousandEventsReachEachOfTwentyListenersInOrder) {
     wait_until_registered(listeners);
     bus_peer peer;
     const auto start = std::chrono::steady_clock::now();
-    peer.write("burst flood " + std::to_string(events_sent));
+    send_bursts(peer, events_sent, [] { loop()->drain(); });
     run_until([&] {
         return std::all_of(readers.begin(), readers.end(),
                            [](const reader& in) { return in.received >= events_sent; });
@@ -94,13 +110,20 @@ TEST_F(Flood, AListenerThatIsBehindIsToldHowManyWereDroppedAndTheOthersLoseNothi
     const utils::scoped_link second = listen(quick, reporting());
     wait_until_registered(2);
     bus_peer peer;
-    peer.tell("burst flood 5000", "burst sent"); // this loop does not turn meanwhile
-    run_until([&] { return quick.received == 5000; });
-    run_until([&] { return slow.received + slow.dropped == 5000; });
+    constexpr int count = 5000;
+    for (int sent = 0; sent < count; sent += burst) { // this loop does not turn meanwhile
+        peer.tell("burst flood " + std::to_string(burst), "burst sent");
+        const auto due = static_cast<std::uint64_t>(sent) + burst;
+        while (events().stats().events_received < due) {
+            on_loop_thread([] {});
+        }
+    }
+    run_until([&] { return quick.received == count; });
+    run_until([&] { return slow.received + slow.dropped == count; });
     EXPECT_GT(slow.dropped, 0U);
     EXPECT_EQ(events().stats().dropped, slow.dropped);
     EXPECT_TRUE(slow.in_order);
-    EXPECT_EQ(slow.next, 5000);
+    EXPECT_EQ(slow.next, burst);
 }
 
 } // namespace
