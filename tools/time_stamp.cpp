@@ -17,7 +17,7 @@ std::string time_stamp(std::chrono::system_clock::time_point when) {
     std::array<char, 32> date{};
     std::strftime(date.data(), date.size(), "%Y-%m-%dT%H:%M:%S", &local);
     const long minutes = std::labs(local.tm_gmtoff) / 60;
-    std::array<char, 24> rest{};
+    std::array<char, 64> rest{}; // room for any numbers, as the compiler sees them
     std::snprintf(rest.data(), rest.size(), ".%03d%c%02ld:%02ld",
                   static_cast<int>(duration_cast<milliseconds>(when - whole).count()),
                   local.tm_gmtoff < 0 ? '-' : '+', minutes / 60, minutes % 60);
