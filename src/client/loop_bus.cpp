@@ -42,6 +42,10 @@ bus_records& loop_bus::records() {
     return loop_.connection()->bus;
 }
 
+life_id loop_bus::life() const {
+    return loop_.connection() ? loop_.connection()->life : life_id::none;
+}
+
 bool loop_bus::follows_objects() const {
     return !watches_.empty() || !subscriptions_.empty() || !waits_.empty();
 }

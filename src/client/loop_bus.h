@@ -67,6 +67,9 @@ public:
     void on_subscribers(const std::string& name, bool has_subscribers);
     static void subscribers_changed(ubus_context* context, ubus_object* object);
 
+    /// The life that the present connection belongs to; none without one.
+    life_id life() const;
+
     /// Whether `path` names one object. Any thread.
     static bool is_exact(const std::string& path);
 

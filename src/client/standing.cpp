@@ -4,6 +4,7 @@
 #include "client/app_side.h"
 #include "client/counters.h"
 #include "client/handover.h"
+#include "client/loop_bus.h"
 
 #include <algorithm>
 #include <new>
@@ -78,7 +79,8 @@ void standing::tell_registered(const std::error_code& code) {
 void standing::push(standing_report report) {
     counters& counts = app_.counts();
     const bool item = is_item(report);
-    report.life = app_.bridge().life();
+    // That of the connection, since this one may go on reading when a cancel() has begun the next.
+    report.life = item ? loop_.life() : life_id::none;
     queue added;
     queue dropped;
     try {

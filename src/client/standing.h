@@ -27,7 +27,7 @@ struct standing_report {
         item, ///< an event, a notification or a message: the oldest are dropped when many wait
     };
     kind what = kind::change;
-    life_id life = life_id::none; ///< in which an item arrived
+    life_id life = life_id::none; ///< of the connection that an item arrived on
     int state = 0;
     std::uint32_t id = 0;
     std::error_code code;
