@@ -1,7 +1,7 @@
 /* A process on plain libubus that does on the bus what its standard input says, one command a
  * line, and prints one line for each outcome and for all that it hears:
  *
- *   connect                    connects, as often as it takes
+ *   connect                    connects again, to a daemon that is there
  *   listen PATTERN             prints "listening", then "event ID N" for each
  *   send ID N                  sends an event with the field n; prints "sent STATUS"
  *   burst ID N                 sends N events with n from 0; prints "burst sent"
@@ -213,12 +213,11 @@ static void connect_again(void) {
         memset(&receiver, 0, sizeof receiver);
         subscribing = 0;
     }
-    do {
-        bus = ubus_connect(NULL);
-        if (!bus) {
-            usleep(20000); /* the daemon is being started */
-        }
-    } while (!bus);
+    bus = ubus_connect(NULL);
+    if (!bus) {
+        printf("no bus\n");
+        exit(1);
+    }
     bus->connection_lost = on_lost;
     ubus_add_uloop(bus);
     printf("connected\n");

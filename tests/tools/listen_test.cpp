@@ -2,12 +2,14 @@
 #include "support/temporary_folder.h"
 #include "tools/tool.h"
 
+#include <array>
 #include <csignal>
 #include <cstdlib>
 #include <fcntl.h>
 #include <gmock/gmock.h>
 #include <poll.h>
 #include <regex>
+#include <sys/inotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -175,16 +177,23 @@ TEST_F(CliWithHorn, ListenCanBeEndedWhileItsReaderStandsStill) {
     ASSERT_EQ(::mkfifo(path.c_str(), 0600), 0);
     const int pipe = ::open(path.c_str(), O_RDWR | O_CLOEXEC);
     ASSERT_GE(pipe, 0);
+    const int writes = ::inotify_init1(IN_CLOEXEC);
+    ASSERT_GE(::inotify_add_watch(writes, path.c_str(), IN_MODIFY), 0);
     child_process listener(
         {"/bin/sh", "-c", "exec \"$0\" listen -v 2>&1 >\"$1\"", TARN_TEST_TOOL, path});
     listener.wait_for_line("tarn: *: registered");
     EXPECT_EQ(tool({"call", "horn", "flood", R"({"count": 9000})"}).status, 0);
     pollfd room{pipe, POLLOUT, 0};
     while (::poll(&room, 1, 0) == 1) { // the tool has not filled it yet
-        ::usleep(10000);
+        constexpr int limit_ms = 20000;
+        pollfd written{writes, POLLIN, 0};
+        ASSERT_EQ(::poll(&written, 1, limit_ms), 1) << "the tool writes no more";
+        std::array<char, 4096> changes{};
+        ASSERT_GT(::read(writes, changes.data(), changes.size()), 0);
     }
     const std::string rest = interrupt(listener);
     EXPECT_THAT(rest, MatchesRegex("tarn: [0-9]+ events\n"));
+    ::close(writes);
     ::close(pipe);
 }
 
