@@ -1,4 +1,5 @@
 /// Whole blob attributes, for libubox's users: lengths, type checks, sorting by id, copies.
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <cstring>
@@ -15,12 +16,6 @@ bool accepts(const blob_attr_info& wanted, blob_attr* attr) {
                             static_cast<int>(wanted.type))) &&
            size >= wanted.minlen && (wanted.maxlen == 0 || size <= wanted.maxlen) &&
            (wanted.validate == nullptr || wanted.validate(&wanted, attr));
-}
-
-void clear(blob_attr** slots, int count) {
-    for (int id = 0; id < count; ++id) {
-        slots[id] = nullptr;
-    }
 }
 
 // Of an attribute all of which is there.
@@ -75,7 +70,7 @@ bool blob_check_type(const void* ptr, unsigned len, int type) {
 }
 
 int blob_parse(blob_attr* attr, blob_attr** data, const blob_attr_info* info, int max) {
-    clear(data, max);
+    std::fill_n(data, max, nullptr);
     return attr == nullptr ? 0 : sort_children(attr, data, info, max);
 }
 
@@ -84,7 +79,7 @@ int blob_parse_untrusted(blob_attr* attr, std::size_t attr_len, blob_attr** data
     if (attr == nullptr || attr_len < sizeof(blob_attr) || blob_raw_len(attr) > attr_len) {
         return 0;
     }
-    clear(data, max);
+    std::fill_n(data, max, nullptr);
     return sort_children(attr, data, info, max);
 }
 

@@ -1,5 +1,6 @@
 /// blobmsg fields, for libubox's users: adding them to a buffer, and checking and finding them in a
 /// foreign message.
+#include <algorithm>
 #include <cerrno>
 #include <cstdint>
 #include <cstring>
@@ -77,12 +78,6 @@ bool name_matches(const blob_attr* field, const char* wanted) {
            std::memcmp(blobmsg_name(field), wanted, length) == 0;
 }
 
-void clear(blob_attr** slots, int count) {
-    for (int i = 0; i < count; ++i) {
-        slots[i] = nullptr;
-    }
-}
-
 } // namespace
 
 int blobmsg_add_field(blob_buf* buf, int type, const char* name, const void* data, unsigned len) {
@@ -136,7 +131,7 @@ int blobmsg_check_array(const blob_attr* attr, int type) {
 
 int blobmsg_parse(const blobmsg_policy* policy, int policy_len, blob_attr** tb, void* data,
                   unsigned len) {
-    clear(tb, policy_len);
+    std::fill_n(tb, policy_len, nullptr);
     if (data == nullptr || len == 0) {
         return -EINVAL;
     }
@@ -163,7 +158,7 @@ int blobmsg_parse(const blobmsg_policy* policy, int policy_len, blob_attr** tb, 
 
 int blobmsg_parse_array(const blobmsg_policy* policy, int policy_len, blob_attr** tb, void* data,
                         unsigned len) {
-    clear(tb, policy_len);
+    std::fill_n(tb, policy_len, nullptr);
     int position = 0;
     blob_attr* element;
     std::size_t left = data == nullptr ? 0 : len;

@@ -14,11 +14,6 @@ namespace tarn {
 
 namespace {
 
-template <class Handler>
-std::shared_ptr<const Handler> shared(const Handler& handler) {
-    return handler ? std::make_shared<const Handler>(handler) : nullptr;
-}
-
 bool is_item(const standing_report& report) {
     return report.what == standing_report::kind::item;
 }

@@ -26,11 +26,6 @@ standing_report item_of(std::shared_ptr<const void> data) {
     return report;
 }
 
-template <class Handler>
-std::shared_ptr<const Handler> shared(const Handler& handler) {
-    return handler ? std::make_shared<const Handler>(handler) : nullptr;
-}
-
 } // namespace
 
 bool matches(const std::string& pattern, const std::string& name) {

@@ -23,25 +23,25 @@ std::chrono::seconds saturating_add(std::chrono::seconds now, std::chrono::secon
     return delay > never - now ? never : now + delay;
 }
 
-struct entry {
-    std::shared_ptr<const std::function<void()>> handler;
-    std::chrono::seconds armed_at{0};
-    std::chrono::seconds deadline{0};
-    // Never 0 once armed, so that the key of an idle entry is never that of an armed one.
-    std::uint64_t order = 0;
-    bool missed = false;
-};
-
-struct earlier {
-    bool operator()(const entry* left, const entry* right) const {
-        return std::make_pair(left->deadline, left->order) <
-               std::make_pair(right->deadline, right->order);
-    }
-};
-
 } // namespace
 
 struct manual_loop::state {
+    struct entry {
+        std::shared_ptr<const std::function<void()>> handler;
+        std::chrono::seconds armed_at{0};
+        std::chrono::seconds deadline{0};
+        // Never 0 once armed, so that the key of an idle entry is never that of an armed one.
+        std::uint64_t order = 0;
+        bool missed = false;
+    };
+
+    struct earlier {
+        bool operator()(const entry* left, const entry* right) const {
+            return std::make_pair(left->deadline, left->order) <
+                   std::make_pair(right->deadline, right->order);
+        }
+    };
+
     using task_list = std::list<std::function<void()>>;
 
     // Guards everything here. Tasks and handlers are copied, run and destroyed outside it.
@@ -137,7 +137,7 @@ public:
 
 private:
     const std::shared_ptr<state> loop_;
-    entry entry_;
+    state::entry entry_;
 };
 
 manual_loop::manual_loop()
@@ -235,7 +235,7 @@ std::chrono::seconds manual_loop::now() const {
 std::vector<std::chrono::seconds> manual_loop::armed_timers() const {
     const std::lock_guard<std::mutex> lock(state_->mutex);
     std::vector<std::chrono::seconds> left;
-    for (const entry* next : state_->armed) {
+    for (const state::entry* next : state_->armed) {
         left.push_back(next->deadline - state_->now);
     }
     return left;
