@@ -13,10 +13,10 @@
 
 namespace tarn {
 
-utils::link app_side::begin(const std::shared_ptr<standing>& operation) {
+utils::link app_side::begin(standing& operation) {
     handover();
-    bridge_.post_to_uloop(operation->begin_task, operation);
-    return misc::aggregate_adapter<utils::link>(operation);
+    bridge_.post_to_uloop(operation.begin_task);
+    return operation.handle();
 }
 
 /// Sent as a call of the daemon's own object, whose answer is the daemon's.
@@ -31,13 +31,14 @@ utils::link app_side::send_event(const std::string& id, const bus::table& data,
     if (has_nul(id)) {
         return report_later(handler, make_error_code(error::msg::invalid_argument));
     }
-    const bus::table message{{"id", blob::attr(id)}, {"data", blob::attr(data)}};
+    bus::table message;
+    message.emplace("data", data);
+    message.emplace("id", id);
     return invoke_object(UBUS_SYSTEM_OBJECT_EVENT, {}, "send", message, nullptr, done,
                          std::chrono::seconds::zero());
 }
 
-utils::link app_side::begin(const std::shared_ptr<one_shot>& operation,
-                            const std::chrono::seconds& limit) {
+utils::link app_side::begin(one_shot& operation, const std::chrono::seconds& limit) {
     std::shared_ptr<utils::event_loop::timer> timer;
     if (limit != std::chrono::seconds::zero()) {
         timer = bridge_.get_eloop()->create_timer();
@@ -47,7 +48,7 @@ utils::link app_side::begin(const std::shared_ptr<one_shot>& operation,
         const lock_guard guard(lock_);
         if (!cancelling()) {
             one_shots_.add(operation);
-            operation->timer = timer;
+            operation.timer = timer;
             begun = true;
         }
     }
@@ -59,37 +60,36 @@ utils::link app_side::begin(const std::shared_ptr<one_shot>& operation,
         if (timer) {
             timer->set_timeout(limit);
             timer->set_handler(
-                [this, watched = std::weak_ptr<one_shot>(operation)] { expire(watched); });
+                [this, watched = std::weak_ptr<one_shot>(self_of(operation))] { expire(watched); });
         }
         const lock_guard guard(lock_);
-        if (operation->active()) {
-            bridge_.post_to_uloop(operation->begin_task, operation);
+        if (operation.active()) {
+            bridge_.post_to_uloop(operation.begin_task);
         }
     } catch (...) {
-        if (end(*operation)) {
+        if (end(operation)) {
             throw;
         }
         // It has ended, and its handler has been notified.
     }
-    return misc::aggregate_adapter<utils::link>(operation);
+    return operation.handle();
 }
 
 /// Reports an outcome that is known at once.
-utils::link app_side::refuse(const std::shared_ptr<one_shot>& operation,
-                             const std::error_code& code) {
-    operation->outcome = code;
+utils::link app_side::refuse(one_shot& operation, const std::error_code& code) {
+    operation.outcome = code;
     {
         const lock_guard guard(lock_);
         one_shots_.add(operation);
     }
     try {
-        bridge_.schedule_task(operation->done_task, operation);
+        bridge_.schedule_task(operation.done_task);
     } catch (...) {
-        if (end(*operation)) {
+        if (end(operation)) {
             throw;
         }
     }
-    return misc::aggregate_adapter<utils::link>(operation);
+    return operation.handle();
 }
 
 /// Ends an operation and calls its handler, unless it has ended.
@@ -116,7 +116,7 @@ void app_side::give_up(one_shot& operation) noexcept {
     if (const auto ended = end(static_cast<pending&>(operation))) {
         const auto timer = std::exchange(operation.timer, nullptr);
         operation.drop_handler();
-        bridge_.post_ready(operation.stop_task, operation.shared_from_this());
+        bridge_.post_ready(operation.stop_task);
     }
 }
 
@@ -127,7 +127,7 @@ void app_side::expire(const std::weak_ptr<one_shot>& watched) {
         return;
     }
     if (const auto ended = end(static_cast<pending&>(*operation))) {
-        bridge_.post_ready(operation->stop_task, operation);
+        bridge_.post_ready(operation->stop_task);
         const auto timer = std::exchange(operation->timer, nullptr);
         operation->tell(error::msg::timeout);
     }
@@ -136,10 +136,10 @@ void app_side::expire(const std::weak_ptr<one_shot>& watched) {
 void app_side::abort_one_shots(era since) {
     while (const auto ended = take_oldest(one_shots_, since)) {
         handover();
-        const auto operation = std::static_pointer_cast<one_shot>(ended);
-        bridge_.post_ready(operation->stop_task, operation);
-        const auto timer = std::exchange(operation->timer, nullptr);
-        operation->tell(error::generic::aborted);
+        auto& operation = static_cast<one_shot&>(*ended);
+        bridge_.post_ready(operation.stop_task);
+        const auto timer = std::exchange(operation.timer, nullptr);
+        operation.tell(error::generic::aborted);
     }
 }
 

@@ -4,6 +4,7 @@
 #include "client/bus_name.h"
 #include "client/handover.h"
 #include "client/loop_side.h"
+#include "counted.h"
 #include "tarn/error.h"
 
 #include <utility>
@@ -29,41 +30,49 @@ utils::link app_side::invoke_object(std::uint32_t object, const std::string& pat
                                     const std::shared_ptr<const client::reply_handler>& each,
                                     const client::result_handler& handler,
                                     const std::chrono::seconds& timeout) {
-    using replies = std::list<blob::attr>;
     const auto aborted = make_error_code(error::generic::aborted);
+    const auto refuse = [&](const std::error_code& code) {
+        client::completion_handler told;
+        if (handler) {
+            told = [handler](const std::error_code& reason) {
+                handler({}, reason);
+            };
+        }
+        return report_later(told, code);
+    };
     if (cancelling()) {
-        return report_later(handler, replies(), aborted);
+        return refuse(aborted);
     }
     if (has_nul(path) || has_nul(method)) {
-        return report_later(handler, replies(), make_error_code(error::msg::invalid_argument));
+        return refuse(error::msg::invalid_argument);
     }
-    const auto call = std::make_shared<invoke_ctx>(*this, loop_, path, method, args, handler, each);
+    const auto call = make_counted<invoke_ctx>(*this, loop_, path, method, args, handler, each);
     call->object = object;
     handover();
     if (object == 0) {
         counts_.calls_started.add(); // before it can end
     }
-    const bool begun = timeout == std::chrono::seconds::zero() ? begin_call(call)
-                                                               : begin_limited_call(call, timeout);
+    const bool begun = timeout == std::chrono::seconds::zero() ? begin_call(*call)
+                                                               : begin_limited_call(*call, timeout);
     handover();
     if (begun) {
-        return misc::aggregate_adapter<utils::link>(call);
+        return call->handle();
     }
     count_ended(*call, aborted);
-    return report_later(handler, replies(), aborted);
+    return refuse(aborted);
 }
 
 /// False while cancel() runs. When it throws, the call has not begun.
-bool app_side::begin_call(const std::shared_ptr<invoke_ctx>& call) {
+bool app_side::begin_call(invoke_ctx& call) {
     const lock_guard guard(lock_);
     if (cancelling()) {
         return false;
     }
     invokes_.add(call);
     try {
-        bridge_.post_to_uloop(call->begin_task, call);
+        bridge_.post_to_uloop(call.begin_task);
     } catch (...) {
-        call->end();
+        call.end();
         throw;
     }
     return true;
@@ -71,8 +80,7 @@ bool app_side::begin_call(const std::shared_ptr<invoke_ctx>& call) {
 
 /// The same with a timer, whose functions are the application's: the call is pending while they are
 /// called, and posted when it still is.
-bool app_side::begin_limited_call(const std::shared_ptr<invoke_ctx>& call,
-                                  const std::chrono::seconds& timeout) {
+bool app_side::begin_limited_call(invoke_ctx& call, const std::chrono::seconds& timeout) {
     auto timer = bridge_.get_eloop()->create_timer();
     {
         const lock_guard guard(lock_);
@@ -80,19 +88,19 @@ bool app_side::begin_limited_call(const std::shared_ptr<invoke_ctx>& call,
             return false;
         }
         invokes_.add(call);
-        call->timer = timer;
+        call.timer = timer;
     }
     handover();
     try {
         timer->set_timeout(timeout);
         timer->set_handler(
-            [this, watched = std::weak_ptr<invoke_ctx>(call)] { expire_invoke(watched); });
+            [this, watched = std::weak_ptr<invoke_ctx>(self_of(call))] { expire_invoke(watched); });
         const lock_guard guard(lock_);
-        if (call->active()) {
-            bridge_.post_to_uloop(call->begin_task, call);
+        if (call.active()) {
+            bridge_.post_to_uloop(call.begin_task);
         }
     } catch (...) {
-        if (end(*call)) {
+        if (end(call)) {
             throw;
         }
         // It has ended, and its handler has been notified.
@@ -165,7 +173,7 @@ void app_side::cancel_invoke(invoke_ctx& call) noexcept {
             counts_.calls_given_up.add();
         }
         const auto dropped = call.take_handler();
-        bridge_.post_ready(call.abort_task, call.shared_from_this());
+        bridge_.post_ready(call.abort_task);
     }
 }
 
@@ -179,11 +187,31 @@ void app_side::expire_invoke(const std::weak_ptr<invoke_ctx>& watched) {
     if (!ended) {
         return;
     }
-    bridge_.post_ready(call->abort_task, call);
+    bridge_.post_ready(call->abort_task);
     tell_invoke(ended, error::msg::timeout);
 }
 
 // --- reports ---
+
+utils::link app_side::report_later(const client::completion_handler& handler,
+                                   const std::error_code& code) {
+    if (!handler) {
+        return {};
+    }
+    const auto known = make_counted<known_report>(handler, code);
+    bridge_.schedule_task(known->done_task);
+    return known->handle();
+}
+
+client::completion_handler known_report::take() noexcept {
+    return taken_.exchange(true) ? nullptr : std::exchange(handler_, nullptr);
+}
+
+void known_report::tell() {
+    if (const auto handler = take()) {
+        handler(code_);
+    }
+}
 
 void app_side::give_up(report& waiting) noexcept {
     if (const auto ended = end(waiting)) {

@@ -4,6 +4,7 @@
 
 #include "client/handover.h"
 #include "client/loop_side.h"
+#include "counted.h"
 #include "tarn/error.h"
 
 #include <limits>
@@ -107,8 +108,8 @@ void app_side::take_step(connection_event event) {
 
 void app_side::request_connection(client::state next) {
     const connection_id id = next_after(last_connection_);
-    auto requested = std::make_shared<connection_ctx>(*this, loop_, id, life());
-    bridge_.post_to_uloop(requested->connect_task, requested);
+    auto requested = make_counted<connection_ctx>(*this, loop_, id, life());
+    bridge_.post_to_uloop(requested->connect_task);
     last_connection_ = id;
     connection_id_ = id;
     connection_ = std::move(requested);
@@ -122,7 +123,7 @@ void app_side::request_disconnect() noexcept {
     }
     connection_id_ = connection_id::none;
     ending->ending_life = life();
-    bridge_.post_ready(ending->disconnect_task, ending);
+    bridge_.post_ready(ending->disconnect_task);
 }
 
 // --- requests of the application ---
@@ -140,14 +141,14 @@ void app_side::note_for_after_cancel(connection_event event) noexcept {
 /// One locked step: `waiting` waits with `others` for what `event` leads to. False when the state
 /// is `reached` already, and there is nothing to wait for.
 bool app_side::wait_for(connection_event event, client::state reached, pending_list& others,
-                        const std::shared_ptr<report>& waiting) {
+                        report* waiting) {
     const lock_guard guard(lock_);
     if (!cancelling() && state_ == reached) {
         return false;
     }
     if (waiting) {
         waiting->asked_inside = teller_ == std::this_thread::get_id();
-        others.add(waiting);
+        others.add(*waiting);
     }
     if (cancelling()) {
         note_for_after_cancel(event);
@@ -168,14 +169,13 @@ utils::link app_side::ask_for(connection_event event, client::state reached, pen
                               const client::completion_handler& handler) {
     disable_auto_connect();
     const std::shared_ptr<report> waiting =
-        handler ? std::make_shared<report>(*this, handler) : nullptr;
+        handler ? make_counted<report>(*this, handler) : nullptr;
     handover();
-    if (!wait_for(event, reached, others, waiting)) {
+    if (!wait_for(event, reached, others, waiting.get())) {
         return report_later(handler, std::error_code());
     }
     handover();
-    const utils::link link =
-        waiting ? utils::link(aggregate_adapter<utils::link>(waiting)) : utils::link();
+    const utils::link link = waiting ? waiting->handle() : utils::link();
     try {
         announce();
     } catch (...) {
@@ -199,8 +199,8 @@ utils::link app_side::auto_connect(const client::backoff_function& backoff) {
     std::shared_ptr<reconnection> wanted;
     utils::link link;
     if (backoff) {
-        wanted = std::make_shared<reconnection>();
-        wanted->backoff = std::make_shared<const client::backoff_function>(backoff);
+        wanted = make_counted<reconnection>();
+        wanted->backoff = make_counted<client::backoff_function>(backoff);
         link.assign(
             misc::create_link(wanted, [this, only = wanted.get()] { disable_auto_connect(only); }));
     }
@@ -283,12 +283,12 @@ utils::link app_side::notify_on_state_change(const client::state_handler& handle
     if (!handler) {
         return {};
     }
-    const auto shared = std::make_shared<client::state_handler>(handler);
+    const auto shared = make_counted<client::state_handler>(handler);
     const lock_guard guard(lock_);
     utils::link slot = state_changed_.connect([shared](client::state s) { (*shared)(s); });
     try {
         return aggregate_adapter<utils::link>(
-            std::make_shared<state_subscription>(lock_, shared, slot));
+            make_counted<state_subscription>(lock_, shared, slot));
     } catch (...) {
         slot.release();
         throw;

@@ -5,6 +5,7 @@
 #include "client/exchange_ctx.h"
 #include "client/handover.h"
 #include "client/loop_side.h"
+#include "counted.h"
 #include "tarn/error.h"
 
 #include <algorithm>
@@ -14,8 +15,6 @@
 namespace tarn {
 
 namespace {
-
-using misc::aggregate_adapter;
 
 /// Whether a method's name, or that of a field that it expects, would be cut on the bus.
 bool any_name_has_nul(const client::method_map& methods) {
@@ -27,9 +26,8 @@ bool any_name_has_nul(const client::method_map& methods) {
     });
 }
 
-utils::link link_to(const std::shared_ptr<report>& operation) {
-    return operation->wanted() ? utils::link(aggregate_adapter<utils::link>(operation))
-                               : utils::link();
+utils::link link_to(report& operation) {
+    return operation.wanted() ? operation.handle() : utils::link();
 }
 
 } // namespace
@@ -50,21 +48,21 @@ utils::link app_side::add_object(const std::string& name, const client::method_m
     if (has_nul(name) || any_name_has_nul(methods)) {
         return report_later(handler, make_error_code(error::msg::invalid_argument));
     }
-    const auto object = std::make_shared<object_ctx>(name, methods);
+    const auto object = make_counted<object_ctx>(name, methods);
     const auto addition =
-        std::make_shared<object_operation>(*this, loop_, object_operation::kind::addition, handler);
+        make_counted<object_operation>(*this, loop_, object_operation::kind::addition, handler);
     addition->records = object->ubus_ctx;
     // Asked for before it is listed, since the link is the handler's only trace then.
-    const utils::link link = link_to(addition);
+    const utils::link link = link_to(*addition);
     handover();
-    const auto refused = begin_addition(object, addition);
+    const auto refused = begin_addition(object, *addition);
     handover();
     return refused ? report_later(handler, refused) : link;
 }
 
 /// One locked step: takes the name and posts the registration. Returns the reason if it cannot.
 std::error_code app_side::begin_addition(const std::shared_ptr<object_ctx>& object,
-                                         const std::shared_ptr<object_operation>& addition) {
+                                         object_operation& addition) {
     const lock_guard guard(lock_);
     if (cancelling()) {
         return error::generic::aborted;
@@ -73,13 +71,13 @@ std::error_code app_side::begin_addition(const std::shared_ptr<object_ctx>& obje
         return error::msg::invalid_argument;
     }
     const auto entry = objects_.emplace(&object->ubus_ctx->object, object).first;
-    if (addition->wanted()) {
+    if (addition.wanted()) {
         add_handlers_.add(addition);
     }
     try {
-        bridge_.post_to_uloop(addition->begin_task, addition);
+        bridge_.post_to_uloop(addition.begin_task);
     } catch (...) {
-        addition->end();
+        addition.end();
         objects_.erase(entry);
         throw;
     }
@@ -92,19 +90,18 @@ utils::link app_side::del_object(const std::string& name, bool stop_serving,
         return report_later(handler, make_error_code(error::generic::aborted));
     }
     const auto removal =
-        std::make_shared<object_operation>(*this, loop_, object_operation::kind::removal, handler);
+        make_counted<object_operation>(*this, loop_, object_operation::kind::removal, handler);
     removal->stop_serving = stop_serving;
-    const utils::link link = link_to(removal);
+    const utils::link link = link_to(*removal);
     handover();
-    const auto refused = begin_removal(name, removal);
+    const auto refused = begin_removal(name, *removal);
     handover();
     return refused ? report_later(handler, refused) : link;
 }
 
 /// One locked step: marks the object as being removed and posts the withdrawal. Returns the reason
 /// if it cannot.
-std::error_code app_side::begin_removal(const std::string& name,
-                                        const std::shared_ptr<object_operation>& removal) {
+std::error_code app_side::begin_removal(const std::string& name, object_operation& removal) {
     const lock_guard guard(lock_);
     if (cancelling()) {
         return error::generic::aborted;
@@ -113,11 +110,11 @@ std::error_code app_side::begin_removal(const std::string& name,
     if (!object) {
         return error::msg::not_found;
     }
-    removal->records = object->ubus_ctx;
-    bridge_.post_to_uloop(removal->begin_task, removal);
-    object->active = object->active && !removal->stop_serving;
+    removal.records = object->ubus_ctx;
+    bridge_.post_to_uloop(removal.begin_task);
+    object->active = object->active && !removal.stop_serving;
     object->removing = true;
-    if (removal->wanted()) {
+    if (removal.wanted()) {
         del_handlers_.add(removal);
     }
     return {};
@@ -166,35 +163,32 @@ void app_side::complete_removal(object_operation& removal, bool reported) {
 
 // --- calls that are served ---
 
-void app_side::dispatch_call(const std::shared_ptr<served_call>& call) {
+void app_side::dispatch_call(served_call& call) {
     assert_application_side();
     std::shared_ptr<object_ctx> object;
     {
         const lock_guard guard(lock_);
-        const auto found = objects_.find(&call->records->object);
+        const auto found = objects_.find(&call.records->object);
         if (found != objects_.end() && found->second->active) {
             object = found->second;
         }
     }
     if (!object) {
-        call->refusal = true;
-        complete_call(*call, error::msg::not_found);
+        call.refusal = true;
+        complete_call(call, error::msg::not_found);
         return;
     }
-    if (call->settled.exchange(true)) {
+    if (call.settled.exchange(true)) {
         return; // refused meanwhile
     }
     counts_.calls_served.add();
     std::shared_ptr<exchange_ctx> ctx;
     client::method_handler handler;
     try {
-        const auto found = object->handlers.find(call->method);
-        if (found != object->handlers.end()) {
-            handler = found->second;
-        }
-        ctx = std::make_shared<exchange_ctx>(*this, call);
+        handler = object->handlers[call.method];
+        ctx = make_counted<exchange_ctx>(*this, self_of(call));
     } catch (const std::bad_alloc&) {
-        complete_call(*call, error::msg::no_memory);
+        complete_call(call, error::msg::no_memory);
         return;
     }
     if (handler) {
@@ -210,24 +204,24 @@ void app_side::drop_call(served_call& call) noexcept {
 
 void app_side::complete_call(served_call& call, const std::error_code& status) noexcept {
     call.status = status;
-    bridge_.post_ready(call.answer_task, call.shared_from_this());
+    bridge_.post_ready(call.answer_task);
 }
 
 utils::link app_side::send(const std::shared_ptr<served_call>& call,
                            std::multimap<std::string, blob::attr>&& data,
                            const client::completion_handler& handler) {
     const auto operation =
-        std::make_shared<send_operation>(*this, loop_, call, std::move(data), handler);
-    const utils::link link = link_to(operation);
+        make_counted<send_operation>(*this, loop_, call, std::move(data), handler);
+    const utils::link link = link_to(*operation);
     const lock_guard guard(lock_);
     if (cancelling()) {
         return {};
     }
     if (operation->wanted()) {
-        send_handlers_.add(operation);
+        send_handlers_.add(*operation);
     }
     try {
-        bridge_.post_to_uloop(operation->begin_task, operation);
+        bridge_.post_to_uloop(operation->begin_task);
     } catch (...) {
         operation->end();
         throw;

@@ -107,7 +107,7 @@ public:
                            const client::completion_handler& handler);
     void complete_addition(object_operation& addition, bool reported);
     void complete_removal(object_operation& removal, bool reported);
-    void dispatch_call(const std::shared_ptr<served_call>& call);
+    void dispatch_call(served_call& call);
     void drop_call(served_call& call) noexcept;
     void complete_call(served_call& call, const std::error_code& status) noexcept;
     /// Sends a reply of a call that is being served.
@@ -117,10 +117,9 @@ public:
 
     // --- app_bus.cpp ---
 
-    utils::link begin(const std::shared_ptr<standing>& operation);
-    utils::link begin(const std::shared_ptr<one_shot>& operation,
-                      const std::chrono::seconds& limit = {});
-    utils::link refuse(const std::shared_ptr<one_shot>& operation, const std::error_code& code);
+    utils::link begin(standing& operation);
+    utils::link begin(one_shot& operation, const std::chrono::seconds& limit = {});
+    utils::link refuse(one_shot& operation, const std::error_code& code);
     utils::link send_event(const std::string& id, const bus::table& data,
                            const bus::completion_handler& handler);
     void end(one_shot& operation, const std::error_code& code);
@@ -134,9 +133,9 @@ public:
     void give_up(report& waiting) noexcept;
     /// Ends a report and calls its handler, unless it has ended.
     void tell(report& waiting, const std::error_code& code);
-    /// Has `handler` called with `args` on the application's loop, never inside this call.
-    template <class Handler, class... Args>
-    utils::link report_later(const Handler& handler, const Args&... args);
+    /// Has `handler` called with `code` on the application's loop, never inside this call.
+    utils::link report_later(const client::completion_handler& handler,
+                             const std::error_code& code);
 
     task_bridge& bridge() { return bridge_; }
     counters& counts() { return counts_; }
@@ -202,7 +201,7 @@ private:
     void arm_reconnection();
     void reconnect();
     bool wait_for(connection_event event, client::state reached, pending_list& others,
-                  const std::shared_ptr<report>& waiting);
+                  report* waiting);
     void note_for_after_cancel(connection_event event) noexcept;
     utils::link ask_for(connection_event event, client::state reached, pending_list& others,
                         const client::completion_handler& handler);
@@ -218,16 +217,14 @@ private:
     bool end_cancel(const cancellation& ending);
     void do_after_cancel();
     std::shared_ptr<pending> take_oldest(pending_list& waiting, era since);
-    bool begin_call(const std::shared_ptr<invoke_ctx>& call);
-    bool begin_limited_call(const std::shared_ptr<invoke_ctx>& call,
-                            const std::chrono::seconds& timeout);
+    bool begin_call(invoke_ctx& call);
+    bool begin_limited_call(invoke_ctx& call, const std::chrono::seconds& timeout);
     std::shared_ptr<pending> end(pending& entry) noexcept;
     void expire_invoke(const std::weak_ptr<invoke_ctx>& watched);
     std::shared_ptr<object_ctx> find_object(const std::string& name) const;
     std::error_code begin_addition(const std::shared_ptr<object_ctx>& object,
-                                   const std::shared_ptr<object_operation>& addition);
-    std::error_code begin_removal(const std::string& name,
-                                  const std::shared_ptr<object_operation>& removal);
+                                   object_operation& addition);
+    std::error_code begin_removal(const std::string& name, object_operation& removal);
     std::shared_ptr<object_ctx> forget(const ubus_object_ctx& records) noexcept;
     void complete(object_operation& operation, bool forgotten, bool reported);
 
@@ -271,15 +268,5 @@ private:
     ended_by_cancel ended_connects_;
     ended_by_cancel ended_disconnects_;
 };
-
-template <class Handler, class... Args>
-utils::link app_side::report_later(const Handler& handler, const Args&... args) {
-    if (!handler) {
-        return {};
-    }
-    const auto known = std::make_shared<known_report<Handler, Args...>>(handler, args...);
-    bridge_.schedule_task(*known, known);
-    return misc::aggregate_adapter<utils::link>(known);
-}
 
 } // namespace tarn

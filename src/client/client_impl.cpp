@@ -2,6 +2,7 @@
 #include "client/client_impl.h"
 
 #include "client/callback_gate.h"
+#include "counted.h"
 
 namespace tarn {
 
@@ -46,8 +47,7 @@ utils::link client_impl::invoke_each(const std::string& path, const std::string&
             handler(code);
         };
     }
-    return app_side_.invoke(path, method, args, std::make_shared<const reply_handler>(each), done,
-                            timeout);
+    return app_side_.invoke(path, method, args, make_counted<reply_handler>(each), done, timeout);
 }
 
 utils::link client_impl::add_object(const std::string& name, const method_map& methods,

@@ -9,11 +9,11 @@
 #include "client/app_side.h"
 #include "client/bus_impl.h"
 #include "client/loop_side.h"
+#include "client/milestone.h"
 #include "client/task.h"
 #include "client/task_bridge.h"
 #include "tarn/client.h"
 
-#include <future>
 #include <memory>
 #include <string>
 #include <sys/types.h>
@@ -21,7 +21,7 @@
 
 namespace tarn {
 
-class client_impl final : public client {
+class client_impl final : public client, public self_counted {
 public:
     /// The process's instance. It is never destroyed, only stopped by the exit handlers: other
     /// threads may still be inside it, or call it, while the process ends.
@@ -83,7 +83,7 @@ private:
     bus_impl bus_{app_side_, loop_side_.bus()};
 
     loop_task<client_impl, &client_impl::end_loop> last_task_{*this};
-    std::promise<void> loop_ended_;
+    milestone loop_ended_;
     std::thread loop_thread_;
     const pid_t owner_; ///< the process whose loop thread this is; a forked child has none
 };

@@ -7,7 +7,7 @@
 namespace tarn {
 
 void connection_ctx::connect() {
-    loop_.connect_sync(shared_from_this());
+    loop_.connect_sync(*this);
 }
 
 void connection_ctx::tell_result() {
@@ -23,7 +23,7 @@ void connection_ctx::free_lost() {
 }
 
 void connection_ctx::disconnect() {
-    loop_.disconnect_sync(shared_from_this());
+    loop_.disconnect_sync(*this);
 }
 
 void connection_ctx::tell_end() {

@@ -6,6 +6,7 @@
 #include "client/object_ctx.h"
 #include "client/request_table.h"
 #include "client/task.h"
+#include "counted.h"
 
 #include <map>
 #include <memory>
@@ -17,7 +18,7 @@ class loop_side;
 
 /// What one connection passes between the sides, allocated when it is requested, so that no
 /// shortage of memory keeps a lost one alive.
-class connection_ctx final : public std::enable_shared_from_this<connection_ctx> {
+class connection_ctx final : public self_counted {
 public:
     using object_map = std::map<ubus_object*, std::shared_ptr<ubus_object_ctx>>;
 

@@ -1,6 +1,7 @@
 /// The single instance: how it is made, how its private thread starts, and how both end.
 #include "client/client_impl.h"
 
+#include "counted.h"
 #include "tarn/error.h"
 #include "tarn/uloop.h"
 
@@ -84,20 +85,20 @@ void client_impl::start_loop_thread() {
     const bool called_inside = loop.runs_here();
     loop.exit();
     loop.set_source([this] { loop_side_.run_batch(); });
-    const auto started = std::make_shared<std::promise<void>>();
+    const auto started = make_counted<milestone>();
     {
         const signals_blocked inherited;
         loop_thread_ = std::thread([this, &loop, started] {
             is_loop_thread = true;
-            loop.run_after_others([&started] { started->set_value(); });
-            loop_ended_.set_value();
+            loop.run_after_others([&started] { started->reach(); });
+            loop_ended_.reach();
         });
     }
     // The loop saves, lets libubox change, and puts back the process's signal dispositions while
     // it starts. The caller may want to install its own right after get_instance(), so that must
     // be over by then. A task of the run that is to end cannot wait for that.
     if (!called_inside) {
-        started->get_future().wait();
+        started->await();
     }
 }
 
@@ -113,9 +114,8 @@ void client_impl::stop() noexcept {
         return;
     }
     bridge_.close();
-    auto ended = loop_ended_.get_future();
     bridge_.post_last(last_task_);
-    if (ended.wait_for(end_limit) != std::future_status::ready) {
+    if (!loop_ended_.await_for(end_limit)) {
         loop_thread_.detach();
         return;
     }

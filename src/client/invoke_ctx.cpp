@@ -38,7 +38,7 @@ void invoke_ctx::on_connection_end() {
 }
 
 void invoke_ctx::begin() {
-    loop_.invoke_sync(shared_from_this());
+    loop_.invoke_sync(*this);
 }
 
 void invoke_ctx::abort() {
@@ -53,8 +53,8 @@ void invoke_ctx::complete_unreported() noexcept {
     app_.drop_invoke(*this);
 }
 
-void reply_task::run() {
-    app_.tell_reply(*call_, reply);
+void one_reply::tell() {
+    app_.tell_reply(*call_, value);
 }
 
 } // namespace tarn

@@ -5,6 +5,7 @@
 #include "client/pending.h"
 #include "client/request_table.h"
 #include "client/task.h"
+#include "counted.h"
 #include "tarn/client.h"
 
 #include <cstdint>
@@ -20,9 +21,7 @@ class loop_side;
 
 /// A call of another process's object: everything that it needs on its way, in one block, so that
 /// only its beginning can fail for lack of memory. It is its own link.
-class invoke_ctx final : public pending,
-                         public bus_request,
-                         public std::enable_shared_from_this<invoke_ctx> {
+class invoke_ctx final : public pending, public bus_request {
 public:
     invoke_ctx(app_side& app, loop_side& loop, const std::string& called_path,
                const std::string& called_method,
@@ -72,18 +71,22 @@ public:
 };
 
 /// One reply of a call that wants each as it comes.
-class reply_task final : public task {
+class one_reply final : public self_counted {
 public:
-    reply_task(app_side& app, std::shared_ptr<invoke_ctx> call)
+    one_reply(app_side& app, std::shared_ptr<invoke_ctx> call)
         : app_(app)
         , call_(std::move(call)) {}
-    void run() override;
 
-    blob::attr reply;
+    blob::attr value;
 
 private:
+    void tell();
+
     app_side& app_;
     const std::shared_ptr<invoke_ctx> call_;
+
+public:
+    droppable_task<one_reply, &one_reply::tell> tell_task{*this};
 };
 
 } // namespace tarn

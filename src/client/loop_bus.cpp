@@ -52,44 +52,44 @@ bool loop_bus::follows_objects() const {
 
 // --- beginning ---
 
-void loop_bus::add(const std::shared_ptr<listener>& added) {
+void loop_bus::add(listener& added) {
     assert_loop_side();
-    listeners_.push_back(added);
-    restore(*added);
+    listeners_.push_back(self_of(added));
+    restore(added);
 }
 
-void loop_bus::add(const std::shared_ptr<presence_watch>& added) {
+void loop_bus::add(presence_watch& added) {
     assert_loop_side();
-    watches_.push_back(added);
-    restore(*added);
+    watches_.push_back(self_of(added));
+    restore(added);
 }
 
-void loop_bus::add(const std::shared_ptr<subscription>& added) {
+void loop_bus::add(subscription& added) {
     assert_loop_side();
-    subscriptions_.push_back(added);
-    if (is_exact(added->path)) {
-        restore(*added);
+    subscriptions_.push_back(self_of(added));
+    if (is_exact(added.path)) {
+        restore(added);
     } else {
-        added->tell_change(bus::subscription::refused, error::msg::invalid_argument);
+        added.tell_change(bus::subscription::refused, error::msg::invalid_argument);
     }
 }
 
-void loop_bus::add(const std::shared_ptr<subscribers_watch>& added) {
+void loop_bus::add(subscribers_watch& added) {
     assert_loop_side();
-    subscribers_watches_.push_back(added);
-    const auto object = published(added->name);
-    added->tell(object && object->object.has_subscribers);
+    subscribers_watches_.push_back(self_of(added));
+    const auto object = published(added.name);
+    added.tell(object && object->object.has_subscribers);
 }
 
-void loop_bus::add(const std::shared_ptr<message_watch>& added) {
+void loop_bus::add(message_watch& added) {
     assert_loop_side();
-    monitors_.push_back(added);
-    restore(*added);
+    monitors_.push_back(self_of(added));
+    restore(added);
 }
 
-void loop_bus::add(const std::shared_ptr<wait_operation>& added) {
+void loop_bus::add(wait_operation& added) {
     assert_loop_side();
-    waits_.push_back(added);
+    waits_.push_back(self_of(added));
     restore(added);
 }
 
@@ -113,7 +113,7 @@ void loop_bus::restore() {
     }
     const list<wait_operation> waits = waits_; // those that are done leave the list
     for (const auto& operation : waits) {
-        restore(operation);
+        restore(*operation);
     }
 }
 
@@ -134,20 +134,20 @@ std::error_code loop_bus::restore_presence(presence_watch& watch) {
     });
 }
 
-void loop_bus::restore(const std::shared_ptr<wait_operation>& operation) {
+void loop_bus::restore(wait_operation& operation) {
     // Listening comes first, so that nothing appears unnoticed while it is looked for.
     const std::error_code followed = follow_objects();
-    for (auto& entry : operation->present) {
+    for (auto& entry : operation.present) {
         // Noted at once: events that follow it may be handled before the look-up returns.
         find(entry.first, [&entry](const ubus_object_data& object) { entry.second = object.id; });
     }
     // One may have gone while another was looked for: what says so has arrived by now.
     loop_.take_postponed();
-    if (operation->all_present()) {
-        check(*operation);
-    } else if (followed && followed != error::msg::connection_failed && erase(waits_, *operation)) {
-        operation->outcome = followed;
-        bridge_.post_from_uloop(operation->done_task, operation);
+    if (operation.all_present()) {
+        check(operation);
+    } else if (followed && followed != error::msg::connection_failed && erase(waits_, operation)) {
+        operation.outcome = followed;
+        bridge_.post_from_uloop(operation.done_task);
     }
 }
 
@@ -161,7 +161,7 @@ void loop_bus::check(wait_operation& operation) {
     if (found != waits_.end()) {
         const std::shared_ptr<wait_operation> ended = *found;
         waits_.erase(found);
-        bridge_.post_from_uloop(ended->done_task, ended);
+        bridge_.post_from_uloop(ended->done_task);
         request_follow_up();
     }
 }
@@ -169,7 +169,7 @@ void loop_bus::check(wait_operation& operation) {
 /// Has done what callbacks have found to do, when nothing of libubus is on the stack.
 void loop_bus::request_follow_up() noexcept {
     if (!std::exchange(following_up_, true)) {
-        bridge_.post_within(follow_up_task_, nullptr);
+        bridge_.post_within(follow_up_task_);
     }
 }
 

@@ -26,21 +26,19 @@ struct ubus_object_ctx;
 /// Each new connection restores all of them before it is reported. What libubus calls back may
 /// come inside a request that waits for the daemon, so a callback only notes and pushes; requests
 /// are made by tasks.
-class loop_bus {
+class loop_bus : public self_counted {
 public:
     loop_bus(task_bridge& bridge, app_side& app, loop_side& loop);
-    loop_bus(const loop_bus&) = delete;
-    loop_bus& operator=(const loop_bus&) = delete;
     ~loop_bus() = default;
 
     // --- standing operations begin and end ---
 
-    void add(const std::shared_ptr<listener>& added);
-    void add(const std::shared_ptr<presence_watch>& added);
-    void add(const std::shared_ptr<subscription>& added);
-    void add(const std::shared_ptr<subscribers_watch>& added);
-    void add(const std::shared_ptr<message_watch>& added);
-    void add(const std::shared_ptr<wait_operation>& added);
+    void add(listener& added);
+    void add(presence_watch& added);
+    void add(subscription& added);
+    void add(subscribers_watch& added);
+    void add(message_watch& added);
+    void add(wait_operation& added);
     void remove(const listener& removed);
     void remove(const presence_watch& removed);
     void remove(subscription& removed);
@@ -50,8 +48,8 @@ public:
 
     // --- one-shot operations ---
 
-    void look_up(const std::shared_ptr<look_up_operation>& operation);
-    void notify(const std::shared_ptr<notify_operation>& operation);
+    void look_up(look_up_operation& operation);
+    void notify(notify_operation& operation);
     void stop(notify_operation& operation);
 
     /// Answers a notification.
@@ -97,8 +95,7 @@ private:
     int take_notification(subscription& target, ubus_request_data& request, const char* method,
                           blob_attr* msg);
     void take_message(blob_attr* data);
-    void complete(const std::shared_ptr<notify_operation>& operation,
-                  const std::error_code& outcome);
+    void complete(notify_operation& operation, const std::error_code& outcome);
 
     /// The records of the present connection. There must be one.
     bus_records& records();
@@ -111,14 +108,14 @@ private:
     std::error_code find(const std::string& pattern, const found_handler& found);
     std::error_code find_one(const std::string& path, std::uint32_t& id);
     std::error_code restore_presence(presence_watch& watch);
-    std::error_code start_notify(const std::shared_ptr<notify_operation>& operation);
+    std::error_code start_notify(notify_operation& operation);
     std::shared_ptr<ubus_object_ctx> published(const std::string& name) const;
 
     void restore(listener& operation);
     void restore(presence_watch& operation);
     void restore(subscription& operation);
     void restore(message_watch& operation);
-    void restore(const std::shared_ptr<wait_operation>& operation);
+    void restore(wait_operation& operation);
     void subscribe(subscription& operation, std::uint32_t id);
     void follow_up();
     void request_follow_up() noexcept;

@@ -4,6 +4,7 @@
 #include "client/loop_side.h"
 
 #include "blob/message_size.h"
+#include "counted.h"
 #include "tarn/error.h"
 
 #include <new>
@@ -24,7 +25,7 @@ constexpr std::size_t most_unpaced = 32;
 
 } // namespace
 
-void loop_side::invoke_sync(const std::shared_ptr<invoke_ctx>& call) {
+void loop_side::invoke_sync(invoke_ctx& call) {
     assert_loop_side();
     std::error_code status;
     try {
@@ -32,11 +33,11 @@ void loop_side::invoke_sync(const std::shared_ptr<invoke_ctx>& call) {
     } catch (const std::bad_alloc&) {
         status = error::msg::no_memory;
     }
-    call->args.clear();
+    call.args.clear();
     if (status) {
-        call->native().priv = nullptr;
-        call->outcome = status;
-        bridge_.post_from_uloop(call->done_task, call);
+        call.native().priv = nullptr;
+        call.outcome = status;
+        bridge_.post_from_uloop(call.done_task);
     } else if (++sent_unread_ >= most_unread) {
         take_in();
     }
@@ -68,25 +69,25 @@ std::error_code loop_side::look_up(ubus_context* bus, const std::string& path, s
     return {};
 }
 
-std::error_code loop_side::start_request(const std::shared_ptr<invoke_ctx>& call) {
+std::error_code loop_side::start_request(invoke_ctx& call) {
     ubus_context* const bus = usable_bus();
     if (bus == nullptr) {
         return error::msg::connection_failed;
     }
-    const std::string& path = call->path;
-    const std::string& method = call->method;
+    const std::string& path = call.path;
+    const std::string& method = call.method;
     // libubus would send the look-up of such a path, and the daemon drop the connection.
     if (message_size::lookup(path.size()) > message_size::limit ||
         message_size::call(method.size(), 0) > message_size::call_limit) {
         return error::msg::invalid_argument;
     }
-    std::uint32_t id = call->object;
+    std::uint32_t id = call.object;
     if (const std::error_code status = id == 0 ? look_up(bus, path, id) : std::error_code()) {
         return status;
     }
     blob::buf buffer;
     try {
-        buffer.assign(call->args);
+        buffer.assign(call.args);
     } catch (const std::bad_alloc&) {
         throw;
     } catch (const std::exception&) {
@@ -101,16 +102,16 @@ std::error_code loop_side::start_request(const std::shared_ptr<invoke_ctx>& call
     }
     before_write();
     // The entry comes first: once libubus works on the request nothing may fail any more.
-    if (!connection_->requests.insert(*bus, id, call)) {
+    if (!connection_->requests.insert(*bus, id, self_of<bus_request>(call))) {
         return error::msg::no_memory;
     }
-    call->carried_by = connection_->id;
+    call.carried_by = connection_->id;
     app_.counts().bytes_sent.add(blob_len(buffer.native()->head));
-    ubus_request& request = call->native();
+    ubus_request& request = call.native();
     const std::error_code started = client_impl::to_msg_error(
         ubus_invoke_async_fd(bus, id, method.c_str(), buffer.native()->head, &request, -1));
     if (started) {
-        connection_->requests.erase(*call);
+        connection_->requests.erase(call);
         return usable_bus() == bus ? started : error::msg::connection_failed;
     }
     // Only now: starting the request has initialised the record.
@@ -127,7 +128,7 @@ void loop_side::on_data(ubus_request& request, blob_attr* msg) {
     if (!record) {
         return;
     }
-    const auto call = std::static_pointer_cast<invoke_ctx>(record);
+    auto& call = static_cast<invoke_ctx&>(*record);
     app_.counts().bytes_received.add(msg ? blob_len(msg) : 0);
     // A reply that cannot be decoded counts as an empty one.
     std::error_code status;
@@ -139,11 +140,11 @@ void loop_side::on_data(ubus_request& request, blob_attr* msg) {
     } catch (const std::exception&) {
         status = error::msg::parse_error;
     }
-    if (!call->status) {
-        call->status = status;
+    if (!call.status) {
+        call.status = status;
     }
     memory_reserve& reserve = bridge_.reserve();
-    if (!call->tells_each) {
+    if (!call.tells_each) {
         std::list<blob::attr> reply;
         reserve.cover([&] {
             if (reply.empty()) {
@@ -152,17 +153,17 @@ void loop_side::on_data(ubus_request& request, blob_attr* msg) {
             // Takes the table only when there is memory to hold it.
             reply.front().set<std::multimap<std::string, blob::attr>>(std::move(table));
         });
-        call->replies.splice(call->replies.end(), reply);
+        call.replies.splice(call.replies.end(), reply);
         return;
     }
-    std::shared_ptr<reply_task> told;
+    std::shared_ptr<one_reply> told;
     reserve.cover([&] {
         if (!told) {
-            told = std::make_shared<reply_task>(app_, call);
+            told = make_counted<one_reply>(app_, self_of(call));
         }
-        told->reply.set<std::multimap<std::string, blob::attr>>(std::move(table));
+        told->value.set<std::multimap<std::string, blob::attr>>(std::move(table));
     });
-    bridge_.post_from_uloop(*told, told);
+    bridge_.post_from_uloop(told->tell_task);
     if (request.ctx->stack_depth > 0) {
         bridge_.flush();
     }
@@ -182,13 +183,13 @@ void loop_side::on_done(ubus_request& request, int status) {
         request.priv = nullptr;
         return;
     }
-    const auto call = std::static_pointer_cast<invoke_ctx>(record);
-    connection_->requests.erase(*call);
-    call->outcome = completion;
+    auto& call = static_cast<invoke_ctx&>(*record);
+    connection_->requests.erase(call);
+    call.outcome = completion;
     // Inside a synchronous request, which may still wait for a daemon that has stopped, nothing
     // waits for the end of the burst.
     const bool waiting = request.ctx->stack_depth > 0;
-    bridge_.post_from_uloop(call->done_task, call);
+    bridge_.post_from_uloop(call.done_task);
     if (waiting) {
         bridge_.flush();
     }

@@ -7,6 +7,7 @@
 #include "client/loop_side.h"
 #include "uloop/default_signals.h"
 
+#include <cstdlib>
 #include <poll.h>
 #include <sys/socket.h>
 #include <utility>
@@ -21,6 +22,25 @@ constexpr std::chrono::milliseconds delivery_limit{500};
 
 /// How often caught_up_bus() reads: more than what a socket and the daemon's queue behind it hold.
 constexpr int most_turns = 100;
+
+/// Leaves the allocator of this thread, for the life of the object, no pages that it has already
+/// got from the kernel. libubus allocates a buffer of 64 KiB when it connects, and wants it
+/// cleared. Pages that are new need not be: then as much of the buffer takes memory as messages
+/// ever use. glibc gets 132 KiB in advance for a thread and clears what it hands out of those.
+class new_pages {
+public:
+    new_pages()
+        : taken_(std::malloc(advance)) {}
+    ~new_pages() { std::free(taken_); }
+    new_pages(const new_pages&) = delete;
+    new_pages& operator=(const new_pages&) = delete;
+
+private:
+    /// Less than what glibc maps on its own.
+    static constexpr std::size_t advance = 127 * 1024;
+
+    void* volatile taken_; // else a compiler may see that it is not used
+};
 
 bool is_ready(const ubus_context& bus, short events) {
     pollfd socket{bus.sock.fd, events, 0};
@@ -48,15 +68,16 @@ void loop_side::run_batch() {
     });
 }
 
-void loop_side::connect_sync(const std::shared_ptr<connection_ctx>& attempt) {
+void loop_side::connect_sync(connection_ctx& attempt) {
     assert_loop_side();
     bridge_.flush(); // nothing that has arrived waits for a daemon that may not answer
     release_bus();
     {
         const misc::default_signals kept; // connecting initialises libubox's loop once more
+        const new_pages for_buffer;
         bus_.reset(ubus_connect(nullptr));
     }
-    connection_ = attempt;
+    connection_ = self_of(attempt);
     lookups_.clear();
     if (bus_) {
         watch_bus();
@@ -66,8 +87,8 @@ void loop_side::connect_sync(const std::shared_ptr<connection_ctx>& attempt) {
         bus_side_.restore();
         restoring_ = false;
     }
-    attempt->connected = bus_ != nullptr;
-    bridge_.post_from_uloop(attempt->result_task, attempt);
+    attempt.connected = bus_ != nullptr;
+    bridge_.post_from_uloop(attempt.result_task);
 }
 
 /// Has libubox's loop watch the connection. What libubus calls back during one turn of the socket
@@ -106,9 +127,9 @@ void loop_side::on_pending_messages(uloop_timeout* timer) {
     });
 }
 
-void loop_side::disconnect_sync(const std::shared_ptr<connection_ctx>& ending) {
+void loop_side::disconnect_sync(connection_ctx& ending) {
     assert_loop_side();
-    if (connection_ == ending) {
+    if (connection_.get() == &ending) {
         release_bus();
         lookups_.clear();
         connection_.reset();
@@ -117,7 +138,7 @@ void loop_side::disconnect_sync(const std::shared_ptr<connection_ctx>& ending) {
     // Passed on with the requests and objects, not just their addresses: while the report is under
     // way no newer one can be allocated at the same address. Nothing is aborted or removed through
     // libubus, whose connection is gone.
-    bridge_.post_from_uloop(ending->end_task, ending);
+    bridge_.post_from_uloop(ending.end_task);
 }
 
 void loop_side::release_bus() {
@@ -150,9 +171,9 @@ void loop_side::on_connection_lost(ubus_context* context) {
     lost_bus_ = std::move(bus_);
     lookups_.clear();
     bus_side_.on_end();
-    bridge_.post_within(connection_->free_lost_task, connection_);
+    bridge_.post_within(connection_->free_lost_task);
     if (!restoring_) {
-        bridge_.post_from_uloop(connection_->loss_task, connection_);
+        bridge_.post_from_uloop(connection_->loss_task);
     }
 }
 

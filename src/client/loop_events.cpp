@@ -10,6 +10,7 @@
 
 #include "blob/message_size.h"
 #include "client/bus_name.h"
+#include "counted.h"
 #include "tarn/error.h"
 
 #include <new>
@@ -117,7 +118,7 @@ void loop_bus::take_event(const char* id, blob_attr* msg) {
     counters& counts = app_.counts();
     counts.events_received.add();
     counts.bytes_received.add(msg ? blob_len(msg) : 0);
-    auto received = std::make_shared<event>();
+    auto received = make_counted<event>();
     received->id = id;
     try {
         received->data = blob::utils::to_table(msg);
@@ -258,17 +259,20 @@ std::vector<bus::method_info> methods_of(blob_attr* signature) {
 
 } // namespace
 
-void loop_bus::look_up(const std::shared_ptr<look_up_operation>& operation) {
+void loop_bus::look_up(look_up_operation& operation) {
     assert_loop_side();
     try {
-        operation->outcome = find(operation->pattern, [&](const ubus_object_data& object) {
-            operation->found.push_back({object.path, object.id, object.type_id, {}});
-            operation->found.back().methods = methods_of(object.signature);
+        operation.outcome = find(operation.pattern, [&](const ubus_object_data& object) {
+            bus::object_info& found = operation.found.emplace_back();
+            found.path = object.path;
+            found.id = object.id;
+            found.type_id = object.type_id;
+            found.methods = methods_of(object.signature);
         });
     } catch (const std::bad_alloc&) {
-        operation->outcome = error::msg::no_memory;
+        operation.outcome = error::msg::no_memory;
     }
-    bridge_.post_from_uloop(operation->done_task, operation);
+    bridge_.post_from_uloop(operation.done_task);
 }
 
 } // namespace tarn

@@ -6,6 +6,7 @@
 #include "client/loop_bus.h"
 #include "client/loop_side.h"
 
+#include "counted.h"
 #include "tarn/error.h"
 
 #include <array>
@@ -127,7 +128,7 @@ void loop_bus::take_message(blob_attr* data) {
             return;
         }
     }
-    const auto passed = std::make_shared<bus::message>();
+    const auto passed = make_counted<bus::message>();
     passed->client = blob_get_u32(fields[UBUS_MONITOR_CLIENT]);
     passed->peer = blob_get_u32(fields[UBUS_MONITOR_PEER]);
     passed->seq = static_cast<std::uint16_t>(blob_get_u32(fields[UBUS_MONITOR_SEQ]));

@@ -34,7 +34,7 @@ std::shared_ptr<ubus_object_ctx> loop_bus::published(const std::string& name) co
     return nullptr;
 }
 
-void loop_bus::notify(const std::shared_ptr<notify_operation>& operation) {
+void loop_bus::notify(notify_operation& operation) {
     assert_loop_side();
     std::error_code status;
     try {
@@ -42,37 +42,36 @@ void loop_bus::notify(const std::shared_ptr<notify_operation>& operation) {
     } catch (const std::bad_alloc&) {
         status = error::msg::no_memory;
     }
-    operation->data.clear();
-    if (status || !operation->awaits_answers) {
+    operation.data.clear();
+    if (status || !operation.awaits_answers) {
         complete(operation, status);
     }
 }
 
-void loop_bus::complete(const std::shared_ptr<notify_operation>& operation,
-                        const std::error_code& outcome) {
-    operation->outcome = outcome;
-    bridge_.post_from_uloop(operation->done_task, operation);
+void loop_bus::complete(notify_operation& operation, const std::error_code& outcome) {
+    operation.outcome = outcome;
+    bridge_.post_from_uloop(operation.done_task);
 }
 
-std::error_code loop_bus::start_notify(const std::shared_ptr<notify_operation>& operation) {
+std::error_code loop_bus::start_notify(notify_operation& operation) {
     ubus_context* const bus = loop_.usable_bus();
     if (bus == nullptr) {
         return error::msg::connection_failed;
     }
-    const auto object = published(operation->name);
+    const auto object = published(operation.name);
     if (!object) {
         return error::msg::not_found;
     }
     blob::buf buffer;
     try {
-        buffer.assign(operation->data);
+        buffer.assign(operation.data);
     } catch (const std::bad_alloc&) {
         throw;
     } catch (const std::exception&) {
         return buffer.overflowed() ? error::msg::invalid_argument : error::msg::parse_error;
     }
     blob_attr* const data = buffer.native()->head;
-    const std::string& method = operation->method;
+    const std::string& method = operation.method;
     // The daemon adds the sender's user and group, as to a call.
     if (message_size::call(method.size(), blob_len(data)) + message_size::number >
         message_size::call_limit) {
@@ -81,21 +80,21 @@ std::error_code loop_bus::start_notify(const std::shared_ptr<notify_operation>& 
     loop_.before_write();
     app_.counts().notifications_sent.add();
     app_.counts().bytes_sent.add(blob_len(data));
-    if (!operation->awaits_answers) {
+    if (!operation.awaits_answers) {
         constexpr int no_answers = -1;
         const int sent = ubus_notify(bus, &object->object, method.c_str(), data, no_answers);
         return loop_.usable_bus() == bus ? client_impl::to_msg_error(sent)
                                          : make_error_code(error::msg::connection_failed);
     }
     request_table& requests = loop_.connection()->requests;
-    if (!requests.insert(*bus, all_notifications, operation)) {
+    if (!requests.insert(*bus, all_notifications, self_of<bus_request>(operation))) {
         return error::msg::no_memory;
     }
-    operation->carried_by = loop_.connection()->id;
-    ubus_notify_request& request = operation->request.native;
+    operation.carried_by = loop_.connection()->id;
+    ubus_notify_request& request = operation.request.native;
     const int started = ubus_notify_async(bus, &object->object, method.c_str(), data, &request);
     if (started != 0) {
-        requests.erase(*operation);
+        requests.erase(operation);
         return loop_.usable_bus() == bus ? client_impl::to_msg_error(started)
                                          : make_error_code(error::msg::connection_failed);
     }
@@ -164,10 +163,10 @@ void loop_bus::on_notify_done(ubus_notify_request* request, int /*index*/, int /
             request->req.priv = nullptr;
             return;
         }
-        const auto kept = std::static_pointer_cast<notify_operation>(operation.shared_from_this());
+        const auto kept = self_of(operation);
         if (self.loop_.connection() && self.loop_.connection()->requests.erase(operation)) {
             const bool waiting = request->req.ctx->stack_depth > 0;
-            self.complete(kept, error::msg::success);
+            self.complete(operation, error::msg::success);
             if (waiting) {
                 self.bridge_.flush();
             }

@@ -4,6 +4,7 @@
 #include "client/loop_side.h"
 
 #include "blob/message_size.h"
+#include "counted.h"
 #include "tarn/error.h"
 
 #include <new>
@@ -19,18 +20,18 @@ constexpr int answer_method_not_found = 3; // UBUS_STATUS_METHOD_NOT_FOUND
 
 } // namespace
 
-void loop_side::add_object_sync(const std::shared_ptr<object_operation>& addition) {
+void loop_side::add_object_sync(object_operation& addition) {
     assert_loop_side();
     lookups_.clear(); // they may name what is about to change
-    addition->status = error::msg::connection_failed;
+    addition.status = error::msg::connection_failed;
     if (ubus_context* const bus = caught_up_bus()) {
         try {
-            addition->status = register_object(bus, addition->records);
+            addition.status = register_object(bus, addition.records);
         } catch (const std::bad_alloc&) {
-            addition->status = error::msg::no_memory;
+            addition.status = error::msg::no_memory;
         }
     }
-    bridge_.post_from_uloop(addition->done_task, addition);
+    bridge_.post_from_uloop(addition.done_task);
 }
 
 std::error_code loop_side::register_object(ubus_context* bus,
@@ -41,7 +42,7 @@ std::error_code loop_side::register_object(ubus_context* bus,
         return error::msg::invalid_argument; // a policy type that no field can have
     }
     // The daemon drops a client that sends more, and libubus does not check.
-    if (message_size::publication(records->name, records->method_policies) > message_size::limit) {
+    if (message_size::publication(records->name, records->described) > message_size::limit) {
         return error::msg::invalid_argument;
     }
     records->object.subscribe_cb = &loop_bus::subscribers_changed;
@@ -70,15 +71,15 @@ std::error_code loop_side::register_object(ubus_context* bus,
     return status;
 }
 
-void loop_side::del_object_sync(const std::shared_ptr<object_operation>& removal) {
+void loop_side::del_object_sync(object_operation& removal) {
     assert_loop_side();
     lookups_.clear(); // they may name what is about to change
     try {
-        removal->status = unregister_object(removal->records, removal->stop_serving);
+        removal.status = unregister_object(removal.records, removal.stop_serving);
     } catch (const std::bad_alloc&) {
-        removal->status = error::msg::no_memory;
+        removal.status = error::msg::no_memory;
     }
-    bridge_.post_from_uloop(removal->done_task, removal);
+    bridge_.post_from_uloop(removal.done_task);
 }
 
 std::error_code loop_side::unregister_object(const std::shared_ptr<ubus_object_ctx>& records,
@@ -148,15 +149,15 @@ int loop_side::accept_call(ubus_object* object, ubus_request_data& request, cons
         return answer_not_found;
     }
     const std::shared_ptr<ubus_object_ctx>& records = published->second;
-    const auto found = records->method_policies.find(method);
-    if (found == records->method_policies.end()) {
+    const std::size_t found = records->find(method);
+    if (found == records->described.size()) {
         return answer_method_not_found;
     }
     app_.counts().bytes_received.add(msg ? blob_len(msg) : 0);
     std::shared_ptr<served_call> call;
     try {
-        const client::method_policy& policy = found->second;
-        call = make_call(request, found->first, records);
+        const client::method_policy& policy = records->described[found].second;
+        call = make_call(request, found, records);
         call->args =
             policy.empty() ? blob::utils::to_table(msg) : blob::utils::to_table(msg, policy);
         records->note_call(call);
@@ -164,52 +165,52 @@ int loop_side::accept_call(ubus_object* object, ubus_request_data& request, cons
         // Or out of memory, which looks alike.
         return client_impl::to_ubus_msg_status(error::msg::parse_error);
     }
-    bridge_.post_from_uloop(call->dispatch_task, call);
+    bridge_.post_from_uloop(call->dispatch_task);
     // Last, so that a call that could not be passed on is answered with the error.
     request.deferred = true;
     return 0;
 }
 
 std::shared_ptr<served_call> loop_side::make_call(const ubus_request_data& request,
-                                                  const std::string& method,
+                                                  std::size_t method,
                                                   const std::shared_ptr<ubus_object_ctx>& records) {
-    return std::make_shared<served_call>(app_, *this, connection_->id, request, method, records);
+    return make_counted<served_call>(app_, *this, connection_->id, request, method, records);
 }
 
-void loop_side::send_sync(const std::shared_ptr<send_operation>& sending) {
+void loop_side::send_sync(send_operation& sending) {
     assert_loop_side();
     ubus_context* const bus = usable_bus();
-    const served_call& call = *sending->call;
+    const served_call& call = *sending.call;
     if (bus == nullptr || !carries(call.connection)) {
         // Not reported, but the handler must still be released.
-        sending->unreported = true;
-        bridge_.post_from_uloop(sending->done_task, sending);
+        sending.unreported = true;
+        bridge_.post_from_uloop(sending.done_task);
         return;
     }
     before_write();
     try {
-        blob::buf buffer(sending->data);
+        blob::buf buffer(sending.data);
         app_.counts().bytes_sent.add(blob_len(buffer.native()->head));
         // libubus does not check, and the daemon would drop the whole connection.
-        sending->status =
+        sending.status =
             message_size::reply(blob_len(buffer.native()->head)) > message_size::limit
                 ? make_error_code(error::msg::invalid_argument)
                 : client_impl::to_msg_error(ubus_send_reply(
                       bus, const_cast<ubus_request_data*>(&call.request), buffer.native()->head));
     } catch (const std::bad_alloc&) {
-        sending->status = error::msg::no_memory;
+        sending.status = error::msg::no_memory;
     } catch (const std::logic_error&) {
-        sending->status = error::msg::parse_error; // a value that has no encoding
+        sending.status = error::msg::parse_error; // a value that has no encoding
     } catch (const std::exception&) {
-        sending->status = error::msg::invalid_argument; // more than a message buffer can hold
+        sending.status = error::msg::invalid_argument; // more than a message buffer can hold
     }
     end_unwritable_bus();
-    if (!sending->status) {
+    if (!sending.status) {
         app_.counts().replies_sent.add();
     }
-    sending->data.clear();
-    if (sending->active()) {
-        bridge_.post_from_uloop(sending->done_task, sending);
+    sending.data.clear();
+    if (sending.active()) {
+        bridge_.post_from_uloop(sending.done_task);
     }
 }
 

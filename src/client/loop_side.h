@@ -36,21 +36,21 @@ public:
 
     // --- loop_connection.cpp ---
 
-    void connect_sync(const std::shared_ptr<connection_ctx>& attempt);
-    void disconnect_sync(const std::shared_ptr<connection_ctx>& ending);
+    void connect_sync(connection_ctx& attempt);
+    void disconnect_sync(connection_ctx& ending);
     void release_bus();
     void free_lost_bus();
 
     // --- loop_calls.cpp ---
 
-    void invoke_sync(const std::shared_ptr<invoke_ctx>& call);
+    void invoke_sync(invoke_ctx& call);
     void abort_sync(invoke_ctx& call);
 
     // --- loop_objects.cpp ---
 
-    void add_object_sync(const std::shared_ptr<object_operation>& addition);
-    void del_object_sync(const std::shared_ptr<object_operation>& removal);
-    void send_sync(const std::shared_ptr<send_operation>& sending);
+    void add_object_sync(object_operation& addition);
+    void del_object_sync(object_operation& removal);
+    void send_sync(send_operation& sending);
     void complete_sync(served_call& call);
 
     // --- what libubus calls; see client_impl ---
@@ -92,7 +92,7 @@ private:
     void take_in();
     void end_unwritable_bus() const;
 
-    std::error_code start_request(const std::shared_ptr<invoke_ctx>& call);
+    std::error_code start_request(invoke_ctx& call);
     std::error_code look_up(ubus_context* bus, const std::string& path, std::uint32_t& id);
     std::error_code register_object(ubus_context* bus,
                                     const std::shared_ptr<ubus_object_ctx>& records);
@@ -101,8 +101,7 @@ private:
     static void refuse_waiting_calls(ubus_context* bus, ubus_object_ctx& records);
     int accept_call(ubus_object* object, ubus_request_data& request, const char* method,
                     blob_attr* msg);
-    std::shared_ptr<served_call> make_call(const ubus_request_data& request,
-                                           const std::string& method,
+    std::shared_ptr<served_call> make_call(const ubus_request_data& request, std::size_t method,
                                            const std::shared_ptr<ubus_object_ctx>& records);
 
     task_bridge& bridge_;

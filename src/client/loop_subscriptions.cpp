@@ -8,6 +8,7 @@
 #include "client/loop_side.h"
 #include "client/served_call.h"
 
+#include "counted.h"
 #include "tarn/error.h"
 
 #include <utility>
@@ -120,13 +121,13 @@ int loop_bus::take_notification(subscription& target, ubus_request_data& request
     int answer = 0;
     if (target.has_handler && target.active()) {
         try {
-            const auto arrived = std::make_shared<notification>();
+            const auto arrived = make_counted<notification>();
             arrived->method = method;
             arrived->args = blob::utils::to_table(msg);
             if (target.answers) {
-                static const std::string no_method;
-                arrived->call = std::make_shared<served_call>(app_, loop_, loop_.connection()->id,
-                                                              request, no_method, nullptr);
+                constexpr std::size_t no_method = 0;
+                arrived->call = make_counted<served_call>(app_, loop_, loop_.connection()->id,
+                                                          request, no_method, nullptr);
             }
             // Before it is passed on, which may answer it.
             request.deferred = target.answers;

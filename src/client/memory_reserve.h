@@ -31,7 +31,7 @@ public:
 
 private:
     using block = std::array<char, 16384>;
-    std::unique_ptr<block> block_ = std::make_unique<block>();
+    std::unique_ptr<block> block_{new block}; // not cleared, so that it takes no pages
 };
 
 } // namespace tarn

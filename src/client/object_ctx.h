@@ -5,11 +5,9 @@
 #include "tarn/client.h"
 
 #include <cstddef>
-#include <functional>
-#include <list>
-#include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace tarn {
@@ -17,8 +15,8 @@ namespace tarn {
 class served_call;
 
 /// The libubus records of one object, kept together so that every pointer passed to libubus stays
-/// valid while the object is registered: names point into the strings and keys below, policy
-/// arrays into a list, whose elements never move. Built on the loop thread, read-only afterwards.
+/// valid while the object is registered: they point into the vectors below, which do not change
+/// after that. Built on the loop thread, read-only afterwards.
 struct ubus_object_ctx {
     /// The method and policy arrays and the records that point to them; all calls go to `handler`.
     /// Throws std::logic_error for a policy type that is no stored type.
@@ -28,9 +26,12 @@ struct ubus_object_ctx {
     ubus_object object{}; ///< its address identifies the object on both sides
     ubus_object_type type{};
     std::vector<ubus_method> methods;
-    std::list<std::vector<blobmsg_policy>> policies;
-    /// Looked up by what libubus passes, without a copy of it.
-    std::map<std::string, client::method_policy, std::less<>> method_policies;
+    std::vector<std::vector<blobmsg_policy>> policies;
+    /// The methods as the application has described them, in the order of their names.
+    std::vector<std::pair<std::string, client::method_policy>> described;
+
+    /// The place of a method in the vectors; their length when there is no such method.
+    std::size_t find(const char* method) const noexcept;
 
     /// Adds a call to `calls`, and forgets settled ones every now and then.
     void note_call(const std::shared_ptr<served_call>& call);
@@ -49,7 +50,7 @@ struct object_ctx {
     bool active = true;    ///< incoming calls are passed to the handlers
     bool removing = false; ///< being removed: invisible to further additions and removals
     const std::string name;
-    std::map<std::string, client::method_handler> handlers;
+    std::vector<client::method_handler> handlers; ///< in the order of the methods
     const std::shared_ptr<ubus_object_ctx> ubus_ctx;
 };
 

@@ -12,9 +12,9 @@ void report::release() {
 
 void object_operation::begin() {
     if (what_ == kind::addition) {
-        loop_.add_object_sync(shared_from_this());
+        loop_.add_object_sync(*this);
     } else {
-        loop_.del_object_sync(shared_from_this());
+        loop_.del_object_sync(*this);
     }
 }
 
@@ -35,7 +35,7 @@ void object_operation::complete_unreported() noexcept {
 }
 
 void send_operation::begin() {
-    loop_.send_sync(shared_from_this());
+    loop_.send_sync(*this);
 }
 
 void send_operation::complete() {

@@ -6,6 +6,7 @@
 #include "client/report.h"
 #include "client/served_call.h"
 #include "client/task.h"
+#include "counted.h"
 
 #include <map>
 #include <memory>
@@ -18,8 +19,7 @@ namespace tarn {
 class loop_side;
 
 /// An addition or a removal, from the application's request to its report.
-class object_operation final : public report,
-                               public std::enable_shared_from_this<object_operation> {
+class object_operation final : public report {
 public:
     enum class kind { addition, removal };
 
@@ -49,7 +49,7 @@ public:
 };
 
 /// A reply that is being sent.
-class send_operation final : public report, public std::enable_shared_from_this<send_operation> {
+class send_operation final : public report {
 public:
     send_operation(app_side& app, loop_side& loop, std::shared_ptr<served_call> answered,
                    std::multimap<std::string, blob::attr>&& reply,

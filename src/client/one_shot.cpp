@@ -25,7 +25,7 @@ void one_shot::complete_unreported() noexcept {
 // --- looking up ---
 
 void look_up_operation::begin() {
-    loop_.look_up(std::static_pointer_cast<look_up_operation>(shared_from_this()));
+    loop_.look_up(*this);
 }
 
 void look_up_operation::tell(const std::error_code& code) {
@@ -51,7 +51,7 @@ bool wait_operation::all_present() const noexcept {
 }
 
 void wait_operation::begin() {
-    loop_.add(std::static_pointer_cast<wait_operation>(shared_from_this()));
+    loop_.add(*this);
 }
 
 void wait_operation::stop() {
@@ -78,7 +78,7 @@ notify_operation::notify_operation(app_side& app, loop_bus& loop, const std::str
 }
 
 void notify_operation::begin() {
-    loop_.notify(std::static_pointer_cast<notify_operation>(shared_from_this()));
+    loop_.notify(*this);
 }
 
 void notify_operation::stop() {
@@ -86,11 +86,14 @@ void notify_operation::stop() {
 }
 
 bus::notify_answer& notify_operation::answer_of(std::uint32_t subscriber) {
-    const auto [entry, added] = answers_.try_emplace(subscriber);
-    if (added) {
-        entry->second.status = error::msg::timeout; // until it answers
+    for (auto& [answering, answer] : answers_) {
+        if (answering == subscriber) {
+            return answer;
+        }
     }
-    return entry->second;
+    bus::notify_answer& added = answers_.emplace_back(subscriber, bus::notify_answer()).second;
+    added.status = error::msg::timeout; // until it answers
+    return added;
 }
 
 void notify_operation::add_reply(std::uint32_t subscriber, blob::attr&& reply) {
@@ -114,8 +117,10 @@ void notify_operation::tell(const std::error_code& code) {
     std::vector<bus::notify_answer> answers;
     if (!code || code == error::msg::timeout) {
         const std::lock_guard<std::mutex> guard(answers_lock_);
+        answers = std::vector<bus::notify_answer>(answers_.size());
+        auto next = answers.begin();
         for (auto& entry : answers_) {
-            answers.push_back(std::move(entry.second));
+            *next++ = std::move(entry.second);
         }
         answers_.clear();
     }

@@ -5,6 +5,7 @@
 #include "client/pending.h"
 #include "client/request_table.h"
 #include "client/task.h"
+#include "counted.h"
 #include "tarn/bus.h"
 #include "tarn/error.h"
 
@@ -23,7 +24,7 @@ class app_side;
 class loop_bus;
 
 /// One operation, from the application's request to its handler. It is its own link.
-class one_shot : public pending, public std::enable_shared_from_this<one_shot> {
+class one_shot : public pending {
 public:
     one_shot(app_side& app, loop_bus& loop)
         : app_(app)
@@ -152,7 +153,8 @@ private:
     bus::completion_handler handler_;
     bus::answers_handler answers_handler_;
     std::mutex answers_lock_;
-    std::map<std::uint32_t, bus::notify_answer> answers_;
+    /// By subscriber, of which libubus distinguishes a few.
+    std::list<std::pair<std::uint32_t, bus::notify_answer>> answers_;
 };
 
 } // namespace tarn

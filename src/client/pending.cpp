@@ -7,13 +7,13 @@
 namespace tarn {
 
 std::shared_ptr<pending> pending::end() noexcept {
-    if (!self_) {
+    if (!kept_) {
         return nullptr;
     }
     previous_->next_ = next_;
     next_->previous_ = previous_;
     listed_ = false;
-    return std::move(self_);
+    return std::move(kept_);
 }
 
 pending_list::pending_list() noexcept {
@@ -29,10 +29,9 @@ bool pending_list::empty() const noexcept {
     return end_.next_ == &end_;
 }
 
-void pending_list::add(std::shared_ptr<pending> entry) noexcept {
-    pending& added = *entry;
-    assert(!added.self_);
-    added.self_ = std::move(entry);
+void pending_list::add(pending& added) noexcept {
+    assert(!added.kept_);
+    added.kept_ = self_of(added);
     added.number_ = ++newest_;
     added.previous_ = end_.previous_;
     added.next_ = &end_;

@@ -1,8 +1,8 @@
 /// What the application waits for, and the links with which it can stop waiting.
 #pragma once
 
+#include "client/own_link.h"
 #include "tarn/client.h"
-#include "tarn/link.h"
 
 #include <atomic>
 #include <cstdint>
@@ -17,7 +17,7 @@ namespace tarn {
 ///
 /// Lists are guarded by the one lock of the application's side, which all functions here and in
 /// pending_list need, except active().
-class pending : public utils::link::impl {
+class pending : public own_link {
 public:
     bool active() const override { return listed_; }
 
@@ -29,7 +29,7 @@ private:
 
     pending* previous_ = nullptr;
     pending* next_ = nullptr;
-    std::shared_ptr<pending> self_; ///< while it is listed
+    std::shared_ptr<pending> kept_; ///< itself, while it is listed
     std::uint64_t number_ = 0;      ///< the order of a list
     std::atomic<bool> listed_{false};
 };
@@ -47,7 +47,7 @@ public:
 
     bool empty() const noexcept;
     /// Appends `entry`, which becomes pending.
-    void add(std::shared_ptr<pending> entry) noexcept;
+    void add(pending& entry) noexcept;
     /// The number of the newest so far. Numbers rise.
     number newest() const noexcept { return newest_; }
     /// Ends the oldest; null when there is none.

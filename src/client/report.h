@@ -8,7 +8,6 @@
 #include <atomic>
 #include <memory>
 #include <system_error>
-#include <tuple>
 #include <utility>
 
 namespace tarn {
@@ -43,30 +42,26 @@ private:
 
 /// An outcome that is known at once, reported by the application's loop. Its link is active until
 /// then.
-template <class Handler, class... Args>
-class known_report final : public task, public utils::link::impl {
+class known_report final : public own_link {
 public:
-    explicit known_report(const Handler& handler, const Args&... args)
+    known_report(const client::completion_handler& handler, const std::error_code& code)
         : handler_(handler)
-        , args_(args...) {}
+        , code_(code) {}
 
-    void run() override {
-        if (const Handler handler = take()) {
-            std::apply(handler, args_);
-        }
-    }
-    void drop() noexcept override { take(); }
     void release() override { take(); }
     bool active() const override { return !taken_; }
 
 private:
-    Handler take() noexcept {
-        return taken_.exchange(true) ? Handler() : std::exchange(handler_, nullptr);
-    }
+    void tell();
+    void drop() noexcept { take(); }
+    client::completion_handler take() noexcept;
 
-    Handler handler_;
+    client::completion_handler handler_;
+    const std::error_code code_;
     std::atomic<bool> taken_{false};
-    const std::tuple<Args...> args_;
+
+public:
+    droppable_task<known_report, &known_report::tell, &known_report::drop> done_task{*this};
 };
 
 } // namespace tarn

@@ -78,7 +78,7 @@ public:
 private:
     /// Numbers follow one another, so the buckets fill evenly. Their number is fixed, since a table
     /// that grows would keep its room after a burst of calls.
-    using buckets = std::array<bus_request*, 1024>;
+    using buckets = std::array<bus_request*, 256>;
 
     bus_request*& bucket(std::uint64_t number) noexcept {
         return by_number_[number % by_number_.size()];

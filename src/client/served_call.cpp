@@ -9,7 +9,7 @@
 namespace tarn {
 
 served_call::served_call(app_side& app, loop_side& loop, connection_id carried_by,
-                         const ubus_request_data& deferred, const std::string& called,
+                         const ubus_request_data& deferred, std::size_t called,
                          std::shared_ptr<ubus_object_ctx> object)
     : connection(carried_by)
     , request(deferred)
@@ -24,7 +24,7 @@ served_call::served_call(app_side& app, loop_side& loop, connection_id carried_b
 }
 
 void served_call::dispatch() {
-    app_.dispatch_call(shared_from_this());
+    app_.dispatch_call(*this);
 }
 
 void served_call::dispatch_unreported() noexcept {

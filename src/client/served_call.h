@@ -4,11 +4,12 @@
 #include "bus.h"
 #include "client/identity.h"
 #include "client/task.h"
+#include "counted.h"
 #include "tarn/client.h"
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
-#include <string>
 #include <system_error>
 
 namespace tarn {
@@ -22,15 +23,15 @@ struct ubus_object_ctx;
 ///
 /// The side that settles it decides its answer: the application's loop by passing it to a method
 /// handler, or the loop thread by refusing it.
-class served_call final : public std::enable_shared_from_this<served_call> {
+class served_call final : public self_counted {
 public:
     served_call(app_side& app, loop_side& loop, connection_id carried_by,
-                const ubus_request_data& deferred, const std::string& called,
+                const ubus_request_data& deferred, std::size_t called,
                 std::shared_ptr<ubus_object_ctx> object);
 
     const connection_id connection;
     ubus_request_data request; ///< libubus's record of the deferred request
-    const std::string& method; ///< kept by `records`
+    const std::size_t method;  ///< its place in `records`
     const std::shared_ptr<ubus_object_ctx> records;
     std::multimap<std::string, blob::attr> args; ///< until the handler gets them
     std::atomic<bool> settled{false};

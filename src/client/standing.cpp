@@ -5,8 +5,10 @@
 #include "client/counters.h"
 #include "client/handover.h"
 #include "client/loop_bus.h"
+#include "counted.h"
 
 #include <algorithm>
+#include <array>
 #include <new>
 #include <utility>
 
@@ -20,12 +22,15 @@ bool is_item(const standing_report& report) {
 
 } // namespace
 
-standing::standing(app_side& app, loop_bus& loop, const bus::options& how)
+standing::standing(app_side& app, loop_bus& loop, const bus::options& how,
+                   std::shared_ptr<const void> handler, std::shared_ptr<const void> on_change)
     : app_(app)
     , loop_(loop)
     , most_(std::max<std::size_t>(1, how.most_undelivered))
-    , on_dropped_(shared(how.on_dropped))
-    , on_registered_(shared(how.on_registered)) {}
+    , handler_(std::move(handler))
+    , on_change_(std::move(on_change))
+    , on_dropped_(kept(how.on_dropped))
+    , on_registered_(kept(how.on_registered)) {}
 
 standing::~standing() {
     app_.counts().undelivered.subtract(items_);
@@ -36,7 +41,7 @@ void standing::release() {
         return;
     }
     drop();
-    app_.bridge().post_ready(end_task, shared_from_this());
+    app_.bridge().post_ready(end_task);
 }
 
 void standing::drop() noexcept {
@@ -47,13 +52,16 @@ void standing::drop() noexcept {
             discard(report);
         }
     }
-    drop_handlers();
     // Destroyed outside the lock.
-    std::shared_ptr<const bus::dropped_handler> on_dropped;
-    std::shared_ptr<const bus::completion_handler> on_registered;
+    std::array<std::shared_ptr<const void>, 4> dropped;
     const std::lock_guard<std::mutex> guard(lock_);
-    on_dropped.swap(on_dropped_);
-    on_registered.swap(on_registered_);
+    dropped = {std::move(handler_), std::move(on_change_), std::move(on_dropped_),
+               std::move(on_registered_)};
+}
+
+std::shared_ptr<const void> standing::guarded(const std::shared_ptr<const void>& handler) const {
+    const std::lock_guard<std::mutex> guard(lock_);
+    return handler;
 }
 
 standing::queue standing::take_all() noexcept {
@@ -119,7 +127,7 @@ void standing::push(standing_report report) {
     }
     handover();
     if (posting) {
-        app_.bridge().post_due_from_uloop(deliver_task, shared_from_this());
+        app_.bridge().post_due_from_uloop(deliver_task);
     }
 }
 
@@ -143,8 +151,8 @@ void standing::deliver_all() {
 
 bool standing::deliver_next() {
     std::uint64_t missed = 0;
-    std::shared_ptr<const bus::dropped_handler> on_dropped;
-    std::shared_ptr<const bus::completion_handler> on_registered;
+    std::shared_ptr<const void> on_dropped;
+    std::shared_ptr<const void> on_registered;
     const life_id life = app_.bridge().life();
     if (life == life_id::none) {
         return false;
@@ -156,7 +164,7 @@ bool standing::deliver_next() {
         on_registered = on_registered_;
     }
     if (missed != 0 && on_dropped) {
-        (*on_dropped)(missed);
+        (*static_cast<const bus::dropped_handler*>(on_dropped.get()))(missed);
     }
     queue next;
     {
@@ -174,7 +182,7 @@ bool standing::deliver_next() {
     const standing_report& report = next.front();
     if (report.what == standing_report::kind::registered) {
         if (on_registered) {
-            (*on_registered)(report.code);
+            (*static_cast<const bus::completion_handler*>(on_registered.get()))(report.code);
         }
     } else if (is_item(report) && report.life != life) {
         app_.counts().dropped.add(); // a cancel() came between
@@ -196,7 +204,7 @@ void standing::put_back() noexcept {
             return;
         }
     }
-    app_.bridge().put_back(deliver_task, shared_from_this());
+    app_.bridge().put_back(deliver_task);
 }
 
 } // namespace tarn

@@ -2,9 +2,10 @@
 #pragma once
 
 #include "client/identity.h"
+#include "client/own_link.h"
 #include "client/task.h"
+#include "counted.h"
 #include "tarn/bus.h"
-#include "tarn/link.h"
 
 #include <atomic>
 #include <cstddef>
@@ -48,9 +49,11 @@ std::shared_ptr<const Handler> shared(const Handler& handler) {
 /// arrived before it are dropped.
 ///
 /// The lock inside guards the queue only; no other is taken with it held.
-class standing : public utils::link::impl, public std::enable_shared_from_this<standing> {
+class standing : public own_link {
 public:
-    standing(app_side& app, loop_bus& loop, const bus::options& how);
+    /// The handlers are what kept() returns.
+    standing(app_side& app, loop_bus& loop, const bus::options& how,
+             std::shared_ptr<const void> handler, std::shared_ptr<const void> on_change = nullptr);
     ~standing() override;
 
     // --- the link, any thread ---
@@ -77,23 +80,30 @@ protected:
     virtual void deliver(const standing_report& report) = 0;
     /// Instead, for an item that is dropped. Any thread.
     virtual void discard(const standing_report& /*item*/) noexcept {}
-    /// Destroys the operation's handlers. Any thread; never while one is copied, see guarded().
-    virtual void drop_handlers() noexcept = 0;
-
-    /// A copy of a handler that release() may destroy at the same time.
+    /// Owns a copy of a handler; null for an empty one.
     template <class Handler>
-    Handler guarded(const Handler& handler) const {
-        const std::lock_guard<std::mutex> guard(lock_);
-        return handler;
+    static std::shared_ptr<const void> kept(const Handler& handler) {
+        return handler ? make_counted<Handler>(handler) : nullptr;
+    }
+
+    /// The handlers, each to be named as what it was passed as: release() may let them go at the
+    /// same time. Null when they are gone, or have never been there.
+    template <class Handler>
+    std::shared_ptr<const Handler> handler() const {
+        return std::static_pointer_cast<const Handler>(guarded(handler_));
+    }
+    template <class Handler>
+    std::shared_ptr<const Handler> change_handler() const {
+        return std::static_pointer_cast<const Handler>(guarded(on_change_));
     }
 
     app_side& app_;
     loop_bus& loop_;
-    mutable std::mutex lock_;
 
 private:
     using queue = std::list<standing_report>;
 
+    std::shared_ptr<const void> guarded(const std::shared_ptr<const void>& handler) const;
     void deliver_all();
     bool deliver_next();
     void put_back() noexcept;
@@ -101,8 +111,11 @@ private:
 
     const std::size_t most_;
     std::atomic<bool> released_{false};
-    std::shared_ptr<const bus::dropped_handler> on_dropped_;
-    std::shared_ptr<const bus::completion_handler> on_registered_;
+    mutable std::mutex lock_;
+    std::shared_ptr<const void> handler_; ///< the operation's own, and its second one
+    std::shared_ptr<const void> on_change_;
+    std::shared_ptr<const void> on_dropped_; ///< those of the options
+    std::shared_ptr<const void> on_registered_;
     queue queue_;
     std::size_t items_ = 0;     ///< in the queue
     std::uint64_t dropped_ = 0; ///< since the application was notified last

@@ -6,6 +6,7 @@
 #include "client/loop_bus.h"
 #include "client/served_call.h"
 #include "client/side.h"
+#include "counted.h"
 #include "tarn/error.h"
 
 #include <utility>
@@ -39,11 +40,11 @@ bool matches(const std::string& pattern, const std::string& name) {
 
 listener::listener(app_side& app, loop_bus& loop, const std::string& events,
                    const bus::event_handler& handler, const bus::options& how)
-    : standing_with(app, loop, handler, how)
+    : standing(app, loop, how, kept(handler))
     , pattern(events) {}
 
 void listener::begin() {
-    loop_.add(std::static_pointer_cast<listener>(shared_from_this()));
+    loop_.add(*this);
 }
 
 void listener::end() {
@@ -55,7 +56,7 @@ void listener::tell(const std::shared_ptr<const event>& received) {
 }
 
 void listener::deliver(const standing_report& report) {
-    if (const auto called = handler()) {
+    if (const auto called = handler<bus::event_handler>()) {
         const auto& received = data_of<event>(report);
         (*called)(received.id, received.data);
     }
@@ -65,11 +66,11 @@ void listener::deliver(const standing_report& report) {
 
 presence_watch::presence_watch(app_side& app, loop_bus& loop, const std::string& paths,
                                const bus::presence_handler& handler, const bus::options& how)
-    : standing_with(app, loop, handler, how)
+    : standing(app, loop, how, kept(handler))
     , pattern(paths) {}
 
 void presence_watch::begin() {
-    loop_.add(std::static_pointer_cast<presence_watch>(shared_from_this()));
+    loop_.add(*this);
 }
 
 void presence_watch::end() {
@@ -78,7 +79,7 @@ void presence_watch::end() {
 
 void presence_watch::appeared(std::uint32_t id, const std::string& path) {
     if (present_.count(id) == 0) {
-        const auto kept = std::make_shared<const std::string>(path);
+        const auto kept = make_counted<std::string>(path);
         present_.emplace(id, kept);
         tell(bus::presence::appeared, id, kept);
     }
@@ -107,7 +108,7 @@ void presence_watch::tell(bus::presence what, std::uint32_t id, const path_ptr& 
 }
 
 void presence_watch::deliver(const standing_report& report) {
-    if (const auto called = handler()) {
+    if (const auto called = handler<bus::presence_handler>()) {
         (*called)(static_cast<bus::presence>(report.state), data_of<std::string>(report),
                   report.id);
     }
@@ -119,15 +120,13 @@ subscription::subscription(app_side& app, loop_bus& loop, const std::string& tar
                            const bus::notification_handler& handler,
                            const bus::subscription_handler& on_change,
                            const bus::subscribe_options& how)
-    : standing(app, loop, how)
+    : standing(app, loop, how, kept(handler), kept(on_change))
     , path(target)
     , has_handler(static_cast<bool>(handler))
-    , answers(how.answers)
-    , handler_(shared(handler))
-    , on_change_(shared(on_change)) {}
+    , answers(how.answers) {}
 
 void subscription::begin() {
-    loop_.add(std::static_pointer_cast<subscription>(shared_from_this()));
+    loop_.add(*this);
 }
 
 void subscription::end() {
@@ -165,7 +164,7 @@ void subscription::tell(const std::shared_ptr<notification>& received) {
 
 void subscription::deliver(const standing_report& report) {
     if (report.what == standing_report::kind::change) {
-        if (const auto called = guarded(on_change_)) {
+        if (const auto called = change_handler<bus::subscription_handler>()) {
             (*called)(static_cast<bus::subscription>(report.state), report.code);
         }
         return;
@@ -175,10 +174,9 @@ void subscription::deliver(const standing_report& report) {
     if (arrived.call) {
         arrived.call->args = std::move(arrived.args);
     }
-    const auto context = arrived.call
-                             ? std::make_shared<exchange_ctx>(app_, arrived.call)
-                             : std::make_shared<exchange_ctx>(app_, std::move(arrived.args));
-    if (const auto called = guarded(handler_)) {
+    const auto context = arrived.call ? make_counted<exchange_ctx>(app_, arrived.call)
+                                      : make_counted<exchange_ctx>(app_, std::move(arrived.args));
+    if (const auto called = handler<bus::notification_handler>()) {
         if (const auto answer = (*called)(arrived.method, context)) {
             context->respond(*answer);
         }
@@ -200,24 +198,15 @@ void subscription::discard(const standing_report& item) noexcept {
     }
 }
 
-void subscription::drop_handlers() noexcept {
-    // Destroyed outside the lock.
-    std::shared_ptr<const bus::notification_handler> handler;
-    std::shared_ptr<const bus::subscription_handler> on_change;
-    const std::lock_guard<std::mutex> guard(lock_);
-    handler.swap(handler_);
-    on_change.swap(on_change_);
-}
-
 // --- subscribers of our own objects ---
 
 subscribers_watch::subscribers_watch(app_side& app, loop_bus& loop, const std::string& object,
                                      const bus::subscribers_handler& handler)
-    : standing_with(app, loop, handler, {})
+    : standing(app, loop, {}, kept(handler))
     , name(object) {}
 
 void subscribers_watch::begin() {
-    loop_.add(std::static_pointer_cast<subscribers_watch>(shared_from_this()));
+    loop_.add(*this);
 }
 
 void subscribers_watch::end() {
@@ -233,15 +222,19 @@ void subscribers_watch::tell(bool has_subscribers) {
 }
 
 void subscribers_watch::deliver(const standing_report& report) {
-    if (const auto called = handler()) {
+    if (const auto called = handler<bus::subscribers_handler>()) {
         (*called)(report.state != 0);
     }
 }
 
 // --- the monitor ---
 
+message_watch::message_watch(app_side& app, loop_bus& loop, const bus::message_handler& handler,
+                             const bus::options& how)
+    : standing(app, loop, how, kept(handler)) {}
+
 void message_watch::begin() {
-    loop_.add(std::static_pointer_cast<message_watch>(shared_from_this()));
+    loop_.add(*this);
 }
 
 void message_watch::end() {
@@ -253,7 +246,7 @@ void message_watch::tell(const std::shared_ptr<const bus::message>& passed) {
 }
 
 void message_watch::deliver(const standing_report& report) {
-    if (const auto called = handler()) {
+    if (const auto called = handler<bus::message_handler>()) {
         (*called)(data_of<bus::message>(report));
     }
 }

@@ -19,33 +19,13 @@ struct subscriber_record;
 /// Whether `name` is `pattern`, or begins with what precedes a `*` at its end.
 bool matches(const std::string& pattern, const std::string& name);
 
-/// The one handler of most kinds.
-template <class Handler>
-class standing_with : public standing {
-public:
-    standing_with(app_side& app, loop_bus& loop, const Handler& handler, const bus::options& how)
-        : standing(app, loop, how)
-        , handler_(std::make_shared<const Handler>(handler)) {}
-
-protected:
-    std::shared_ptr<const Handler> handler() const { return guarded(handler_); }
-    void drop_handlers() noexcept override {
-        std::shared_ptr<const Handler> dropped; // destroyed outside the lock
-        const std::lock_guard<std::mutex> guard(lock_);
-        dropped.swap(handler_);
-    }
-
-private:
-    std::shared_ptr<const Handler> handler_;
-};
-
 /// An event, decoded once for all who listen.
 struct event {
     std::string id;
     bus::table data;
 };
 
-class listener final : public standing_with<bus::event_handler> {
+class listener final : public standing {
 public:
     listener(app_side& app, loop_bus& loop, const std::string& events,
              const bus::event_handler& handler, const bus::options& how);
@@ -61,7 +41,7 @@ private:
 };
 
 /// Follows the objects of a pattern.
-class presence_watch final : public standing_with<bus::presence_handler> {
+class presence_watch final : public standing {
 public:
     presence_watch(app_side& app, loop_bus& loop, const std::string& paths,
                    const bus::presence_handler& handler, const bus::options& how);
@@ -119,14 +99,10 @@ private:
     void end() override;
     void deliver(const standing_report& report) override;
     void discard(const standing_report& item) noexcept override;
-    void drop_handlers() noexcept override;
-
-    std::shared_ptr<const bus::notification_handler> handler_;
-    std::shared_ptr<const bus::subscription_handler> on_change_;
 };
 
 /// Follows whether an object of our own has subscribers.
-class subscribers_watch final : public standing_with<bus::subscribers_handler> {
+class subscribers_watch final : public standing {
 public:
     subscribers_watch(app_side& app, loop_bus& loop, const std::string& object,
                       const bus::subscribers_handler& handler);
@@ -144,9 +120,10 @@ private:
 };
 
 /// Receives the messages that pass the daemon.
-class message_watch final : public standing_with<bus::message_handler> {
+class message_watch final : public standing {
 public:
-    using standing_with::standing_with;
+    message_watch(app_side& app, loop_bus& loop, const bus::message_handler& handler,
+                  const bus::options& how);
 
     void tell(const std::shared_ptr<const bus::message>& passed);
 

@@ -9,9 +9,9 @@ task_queue::~task_queue() {
     while (pop()) {}
 }
 
-void task_queue::push(task& work, std::shared_ptr<void>&& kept) noexcept {
+void task_queue::push(task& work) noexcept {
     assert(!work.kept_ && !work.next_);
-    work.kept_ = std::move(kept);
+    work.kept_ = work.owner_.self();
     if (last_) {
         last_->next_ = &work;
     } else {
@@ -62,7 +62,7 @@ task_queue::entry task_queue::remove(const task& work) noexcept {
         if (next.work == &work) {
             found = std::move(next);
         } else {
-            rest.push(*next.work, std::move(next.kept));
+            rest.push(*next.work);
         }
     }
     swap(rest);

@@ -1,6 +1,8 @@
 /// Work for one of the two threads, and the queues in which it waits.
 #pragma once
 
+#include "counted.h"
+
 #include <cstddef>
 #include <memory>
 #include <utility>
@@ -9,24 +11,38 @@ namespace tarn {
 
 /// A piece of work for one of the two threads. What must not fail for lack of memory is one of
 /// these: it is allocated in advance, mostly as a part of what it works on, and queueing it does
-/// not allocate.
+/// not allocate. While it is queued it keeps its owner alive.
 ///
 /// It may be queued again once it has begun to run, and never while it is queued.
 class task {
 public:
-    task() = default;
+    /// What is done with the tasks of one kind. A constant of functions instead of a class with
+    /// virtual ones, which would come with type information of its own for each kind.
+    struct kind {
+        void (*run)(self_counted& owner);
+        /// Instead of run(), for a task of the application's side behind one that threw: does what
+        /// is owed to others, and calls no handler. May be null.
+        void (*drop)(self_counted& owner) noexcept;
+        bool is_transition; ///< never dropped: the application's loop runs it later
+    };
+
+    /// `owner` is what the functions of `what` are given.
+    task(self_counted& owner, const kind& what) noexcept
+        : owner_(owner)
+        , kind_(what) {}
     task(const task&) = delete;
     task& operator=(const task&) = delete;
 
     /// Does the work. Called at most once for each time that it was queued.
-    virtual void run() = 0;
+    void run() { kind_.run(owner_); }
 
-    /// Instead of run(), for a task of the application's side behind one that threw: does what is
-    /// owed to others, and calls no handler.
-    virtual void drop() noexcept {}
+    void drop() noexcept {
+        if (kind_.drop) {
+            kind_.drop(owner_);
+        }
+    }
 
-    /// Whether it is never dropped: the application's loop runs it later.
-    virtual bool is_transition() const noexcept { return false; }
+    bool is_transition() const noexcept { return kind_.is_transition; }
 
 protected:
     ~task() = default;
@@ -34,6 +50,8 @@ protected:
 private:
     friend class task_queue;
 
+    self_counted& owner_;
+    const kind& kind_;
     task* next_ = nullptr;
     std::shared_ptr<void> kept_;
 };
@@ -43,7 +61,7 @@ class task_queue {
 public:
     struct entry {
         task* work = nullptr;
-        std::shared_ptr<void> kept; ///< what keeps the task alive
+        std::shared_ptr<void> kept; ///< its owner, unless that one is never destroyed
         explicit operator bool() const noexcept { return work != nullptr; }
     };
 
@@ -55,8 +73,7 @@ public:
 
     bool empty() const noexcept { return first_ == nullptr; }
     std::size_t size() const noexcept { return size_; }
-    /// `kept` keeps `work` alive while it is in the queue.
-    void push(task& work, std::shared_ptr<void>&& kept) noexcept;
+    void push(task& work) noexcept;
     /// The oldest; an empty entry when there is none.
     entry pop() noexcept;
     /// Takes all of `other` behind what is here.
@@ -71,57 +88,49 @@ private:
     std::size_t size_ = 0;
 };
 
-/// A task that owns a function, in one block of memory.
-template <class Work>
-class function_task final : public task {
-public:
-    explicit function_task(Work&& work)
-        : work_(std::move(work)) {}
-    void run() override { work_(); }
-
-private:
-    Work work_;
-};
-
-template <class Work>
-std::shared_ptr<function_task<Work>> make_task(Work work) {
-    return std::make_shared<function_task<Work>>(std::move(work));
+/// Calls a member function of an `Owner`.
+template <class Owner, void (Owner::*Run)()>
+void run_part(self_counted& owner) {
+    (static_cast<Owner&>(owner).*Run)();
+}
+template <class Owner, void (Owner::*Drop)() noexcept>
+void drop_part(self_counted& owner) noexcept {
+    (static_cast<Owner&>(owner).*Drop)();
 }
 
-/// A task that is a part of `Owner` and calls its member function `Run`.
+/// A task that is a part of `Owner` and calls its member function `Run`. One of the loop thread,
+/// which drops nothing.
 template <class Owner, void (Owner::*Run)()>
-class part_task : public task {
+class loop_task final : public task {
 public:
-    explicit part_task(Owner& owner)
-        : owner_(owner) {}
-    void run() override { (owner_.*Run)(); }
+    explicit loop_task(Owner& owner) noexcept
+        : task(owner, steps) {}
 
-protected:
-    Owner& owner_;
-    ~part_task() = default;
+private:
+    static constexpr kind steps{&run_part<Owner, Run>, nullptr, false};
 };
 
-/// The same for one that is never dropped.
+/// The same for one of the application's loop that is never dropped.
 template <class Owner, void (Owner::*Run)()>
-class transition_task final : public part_task<Owner, Run> {
+class transition_task final : public task {
 public:
-    using part_task<Owner, Run>::part_task;
-    bool is_transition() const noexcept override { return true; }
+    explicit transition_task(Owner& owner) noexcept
+        : task(owner, steps) {}
+
+private:
+    static constexpr kind steps{&run_part<Owner, Run>, nullptr, true};
 };
 
-/// The same for one that calls `Drop` when it is dropped.
-template <class Owner, void (Owner::*Run)(), void (Owner::*Drop)() noexcept>
-class droppable_task final : public part_task<Owner, Run> {
+/// The same for one that is dropped, and calls `Drop` then.
+template <class Owner, void (Owner::*Run)(), void (Owner::*Drop)() noexcept = nullptr>
+class droppable_task final : public task {
 public:
-    using part_task<Owner, Run>::part_task;
-    void drop() noexcept override { (this->owner_.*Drop)(); }
-};
+    explicit droppable_task(Owner& owner) noexcept
+        : task(owner, steps) {}
 
-/// The same for one of the loop thread, which drops nothing.
-template <class Owner, void (Owner::*Run)()>
-class loop_task final : public part_task<Owner, Run> {
-public:
-    using part_task<Owner, Run>::part_task;
+private:
+    static constexpr kind steps{&run_part<Owner, Run>, Drop ? &drop_part<Owner, Drop> : nullptr,
+                                false};
 };
 
 } // namespace tarn

@@ -58,7 +58,7 @@ bool task_bridge::needs_drain(bool due) noexcept {
     return true;
 }
 
-void task_bridge::post_to_uloop(task& work, std::shared_ptr<void> kept) {
+void task_bridge::post_to_uloop(task& work) {
     life_id asking = life_id::none;
     {
         const std::lock_guard<std::mutex> guard(lock_);
@@ -82,15 +82,15 @@ void task_bridge::post_to_uloop(task& work, std::shared_ptr<void> kept) {
         }
     }
     handover();
-    queue_for_uloop(work, std::move(kept));
+    queue_for_uloop(work);
     handover();
 }
 
-void task_bridge::queue_for_uloop(task& work, std::shared_ptr<void>&& kept) {
+void task_bridge::queue_for_uloop(task& work) {
     {
         const std::lock_guard<std::mutex> guard(lock_);
         const bool woken = !to_uloop_.empty() && !wakeup_owed_;
-        to_uloop_.push(work, std::move(kept));
+        to_uloop_.push(work);
         most_to_uloop_ = std::max<std::uint64_t>(most_to_uloop_, to_uloop_.size());
         if (woken) {
             return;
@@ -111,7 +111,7 @@ void task_bridge::queue_for_uloop(task& work, std::shared_ptr<void>&& kept) {
     }
 }
 
-void task_bridge::post_ready(task& work, std::shared_ptr<void> kept) noexcept {
+void task_bridge::post_ready(task& work) noexcept {
     try {
         {
             const std::lock_guard<std::mutex> guard(lock_);
@@ -119,7 +119,7 @@ void task_bridge::post_ready(task& work, std::shared_ptr<void> kept) noexcept {
                 return;
             }
         }
-        queue_for_uloop(work, std::move(kept));
+        queue_for_uloop(work);
         life_id asking = life_id::none;
         {
             const std::lock_guard<std::mutex> guard(lock_);
@@ -138,23 +138,23 @@ void task_bridge::post_ready(task& work, std::shared_ptr<void> kept) noexcept {
 }
 
 void task_bridge::post_last(task& work) noexcept {
-    post_within(work, nullptr);
+    post_within(work);
 }
 
-void task_bridge::post_within(task& work, std::shared_ptr<void> kept) noexcept {
+void task_bridge::post_within(task& work) noexcept {
     try {
-        queue_for_uloop(work, std::move(kept));
+        queue_for_uloop(work);
     } catch (...) {
         // The loop thread's wake-up is broken, and with it everything.
     }
 }
 
-void task_bridge::schedule_task(task& work, std::shared_ptr<void> kept) {
+void task_bridge::schedule_task(task& work) {
     life_id asking = life_id::none;
     {
         const std::lock_guard<std::mutex> guard(lock_);
         const bool was_empty = queue_.empty();
-        queue_.push(work, std::move(kept));
+        queue_.push(work);
         // Also while delivery waits: the task must not wait with it for a request that may never
         // come.
         if (was_empty || !drain_requested_) {
@@ -178,11 +178,11 @@ void task_bridge::schedule_task(task& work, std::shared_ptr<void> kept) {
     }
 }
 
-void task_bridge::put_back(task& work, std::shared_ptr<void> kept) noexcept {
+void task_bridge::put_back(task& work) noexcept {
     life_id asking = life_id::none;
     {
         const std::lock_guard<std::mutex> guard(lock_);
-        queue_.push(work, std::move(kept));
+        queue_.push(work);
         if (needs_drain(true)) {
             asking = life_;
         }
@@ -255,7 +255,7 @@ void task_bridge::drop_batch() noexcept {
     task_queue transitions;
     while (task_queue::entry next = dropped.pop()) {
         if (next.work->is_transition()) {
-            transitions.push(*next.work, std::move(next.kept));
+            transitions.push(*next.work);
         } else {
             next.work->drop();
         }
@@ -319,16 +319,16 @@ void task_bridge::drop_tasks() noexcept {
     }
 }
 
-void task_bridge::post_from_uloop(task& work, std::shared_ptr<void> kept) {
-    burst_.push(work, std::move(kept));
+void task_bridge::post_from_uloop(task& work) {
+    burst_.push(work);
     if (burst_depth_ == 0) {
         flush();
     }
 }
 
-void task_bridge::post_due_from_uloop(task& work, std::shared_ptr<void> kept) {
+void task_bridge::post_due_from_uloop(task& work) {
     burst_is_due_ = true;
-    post_from_uloop(work, std::move(kept));
+    post_from_uloop(work);
 }
 
 void task_bridge::flush() {

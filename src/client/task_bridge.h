@@ -34,18 +34,18 @@ public:
     /// Runs `work` on the loop thread, after what was posted before. The first one after the start
     /// and after a cancel() lets results reach the application's loop again. Throws when the loop
     /// thread cannot be woken, or the application's loop not be asked; `work` is not queued then.
-    void post_to_uloop(task& work, std::shared_ptr<void> kept);
+    void post_to_uloop(task& work);
     /// The same for work that must be done. When there is no memory to ask the application's loop
     /// for anything, the next request does.
-    void post_ready(task& work, std::shared_ptr<void> kept) noexcept;
+    void post_ready(task& work) noexcept;
 
     /// Runs `work` on the application's loop, never inside this call. Throws when the loop cannot
     /// be asked; `work` is not queued then.
-    void schedule_task(task& work, std::shared_ptr<void> kept);
+    void schedule_task(task& work);
 
     /// The same for a task that runs on the application's loop, or on a thread that cancels, and
     /// has more to do there later.
-    void put_back(task& work, std::shared_ptr<void> kept) noexcept;
+    void put_back(task& work) noexcept;
 
     /// Has the application's loop run `work` if this life lasts until then.
     void post(const std::function<void()>& work);
@@ -82,16 +82,16 @@ public:
     // --- the loop thread ---
 
     /// Runs `work` on the application's loop: with the end of the burst, or at once outside of one.
-    void post_from_uloop(task& work, std::shared_ptr<void> kept);
+    void post_from_uloop(task& work);
     /// The same for what no request of the application has asked for, and none may follow: it does
     /// not wait for the next one, as results do after a cancel().
-    void post_due_from_uloop(task& work, std::shared_ptr<void> kept);
+    void post_due_from_uloop(task& work);
 
     /// Whether results wait for the end of the burst.
     bool holds_results() const noexcept { return !burst_.empty(); }
 
     /// Runs `work` on this thread, when nothing of libubus is on its stack.
-    void post_within(task& work, std::shared_ptr<void> kept) noexcept;
+    void post_within(task& work) noexcept;
 
     /// Delivers what has been posted since the burst began. For a burst that is going to wait.
     void flush();
@@ -120,7 +120,7 @@ public:
     memory_reserve& reserve() noexcept { return reserve_; }
 
 private:
-    void queue_for_uloop(task& work, std::shared_ptr<void>&& kept);
+    void queue_for_uloop(task& work);
     bool needs_drain(bool due) noexcept;
     void post_drain(life_id tied);
     void drop_batch() noexcept;

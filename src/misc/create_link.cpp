@@ -1,6 +1,8 @@
 /// Links whose lifetime is that of an object.
 #include "tarn/link.h"
 
+#include "counted.h"
+
 namespace tarn::misc {
 
 utils::link create_link(const std::shared_ptr<void>& owner, const std::function<void()>& releaser) {
@@ -19,7 +21,7 @@ utils::link create_link(const std::shared_ptr<void>& owner, const std::function<
         const std::function<void()> releaser_;
     };
 
-    return aggregate_adapter<utils::link>(std::make_shared<link_impl>(owner, releaser));
+    return aggregate_adapter<utils::link>(tarn::make_counted<link_impl>(owner, releaser));
 }
 
 } // namespace tarn::misc

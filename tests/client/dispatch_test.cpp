@@ -13,6 +13,21 @@ namespace {
 
 using ::testing::ElementsAre;
 
+/// A task that owns a function.
+class function_task final : public self_counted {
+public:
+    explicit function_task(std::function<void()> function)
+        : work_(std::move(function)) {}
+
+private:
+    void run() { work_(); }
+
+    const std::function<void()> work_;
+
+public:
+    droppable_task<function_task, &function_task::run> work{*this};
+};
+
 class Dispatch : public ::testing::Test {
 protected:
     static const std::shared_ptr<hand_loop>& loop() {
@@ -30,16 +45,16 @@ protected:
     }
 
     static void post_from_uloop(const std::function<void()>& work) {
-        const auto posted = make_task(work);
-        bridge().post_from_uloop(*posted, posted);
+        const auto posted = make_counted<function_task>(work);
+        bridge().post_from_uloop(posted->work);
     }
     static void post_to_uloop(const std::function<void()>& work) {
-        const auto posted = make_task(work);
-        bridge().post_to_uloop(*posted, posted);
+        const auto posted = make_counted<function_task>(work);
+        bridge().post_to_uloop(posted->work);
     }
     static void schedule_task(std::function<void()> work) {
-        const auto posted = make_task(std::move(work));
-        bridge().schedule_task(*posted, posted);
+        const auto posted = make_counted<function_task>(std::move(work));
+        bridge().schedule_task(posted->work);
     }
 };
 

@@ -23,8 +23,8 @@ protected:
     }
 
     std::shared_ptr<operation> add(int number) {
-        auto added = std::make_shared<operation>(number);
-        waiting_.add(added);
+        auto added = make_counted<operation>(number);
+        waiting_.add(*added);
         return added;
     }
 
