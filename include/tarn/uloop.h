@@ -96,32 +96,32 @@ private:
 
     using task_list = std::list<std::function<void()>>;
 
-    uloop();
+    TARN_HIDDEN uloop();
     ~uloop() = default;
 
     // What the client alone uses.
 
     /// Sets the task that post_source() queues.
-    void set_source(std::function<void()>&& source);
+    TARN_HIDDEN void set_source(std::function<void()>&& source);
     /// post() for the source, which is queued once until it runs, and outlives the end of a run in
     /// the queue. Needs no memory.
-    void post_source();
+    TARN_HIDDEN void post_source();
     /// run(), when a run that is under way has been asked to stop and has ended. Calls `started`
     /// when tasks are about to be run.
-    void run_after_others(const std::function<void()>& started);
+    TARN_HIDDEN void run_after_others(const std::function<void()>& started);
     /// Whether a run() is under way on the calling thread.
-    bool runs_here();
+    TARN_HIDDEN bool runs_here();
 
-    void open_wakeup();
-    void close_wakeup() noexcept;
-    void run_opened(const std::function<void()>& started);
-    void run_libubox(const std::function<void()>& started);
-    bool needs_wakeup() const noexcept;
-    void write_wakeup();
-    void wake_up(const std::function<void()>* queued, task_list& refused);
-    void run_batch(task_list& batch);
-    void drop_queue(task_list& dropped) noexcept;
-    void drop_tasks() noexcept;
+    TARN_HIDDEN void open_wakeup();
+    TARN_HIDDEN void close_wakeup() noexcept;
+    TARN_HIDDEN void run_opened(const std::function<void()>& started);
+    TARN_HIDDEN void run_libubox(const std::function<void()>& started);
+    TARN_HIDDEN bool needs_wakeup() const noexcept;
+    TARN_HIDDEN void write_wakeup();
+    TARN_HIDDEN void wake_up(const std::function<void()>* queued, task_list& refused);
+    TARN_HIDDEN void run_batch(task_list& batch);
+    TARN_HIDDEN void drop_queue(task_list& dropped) noexcept;
+    TARN_HIDDEN void drop_tasks() noexcept;
 
     std::exception_ptr pending_exception_;
     const std::string prefix_;

@@ -273,7 +273,7 @@ private:
 
     void* locate(const std::type_index& wanted) const;
 
-    void replace(std::function<void*()>&& value, std::type_index (*type_fn)()) noexcept;
+    TARN_HIDDEN void replace(std::function<void*()>&& value, std::type_index (*type_fn)()) noexcept;
     void store(bool value);
     void store(unsigned char value);
     void store(unsigned short value);
