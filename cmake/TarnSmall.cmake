@@ -10,6 +10,10 @@ option(TARN_LTO "Optimise the shared library as a whole when it is linked (Relea
 function(tarn_make_small library objects archive)
     # Whoever links the static library can leave out what is not used.
     target_compile_options(${objects} PRIVATE -ffunction-sections -fdata-sections)
+    # What -O3 adds is code. A set of flags that somebody has chosen stays as it is.
+    if(CMAKE_CXX_FLAGS_RELEASE STREQUAL "-O3 -DNDEBUG")
+        target_compile_options(${objects} PRIVATE "$<$<CONFIG:Release>:-O2>")
+    endif()
     get_target_property(kind ${library} TYPE)
     if(NOT kind STREQUAL "SHARED_LIBRARY" OR TARN_SANITIZE)
         return() # sanitizers need symbols of their own
