@@ -74,7 +74,7 @@ namespace tarn {
 template <class T, class... Args>
 std::shared_ptr<T> make_counted(Args&&... args) {
     static_assert(alignof(T) <= alignof(std::max_align_t));
-    T* const made = ::new (detail::behind_counter()) T(std::forward<Args>(args)...);
+    T* const made = ::new (detail::behind_counter{}) T(std::forward<Args>(args)...);
     self_counted* self = nullptr;
     if constexpr (std::is_base_of_v<self_counted, T>) {
         self = made;

@@ -95,7 +95,9 @@ void run_part(self_counted& owner) {
 }
 template <class Owner, void (Owner::*Drop)() noexcept>
 void drop_part(self_counted& owner) noexcept {
-    (static_cast<Owner&>(owner).*Drop)();
+    if constexpr (Drop != nullptr) {
+        (static_cast<Owner&>(owner).*Drop)();
+    }
 }
 
 /// A task that is a part of `Owner` and calls its member function `Run`. One of the loop thread,
@@ -129,8 +131,7 @@ public:
         : task(owner, steps) {}
 
 private:
-    static constexpr kind steps{&run_part<Owner, Run>, Drop ? &drop_part<Owner, Drop> : nullptr,
-                                false};
+    static constexpr kind steps{&run_part<Owner, Run>, &drop_part<Owner, Drop>, false};
 };
 
 } // namespace tarn
