@@ -53,6 +53,8 @@ check_loops() {
     if configure_loops refused -DTARN_WANTED=loops_none; then
         fail "a component that does not exist was found"
     fi
+    grep -F 'tarn has no component loops_none; it has ext, loops, ' "$work/$kind/refused.log" ||
+        fail "it is not said which components there are"
     while read -r program component; do
         expect_no_bus "$work/$kind/cmake-loops/$program"
         package=tarn-${component//_/-}
@@ -79,6 +81,48 @@ check_tutorial() {
     ctest --test-dir "$work/$kind/tutorial" --output-on-failure --no-tests=error
 }
 
+# check_directories NAME LIBDIR INCLUDEDIR: what was built, installed into these folders, absolute ones or
+# relative to the prefix. It is found by the CMake package, all components of it, and by pkg-config.
+check_directories() {
+    local name=$1 odd=$work/$kind/$1-prefix libdir=$2 includedir=$3 flags
+    say "$kind: directories $name"
+    cmake -S "$source" -B "$work/$kind/build" -DCMAKE_INSTALL_PREFIX="$odd" \
+        -DCMAKE_INSTALL_LIBDIR="$libdir" -DCMAKE_INSTALL_INCLUDEDIR="$includedir" >/dev/null
+    cmake --install "$work/$kind/build" >/dev/null
+    [[ $libdir == /* ]] || libdir=$odd/$libdir
+    [[ $includedir == /* ]] || includedir=$odd/$includedir
+    [[ -f $includedir/tarn/tarn.h && -f $libdir/cmake/tarn/tarnConfig.cmake ]] ||
+        fail "not installed in $libdir and $includedir"
+    cmake -G Ninja -S "$here/cmake-components" -B "$work/$kind/$name" \
+        -Dtarn_DIR="$libdir/cmake/tarn" -DCMAKE_PREFIX_PATH="$bus_prefix" \
+        -DTARN_WANTED="ext;loops;testing;loops_conformance" >"$work/$kind/$name.log" || {
+        cat "$work/$kind/$name.log"
+        return 1
+    }
+    cmake --build "$work/$kind/$name"
+    "$work/$kind/$name/consumer"
+    flags=$(PKG_CONFIG_PATH=$libdir/pkgconfig $pkg_config --cflags --libs tarn-testing tarn-loops)
+    # Unquoted: a list of options.
+    # shellcheck disable=SC2086
+    g++ -std=c++17 -o "$work/$kind/$name/by-pkg-config" "$here/small.cpp" $flags
+    LD_LIBRARY_PATH="$libdir${LD_LIBRARY_PATH:+:$LD_LIBRARY_PATH}" "$work/$kind/$name/by-pkg-config"
+}
+
+# What each component installs, in a tree of its own.
+check_components() {
+    local tree=$work/$kind/components component
+    say "$kind: install components"
+    for component in runtime development; do
+        cmake --install "$work/$kind/build" --component "$component" --prefix "$tree/$component" \
+            >/dev/null
+        (cd "$tree/$component" && find . ! -type d | sort) >"$tree/$component.txt"
+    done
+    diff -u <(printf '%s\n' ./lib/libtarn.so.0.0 ./lib/libtarn.so.0.0.1) "$tree/runtime.txt" ||
+        fail "the component runtime is not the library and its soname"
+    sort "$tree"/*.txt | diff -u - <(cd "$prefix" && find . ! -type d | sort) ||
+        fail "the components together are not what is installed without a component"
+}
+
 check_kind() {
     local shared pkg_config=pkg-config prefix=$work/$kind/prefix
     [[ $kind == shared ]] && shared=ON || shared=OFF
@@ -86,7 +130,7 @@ check_kind() {
     say "$kind: install"
     cmake -G Ninja -S "$source" -B "$work/$kind/build" -DCMAKE_BUILD_TYPE=Release \
         -DBUILD_SHARED_LIBS=$shared -DTARN_WERROR=ON -DTARN_TESTS=OFF -DTARN_EXAMPLES=OFF \
-        -DCMAKE_INSTALL_LIBDIR=lib "${options[@]}"
+        -DTARN_TOOLS=OFF -DCMAKE_INSTALL_LIBDIR=lib "${options[@]}"
     cmake --build "$work/$kind/build"
     cmake --install "$work/$kind/build" --prefix "$work/$kind/first-prefix"
     # Whatever remembered the prefix would no longer find it.
@@ -126,6 +170,10 @@ check_kind() {
         fail "a program that uses libtarn includes a header of libubox or libubus"
     fi
 
+    [[ $kind == static ]] || check_components
+    check_directories unusual lib/deeper/still include/tarn-0
+    check_directories absolute "$work/$kind/absolute-libraries" "$work/$kind/absolute-headers"
+
     # The adapters are headers, in both kinds the same.
     [[ $kind == static ]] || check_loops
     [[ $kind == static ]] || check_tutorial
@@ -150,6 +198,43 @@ for kind in shared static; do
     mkdir -p "$work/$kind"
     check_kind
 done
+
+say "the tool, and what it needs"
+# configure_tools NAME [cmake option...]: only configured, in the folder NAME.
+configure_tools() {
+    cmake -G Ninja -S "$source" -B "$work/$1" -DTARN_TESTS=OFF -DTARN_LOOPS= "${options[@]}" \
+        "${@:2}" >"$work/$1.log" 2>&1
+}
+has_tool() { cmake --build "$work/$1" --target help | grep -q '^tarn_cli: '; }
+configure_tools tool-alone -DTARN_EXAMPLES=OFF -DTARN_TOOLS=ON || fail "no tool without the examples"
+has_tool tool-alone || fail "a tool that is asked for is left out"
+configure_tools without-json -DCMAKE_DISABLE_FIND_PACKAGE_nlohmann_json=ON ||
+    fail "nothing is built without nlohmann-json"
+grep -F "nlohmann-json (Debian: nlohmann-json3-dev) is not found" "$work/without-json.log" ||
+    fail "it is not said that the tool is left out"
+! has_tool without-json || fail "there is a tool without nlohmann-json"
+if configure_tools tool-refused -DCMAKE_DISABLE_FIND_PACKAGE_nlohmann_json=ON -DTARN_TOOLS=ON; then
+    fail "a tool that is asked for is left out"
+fi
+
+say "in the tree of an application, that chooses the kind of libraries"
+cmake -G Ninja -S "$here/subdirectory" -B "$work/unchosen" -DTARN_SOURCE="$source" \
+    -DTARN_UNCHOSEN=ON "${options[@]}" >"$work/unchosen.log" || {
+    cat "$work/unchosen.log"
+    exit 1
+}
+
+if [[ -n $bus_prefix ]]; then
+    say "pkg-config files of libubus and libubox are named where there are some"
+    mkdir -p "$work/bus-pc"
+    for library in ubus ubox; do
+        printf 'libdir=%s\nName: %s\nDescription: of the bus\nVersion: 1\nLibs: -l%s\n' \
+            "$bus_libraries" "$library" "$library" >"$work/bus-pc/lib$library.pc"
+    done
+    PKG_CONFIG_PATH=$work/bus-pc configure_tools with-bus-pc -DTARN_TOOLS=OFF
+    grep -x 'Requires.private: libubus, libubox' "$work/with-bus-pc/tarn.pc" ||
+        fail "tarn.pc does not require libubus and libubox"
+fi
 
 say "a release that breaks the interface is refused"
 cat >"$work/refuse.cmake" <<'CMAKE'
