@@ -2,7 +2,8 @@
 #   runtime      libtarn.so.N.N.N and its soname
 #   development  public headers, static libraries, the link libtarn.so, a CMake package (find_package(tarn),
 #                with a component for each adapter of a loop) and pkg-config files
-#   tools        the command-line client with its manual page and its completion
+#   tools        the command-line client with its manual page and its completion, and the daemon of the
+#                bundled bus
 # With relative CMAKE_INSTALL_LIBDIR and CMAKE_INSTALL_INCLUDEDIR nothing installed names the folder it
 # was built or installed in, so the tree can be moved.
 include(GNUInstallDirs)
@@ -30,6 +31,12 @@ if(TARGET tarn_cli)
     # bash looks for the name of the command.
     install(FILES "${PROJECT_SOURCE_DIR}/tools/completion/tarn.bash" RENAME tarn
             DESTINATION "${CMAKE_INSTALL_DATADIR}/bash-completion/completions" COMPONENT tools)
+endif()
+if(TARN_TOOLS AND TARN_BUS_FOUND STREQUAL "bundled")
+    # For development where there is no ubus; the test kit finds it in the PATH.
+    install(TARGETS tarn-busd RUNTIME DESTINATION "${CMAKE_INSTALL_BINDIR}" COMPONENT tools)
+    install(FILES "${PROJECT_SOURCE_DIR}/docs/man/tarn-busd.1"
+            DESTINATION "${CMAKE_INSTALL_MANDIR}/man1" COMPONENT tools)
 endif()
 # The adapters are headers: all are installed, whichever libraries this machine has.
 foreach(_tarn_name IN LISTS TARN_LOOP_NAMES)
