@@ -35,6 +35,11 @@ build_packages() {
     tar -C "$work" --sort=name --mtime=@0 --owner=0 --group=0 --numeric-owner \
         -cJf "$work/libtarn_$version.orig.tar.xz" "libtarn-$version"
     cp -R "$tree/packaging/debian" "$tree/debian"
+    # Debhelper has a home of its own, and a compiler cache would be there.
+    if command -v ccache >/dev/null; then
+        CCACHE_DIR=$(ccache -k cache_dir)
+        export CCACHE_DIR
+    fi
     (cd "$tree" && dpkg-buildpackage -us -uc -j"${CMAKE_BUILD_PARALLEL_LEVEL:-2}") \
         >"$work/build.log" 2>&1 || {
         tail -n 30 "$work/build.log" | cut -c1-300

@@ -1,4 +1,4 @@
-/// A program that takes little to compile and needs each library that is installed: headers are
+/// A program that takes little to compile and needs all that is installed: the headers are found, the
 /// libraries linked and loaded.
 #include <tarn/loops/epoll_loop.h>
 #include <tarn/testing/manual_loop.h>
