@@ -7,7 +7,9 @@ namespace {
 
 template <class... S>
 type_fn find(const std::type_index& type, types<S...> /*candidates*/) {
-    for (const type_fn ours : {&type_of<S>...}) {
+    // An array, since g++ 9 deduces no type from a list of templates' addresses.
+    const type_fn all[] = {&type_of<S>...};
+    for (const type_fn ours : all) {
         if (ours() == type) {
             return ours;
         }
