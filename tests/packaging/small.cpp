@@ -1,5 +1,5 @@
-/// A program that takes little to compile and needs all that is installed: the headers are found, the
-/// libraries linked and loaded.
+/// A program that takes little to compile and needs all that is installed: the headers are found,
+/// the libraries linked and loaded.
 #include <tarn/loops/epoll_loop.h>
 #include <tarn/testing/manual_loop.h>
 #include <tarn/version.h>
