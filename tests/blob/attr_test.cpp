@@ -3,6 +3,7 @@
 
 #include "support/expect_throw.h"
 
+#include <algorithm>
 #include <cstdint>
 #include <gtest/gtest.h>
 #include <limits>
@@ -35,7 +36,9 @@ static_assert(std::is_convertible_v<long, attr>);
 static_assert(std::is_nothrow_move_constructible_v<attr>);
 static_assert(std::is_nothrow_move_assignable_v<attr>);
 static_assert(std::is_nothrow_destructible_v<attr>);
-static_assert(sizeof(attr) <= sizeof(std::function<void()>) + sizeof(void*));
+// A callable and a pointer, and the gap that the alignment of the first may leave after the second.
+static_assert(sizeof(attr) <= sizeof(std::function<void()>) +
+                                  std::max(sizeof(void*), alignof(std::function<void()>)));
 
 template <class T, class = void>
 constexpr bool can_get = false;

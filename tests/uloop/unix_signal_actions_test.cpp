@@ -4,6 +4,8 @@
 #include "support/expect_throw.h"
 #include "support/faults.h"
 
+#include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
 #include <gtest/gtest.h>
@@ -172,11 +174,12 @@ TEST_F(UnixSignalActions, DestructionRestoresNothing) {
 TEST_F(UnixSignalActions, AnInvalidSignalThrowsAndThoseBeforeItAreSaved) {
     std::signal(SIGUSR1, first_handler);
     std::signal(SIGUSR2, first_handler);
+    const int no_signal = SIGRTMAX + 1; // how many there are differs between processors
     unix_signal_actions actions;
-    expect_throw_msg<std::runtime_error>(
-        [&actions] { actions.set(SIGUSR1, 99, SIGUSR2); },
-        "unix_signal_actions failed to get old action of signal 99 [22]: " +
-            std::string(std::strerror(EINVAL)));
+    expect_throw_msg<std::runtime_error>([&] { actions.set(SIGUSR1, no_signal, SIGUSR2); },
+                                         "unix_signal_actions failed to get old action of signal " +
+                                             std::to_string(no_signal) +
+                                             " [22]: " + std::strerror(EINVAL));
     std::signal(SIGUSR1, second_handler);
     std::signal(SIGUSR2, second_handler);
     actions.restore();
@@ -185,23 +188,26 @@ TEST_F(UnixSignalActions, AnInvalidSignalThrowsAndThoseBeforeItAreSaved) {
 }
 
 TEST_F(UnixSignalActions, FailingToReadTheCurrentActionEndsTheRestoring) {
+    // Their numbers, and so their order, differ between processors.
+    std::array<int, 3> signals{SIGTERM, SIGINT, SIGUSR1};
     unix_signal_actions actions;
-    actions.set(SIGTERM, SIGINT, SIGUSR1);
-    for (const int signo : {SIGINT, SIGUSR1, SIGTERM}) {
+    actions.set(signals[0], signals[1], signals[2]);
+    std::sort(signals.begin(), signals.end());
+    for (const int signo : signals) {
         std::signal(signo, first_handler);
     }
     {
         const intercept fault(call::sigaction_read, fail_calls(EIO, 1, 1));
         expect_throw_msg<std::runtime_error>(
             [&actions] { actions.restore(); },
-            "unix_signal_actions failed to get new action of signal " + std::to_string(SIGUSR1) +
+            "unix_signal_actions failed to get new action of signal " + std::to_string(signals[1]) +
                 " [5]: " + std::strerror(EIO));
     }
-    EXPECT_EQ(installed(SIGINT), SIG_DFL) << "in the order of the numbers";
-    EXPECT_EQ(installed(SIGUSR1), first_handler);
-    EXPECT_EQ(installed(SIGTERM), first_handler);
+    EXPECT_EQ(installed(signals[0]), SIG_DFL) << "in the order of the numbers";
+    EXPECT_EQ(installed(signals[1]), first_handler);
+    EXPECT_EQ(installed(signals[2]), first_handler);
     actions.restore();
-    EXPECT_EQ(installed(SIGTERM), SIG_DFL);
+    EXPECT_EQ(installed(signals[2]), SIG_DFL);
 }
 
 TEST_F(UnixSignalActions, FailingToPutAnActionBackEndsTheRestoring) {
