@@ -3,4 +3,4 @@
 #                 LINK_OPTIONS ${TARN_FAULT_LINK_OPTIONS})
 set(TARN_FAULT_SOURCES "${CMAKE_CURRENT_LIST_DIR}/faults.cpp")
 set(TARN_FAULT_LINK_OPTIONS socketpair read write sigaction uloop_init uloop_fd_add)
-list(TRANSFORM TARN_FAULT_LINK_OPTIONS PREPEND "-Wl,--wrap=")
+list(TRANSFORM TARN_FAULT_LINK_OPTIONS PREPEND "-Wl,-wrap=")
