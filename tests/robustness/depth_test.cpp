@@ -4,6 +4,7 @@
 
 #include "client/client_fixture.h"
 #include "support/small_stack.h"
+#include "support/stack_use.h"
 
 #include <libubox/blob.h>
 
@@ -11,6 +12,7 @@
 #include <array>
 #include <ctime>
 #include <limits>
+#include <memory>
 
 namespace tarn::test {
 namespace {
@@ -108,6 +110,48 @@ TEST_F(DepthThroughTheClient, ServingACallNeedsNoStack) {
         run_until([&] { return sent.reported(); });
         EXPECT_FALSE(sent.code()) << sent.code().message();
         bus().cancel();
+    });
+}
+
+/// The whole path of a call on stacks that are watched from the first step on: connecting,
+/// encoding, calling, serving, decoding, an answer, the end of the connection.
+class StackOfTheClient : public DepthThroughTheClient {
+protected:
+    void SetUp() override { make_small_stacks_the_default(); }
+
+    /// The other half is for handlers of the application, which run on the same stack.
+    static constexpr std::size_t share = small_stack / 2;
+
+    static void expect_little(const char* thread, const stack_use& stack) {
+        const std::size_t used = stack.used();
+        std::printf("%s: %zu of %zu bytes of stack\n", thread, used, stack.size());
+        EXPECT_GT(used, 0U) << "not measured";
+        EXPECT_LE(used, share) << thread;
+    }
+};
+
+TEST_F(StackOfTheClient, TheDeepestCallLeavesHalfOfTheSmallestFree) {
+    on_small_stack([] {
+        const stack_use here;
+        bus();
+        std::unique_ptr<stack_use> there;
+        on_loop_thread([&] { there = std::make_unique<stack_use>(); });
+        connect_here();
+
+        outcome sent;
+        outcome added;
+        const auto echo = [&](const std::shared_ptr<client::exchange_ctx>& ctx) {
+            ctx->send(std::move(ctx->args), sent.handler());
+            ctx->respond({});
+        };
+        bus().add_object("mirror", {{"echo", {echo, {}}}}, added.handler());
+        run_until([&] { return added.reported(); });
+        ASSERT_FALSE(added.code()) << added.code().message();
+        call("mirror");
+        run_until([&] { return sent.reported(); });
+        bus().cancel();
+        on_loop_thread([&] { expect_little("the library's thread", *there); });
+        expect_little("the application's thread", here);
     });
 }
 
