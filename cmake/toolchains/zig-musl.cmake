@@ -21,7 +21,8 @@ set(CMAKE_CXX_COMPILER_ID_TEST_FLAGS_FIRST -c)
 
 # Its libc++ for MIPS is not position independent, so that no shared library can be linked with it.
 set(BUILD_SHARED_LIBS OFF CACHE BOOL "")
-set(CMAKE_EXE_LINKER_FLAGS_INIT -static)
+# musl gives a thread the size of stack that the program names, or 128 KiB; this linker names 8 MiB.
+set(CMAKE_EXE_LINKER_FLAGS_INIT "-static -Wl,-z,stack-size=131072")
 
 # Headers and libraries of this machine are not the device's. What CMake finds as a package is, when
 # it has been put there on purpose.

@@ -40,8 +40,10 @@ int clock_of_the_kernel(clockid_t clock, timespec* time) {
 
 } // namespace
 
-/// In place of the C library's, for the whole process: the library and the C++ library too.
-extern "C" int clock_gettime(clockid_t clock, timespec* time) noexcept {
+/// In place of the C library's, for the whole process: the library and the C++ library too. Whether
+/// it is declared noexcept differs between C libraries.
+extern "C" int clock_gettime(clockid_t clock,
+                             timespec* time) noexcept(noexcept(::clock_gettime(clock, time))) {
     const int result = clock_of_the_kernel(clock, time);
     if (result == 0 && clock == CLOCK_REALTIME) {
         time->tv_sec += static_cast<time_t>(wall_clock_offset.load());
