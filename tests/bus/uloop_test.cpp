@@ -495,7 +495,7 @@ TEST_F(UloopRun, WithATimeEndsAfterIt) {
     clock_gettime(CLOCK_MONOTONIC, &before);
     EXPECT_EQ(uloop_run_timeout(30), 0);
     clock_gettime(CLOCK_MONOTONIC, &after);
-    const long elapsed =
+    const auto elapsed =
         (after.tv_sec - before.tv_sec) * 1000 + (after.tv_nsec - before.tv_nsec) / 1000000;
     EXPECT_GE(elapsed, 29);
     EXPECT_FALSE(uloop_cancelled);
