@@ -85,6 +85,19 @@ protected:
         ASSERT_EQ(echo.reply().size(), 1U);
         EXPECT_EQ(depth_of(echo.reply().begin()->second), deepest);
     }
+
+    /// An object whose "echo" sends back what it gets; both references are used until it has.
+    static void publish_mirror(outcome& sent, std::size_t& arrived) {
+        outcome added;
+        const auto echo = [&](const std::shared_ptr<client::exchange_ctx>& ctx) {
+            arrived = depth_of(ctx->args.begin()->second);
+            ctx->send(std::move(ctx->args), sent.handler());
+            ctx->respond({});
+        };
+        bus().add_object("mirror", {{"echo", {echo, {}}}}, added.handler());
+        run_until([&] { return added.reported(); });
+        ASSERT_FALSE(added.code()) << added.code().message();
+    }
 };
 
 TEST_F(DepthThroughTheClient, ACallAndItsReplyNeedNoStack) {
@@ -96,15 +109,7 @@ TEST_F(DepthThroughTheClient, ServingACallNeedsNoStack) {
     on_small_stack([] {
         std::size_t arrived = 0;
         outcome sent;
-        outcome added;
-        const auto echo = [&](const std::shared_ptr<client::exchange_ctx>& ctx) {
-            arrived = depth_of(ctx->args.begin()->second);
-            ctx->send(std::move(ctx->args), sent.handler());
-            ctx->respond({});
-        };
-        bus().add_object("mirror", {{"echo", {echo, {}}}}, added.handler());
-        run_until([&] { return added.reported(); });
-        ASSERT_FALSE(added.code()) << added.code().message();
+        publish_mirror(sent, arrived);
         call("mirror");
         EXPECT_EQ(arrived, deepest);
         run_until([&] { return sent.reported(); });
@@ -140,15 +145,9 @@ TEST_F(StackOfTheClient, TheDeepestCallLeavesHalfOfTheSmallestFree) {
         on_loop_thread([&] { there = std::make_unique<stack_use>(); });
         connect_here();
 
+        std::size_t arrived = 0;
         outcome sent;
-        outcome added;
-        const auto echo = [&](const std::shared_ptr<client::exchange_ctx>& ctx) {
-            ctx->send(std::move(ctx->args), sent.handler());
-            ctx->respond({});
-        };
-        bus().add_object("mirror", {{"echo", {echo, {}}}}, added.handler());
-        run_until([&] { return added.reported(); });
-        ASSERT_FALSE(added.code()) << added.code().message();
+        publish_mirror(sent, arrived);
         call("mirror");
         run_until([&] { return sent.reported(); });
         bus().cancel();
