@@ -6,7 +6,7 @@ set -euo pipefail
 compare=$1
 figures=$(mktemp)
 trap 'rm -f -- "$figures"' EXIT
-printf '# a remark\nlibrary-bytes 200000\nforeign-symbols 0\n' >"$figures"
+printf '# a remark\nlibrary-bytes 200000\nforeign-symbols 0\nidle-KiB 200\n' >"$figures"
 
 # expect STATUS MEASURED...: the status for lines of "NAME NUMBER".
 expect() {
@@ -18,10 +18,12 @@ expect() {
     fi
 }
 
-expect 0 "library-bytes 200000" "foreign-symbols 0"
-expect 0 "library-bytes 206000" "foreign-symbols 0"
-expect 0 "library-bytes 100000" "foreign-symbols 0"
-expect 1 "library-bytes 206001" "foreign-symbols 0"
-expect 1 "library-bytes 200000" "foreign-symbols 1"
+expect 0 "library-bytes 200000" "foreign-symbols 0" "idle-KiB 200"
+expect 0 "library-bytes 206000" "foreign-symbols 0" "idle-KiB 200"
+expect 0 "library-bytes 100000" "foreign-symbols 0" "idle-KiB 200"
+expect 1 "library-bytes 206001" "foreign-symbols 0" "idle-KiB 200"
+expect 1 "library-bytes 200000" "foreign-symbols 1" "idle-KiB 200"
 expect 1 "library-bytes 200000"
-expect 1 "library-bytes 200000" "foreign-symbols 0" "unknown 1"
+expect 1 "library-bytes 200000" "foreign-symbols 0" "idle-KiB 200" "unknown 1"
+expect 0 "library-bytes 200000" "foreign-symbols 0" "idle-KiB 220"
+expect 1 "library-bytes 200000" "foreign-symbols 0" "idle-KiB 221"
