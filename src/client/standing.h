@@ -35,12 +35,6 @@ struct standing_report {
     std::shared_ptr<const void> data;
 };
 
-/// The handler, for calls that outlive what holds it; nullptr for an empty one.
-template <class Handler>
-std::shared_ptr<const Handler> shared(const Handler& handler) {
-    return handler ? std::make_shared<const Handler>(handler) : nullptr;
-}
-
 /// A standing operation, its own link, with the queue of what has not been delivered.
 ///
 /// The loop thread pushes reports, the application's loop delivers them: one task, in the bridge's
