@@ -10,8 +10,10 @@ namespace {
 
 constexpr int numbers_per_object = 65536;
 
-std::uint64_t in_object(std::uint32_t peer, std::uint16_t number) {
-    return (std::uint64_t{peer} << 16U) | number;
+int by_value(const void* left, const void* right, void* /*unused*/) {
+    const auto a = *static_cast<const std::uint64_t*>(left);
+    const auto b = *static_cast<const std::uint64_t*>(right);
+    return a < b ? -1 : static_cast<int>(a > b);
 }
 
 } // namespace
@@ -25,35 +27,33 @@ bus_request& bus_request::of(ubus_request& native) noexcept {
     return *reinterpret_cast<record&>(native).whole;
 }
 
+request_table::request_table() noexcept {
+    avl_init(&by_number_, by_value, false, nullptr);
+}
+
 request_table::~request_table() {
     while (take_oldest()) {}
 }
 
-bool request_table::in_use(std::uint64_t number) noexcept {
-    const bus_request* entry = bucket(number);
-    while (entry && entry->number_ != number) {
-        entry = entry->next_of_bucket_;
-    }
-    return entry != nullptr;
-}
-
 bool request_table::insert(ubus_context& bus, std::uint32_t peer, const record& request) noexcept {
-    const auto next = [&bus, peer] {
-        return in_object(peer, static_cast<std::uint16_t>(bus.request_seq + 1));
-    };
-    for (int tried = 0; in_use(next()); ++bus.request_seq) {
-        if (++tried == numbers_per_object) {
-            return false;
+    request->place_.key = &request->number_;
+    for (int tried = 0; tried < numbers_per_object; ++tried, ++bus.request_seq) {
+        const auto next = static_cast<std::uint16_t>(bus.request_seq + 1);
+        request->number_ = (std::uint64_t{peer} << 16U) | next;
+        if (avl_insert(&by_number_, &request->place_) == 0) {
+            list(request);
+            return true;
         }
     }
-    request->number_ = next();
-    request->next_of_bucket_ = std::exchange(bucket(request->number_), request.get());
+    return false;
+}
+
+void request_table::list(const record& request) noexcept {
     request->older_ = std::exchange(newest_, request.get());
     request->newer_ = nullptr;
     (request->older_ ? request->older_->newer_ : oldest_) = request.get();
     request->kept_ = request;
     ++size_;
-    return true;
 }
 
 request_table::record request_table::find(ubus_request& native) noexcept {
@@ -64,11 +64,7 @@ request_table::record request_table::erase(bus_request& request) noexcept {
     if (!request.kept_) {
         return nullptr;
     }
-    bus_request** link = &bucket(request.number_);
-    while (*link != &request) {
-        link = &(*link)->next_of_bucket_;
-    }
-    *link = request.next_of_bucket_;
+    avl_delete(&by_number_, &request.place_);
     (request.older_ ? request.older_->newer_ : oldest_) = request.newer_;
     (request.newer_ ? request.newer_->older_ : newest_) = request.older_;
     --size_;

@@ -3,7 +3,6 @@
 
 #include "bus.h"
 
-#include <array>
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -37,11 +36,11 @@ private:
     };
 
     record record_{};
+    avl_node place_{};
     std::uint64_t number_ = 0;          ///< the object's id in front of the request's number
     std::shared_ptr<bus_request> kept_; ///< while it is in the table
     bus_request* older_ = nullptr;
     bus_request* newer_ = nullptr;
-    bus_request* next_of_bucket_ = nullptr;
 };
 
 /// Keeps requests alive while libubus works on them, and their numbers apart.
@@ -55,7 +54,7 @@ class request_table {
 public:
     using record = std::shared_ptr<bus_request>;
 
-    request_table() = default;
+    request_table() noexcept;
     request_table(const request_table&) = delete;
     request_table& operator=(const request_table&) = delete;
     ~request_table();
@@ -76,16 +75,9 @@ public:
     record take_oldest() noexcept;
 
 private:
-    /// Numbers follow one another, so the buckets fill evenly. Their number is fixed, since a table
-    /// that grows would keep its room after a burst of calls.
-    using buckets = std::array<bus_request*, 256>;
+    void list(const record& request) noexcept;
 
-    bus_request*& bucket(std::uint64_t number) noexcept {
-        return by_number_[number % by_number_.size()];
-    }
-    bool in_use(std::uint64_t number) noexcept;
-
-    buckets by_number_{};
+    avl_tree by_number_{};
     bus_request* oldest_ = nullptr;
     bus_request* newest_ = nullptr;
     std::size_t size_ = 0;
