@@ -19,6 +19,14 @@ set(CMAKE_TRY_COMPILE_TARGET_TYPE STATIC_LIBRARY)
 set(CMAKE_C_COMPILER_ID_TEST_FLAGS_FIRST -c)
 set(CMAKE_CXX_COMPILER_ID_TEST_FLAGS_FIRST -c)
 
+# Routers of MIPS have no floating-point unit, and their systems are built without. Here nothing else
+# works: the unwinder that comes with this compiler does not restore the registers of the unit, so that
+# a double which a function keeps in one is lost when it catches an exception.
+if(TARN_ZIG_TARGET MATCHES "^mips")
+    set(CMAKE_C_FLAGS_INIT "-mcpu=mips32r2+soft_float")
+    set(CMAKE_CXX_FLAGS_INIT "-mcpu=mips32r2+soft_float")
+endif()
+
 # Its libc++ for MIPS is not position independent, so that no shared library can be linked with it.
 set(BUILD_SHARED_LIBS OFF CACHE BOOL "")
 # musl gives a thread the size of stack that the program names, or 128 KiB; this linker names 8 MiB.
