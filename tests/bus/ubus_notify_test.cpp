@@ -15,7 +15,7 @@ constexpr std::uint32_t first_id = 7001;
 
 std::vector<std::string> seen;
 
-std::string named(const char* what, long number) {
+std::string named(const char* what, long long number) {
     return what + std::string(" ") + std::to_string(number);
 }
 

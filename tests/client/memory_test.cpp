@@ -99,7 +99,7 @@ TEST_F(Memory, DelObjectThrowsAndHasNotBegun) {
     outcome removed;
     const auto handler = removed.handler();
     const auto failed = fail_each_here([&] { bus().del_object("own", true, handler); });
-    EXPECT_GE(failed, 2U);
+    EXPECT_GE(failed, 1U) << "the copy of the handler needs none in libc++";
     run_until([&] { return removed.reported(); });
     EXPECT_FALSE(removed.code()) << "it was still there for the one that did not throw";
     loop()->drain();

@@ -6,6 +6,7 @@
 #include "support/small_stack.h"
 #include "tarn/ext/await.h"
 
+#include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -126,8 +127,8 @@ TEST_F(Task, WithoutAHandlerAnExceptionPassesThroughTheLoop) {
     EXPECT_FALSE(link.active());
 }
 
-task<long> sum_of_ready(int count) {
-    long sum = 0;
+task<std::int64_t> sum_of_ready(int count) {
+    std::int64_t sum = 0;
     for (int n = 0; n < count; ++n) {
         sum += co_await number(n);
     }
@@ -135,10 +136,11 @@ task<long> sum_of_ready(int count) {
 }
 
 TEST_F(Task, AwaitingAHundredThousandReadyTasksTakesNoStack) {
-    long sum = 0;
-    spawn(bus(), sum_of_ready(100000), [&](finished<long> outcome) { sum = outcome.get(); });
+    std::int64_t sum = 0;
+    spawn(bus(), sum_of_ready(100000),
+          [&](finished<std::int64_t> outcome) { sum = outcome.get(); });
     on_small_stack([] { loop()->drain(); });
-    EXPECT_EQ(sum, 4999950000L);
+    EXPECT_EQ(sum, 4999950000);
 }
 
 task<int> depth(int levels) {

@@ -29,13 +29,14 @@ static_assert(std::has_virtual_destructor_v<scoped_link>);
 
 /// The slot of a virtual function; -1 of one that is not virtual. A pointer to a member function is
 /// a pair of words. Of a virtual one they hold its place in the table in bytes, and a bit that says
-/// so: added to the first word or, where functions may lie at odd addresses (ARM), to the second.
+/// so: added to the first word or, where functions may lie at odd addresses (ARM, MIPS), to the
+/// second.
 template <class Function>
 std::ptrdiff_t slot_of(Function function) {
     std::ptrdiff_t words[2];
     static_assert(sizeof(function) == sizeof(words));
     std::memcpy(words, &function, sizeof(words));
-#if defined(__arm__) || defined(__aarch64__)
+#if defined(__arm__) || defined(__aarch64__) || defined(__mips__)
     const bool is_virtual = (words[1] & 1) != 0;
     const std::ptrdiff_t place = words[0];
 #else
