@@ -124,12 +124,14 @@ check_components() {
 }
 
 check_kind() {
-    local shared pkg_config=pkg-config prefix=$work/$kind/prefix
+    local shared pkg_config=pkg-config prefix=$work/$kind/prefix strict=ON
     [[ $kind == shared ]] && shared=ON || shared=OFF
+    # Warnings of a release are the same in both; with the options of ./dev demo its objects are cached.
+    [[ $kind == static ]] || strict=OFF
 
     say "$kind: install"
     cmake -G Ninja -S "$source" -B "$work/$kind/build" -DCMAKE_BUILD_TYPE=Release \
-        -DBUILD_SHARED_LIBS=$shared -DTARN_WERROR=ON -DTARN_TESTS=OFF -DTARN_EXAMPLES=OFF \
+        -DBUILD_SHARED_LIBS=$shared -DTARN_WERROR=$strict -DTARN_TESTS=OFF -DTARN_EXAMPLES=OFF \
         -DTARN_TOOLS=OFF -DCMAKE_INSTALL_LIBDIR=lib "${options[@]}"
     cmake --build "$work/$kind/build"
     cmake --install "$work/$kind/build" --prefix "$work/$kind/first-prefix"
