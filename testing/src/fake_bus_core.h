@@ -101,6 +101,7 @@ private:
     void restore_follower(standing& each);
     void suspend(standing& each);
     void subscribe_now(standing& each);
+    void take_out(std::map<std::string, object_info>& from, const std::string& path);
     void appeared(const object_info& object);
     void gone(const object_info& object);
     void emit_locked(const std::string& id, const table& data);

@@ -31,13 +31,7 @@ void fake_bus::core::published(const std::string& name, const client::method_map
 
 void fake_bus::core::withdrawn(const std::string& name) {
     const guard locked(lock_);
-    const auto found = own_.find(name);
-    if (found == own_.end()) {
-        return;
-    }
-    const object_info object = found->second;
-    own_.erase(found);
-    gone(object);
+    take_out(own_, name);
 }
 
 bool fake_bus::core::is_taken(const std::string& name) const {
@@ -57,12 +51,16 @@ std::uint32_t fake_bus::core::add_object(const std::string& path,
 
 void fake_bus::core::remove_object(const std::string& path) {
     const guard locked(lock_);
-    const auto found = others_.find(path);
-    if (found == others_.end()) {
+    take_out(others_, path);
+}
+
+void fake_bus::core::take_out(std::map<std::string, object_info>& from, const std::string& path) {
+    const auto found = from.find(path);
+    if (found == from.end()) {
         return;
     }
     const object_info object = found->second;
-    others_.erase(found);
+    from.erase(found);
     gone(object);
 }
 
