@@ -3,7 +3,6 @@
 # made of them.
 include(CheckCXXSourceCompiles)
 include(CheckIPOSupported)
-include(CheckLinkerFlag OPTIONAL) # from CMake 3.18 on
 
 option(TARN_LTO "Optimise the shared library as a whole when it is linked (Release, MinSizeRel)" ON)
 
@@ -68,8 +67,10 @@ endfunction()
 function(tarn_pack_relocations library)
     check_cxx_source_compiles("#include <cstdlib>\n#if !defined(__GLIBC__) || !__GLIBC_PREREQ(2, 36)\n#error\n#endif\nint main() {}"
                               TARN_LOADER_UNPACKS)
-    if(TARN_LOADER_UNPACKS AND COMMAND check_linker_flag)
-        check_linker_flag(CXX "-Wl,-z,pack-relative-relocs" TARN_LINKER_PACKS)
+    if(TARN_LOADER_UNPACKS)
+        # A linker that cannot do it for the processor says so, and goes on.
+        set(CMAKE_REQUIRED_LINK_OPTIONS -Wl,-z,pack-relative-relocs)
+        check_cxx_source_compiles("int main() {}" TARN_LINKER_PACKS FAIL_REGEX "pack-relative-relocs")
         if(TARN_LINKER_PACKS)
             target_link_options(${library} PRIVATE -Wl,-z,pack-relative-relocs)
         endif()

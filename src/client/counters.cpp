@@ -31,7 +31,7 @@ void counters::fill(stats& snapshot) const {
     snapshot.delivered = delivered.get();
     snapshot.dropped = dropped.get();
     snapshot.undelivered.now = undelivered.get();
-    snapshot.undelivered.highest = most_undelivered.load(std::memory_order_relaxed);
+    snapshot.undelivered.highest = most_undelivered.get();
     snapshot.bytes_sent = bytes_sent.get();
     snapshot.bytes_received = bytes_received.get();
 }

@@ -1,27 +1,16 @@
 /// The counts behind stats(): kept by whichever side something happens on, read by any thread.
 #pragma once
 
+#include "client/counter.h"
 #include "tarn/error.h"
 #include "tarn/stats.h"
 
 #include <array>
-#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <system_error>
 
 namespace tarn {
-
-/// A number that any thread may change and read. Nothing else depends on its order.
-class counter {
-public:
-    void add(std::uint64_t n = 1) noexcept { value_.fetch_add(n, std::memory_order_relaxed); }
-    void subtract(std::uint64_t n = 1) noexcept { value_.fetch_sub(n, std::memory_order_relaxed); }
-    std::uint64_t get() const noexcept { return value_.load(std::memory_order_relaxed); }
-
-private:
-    std::atomic<std::uint64_t> value_{0};
-};
 
 /// Everything that is counted, but for the lengths of the queues, which the queues know.
 struct counters {
@@ -39,7 +28,7 @@ struct counters {
     counter delivered;
     counter dropped;
     counter undelivered;
-    std::atomic<std::uint64_t> most_undelivered{0};
+    counter most_undelivered;
     counter bytes_sent;
     counter bytes_received;
 
@@ -53,11 +42,7 @@ struct counters {
     }
 
     /// What one handler has not been given yet.
-    void note_undelivered(std::uint64_t waiting) noexcept {
-        std::uint64_t most = most_undelivered.load(std::memory_order_relaxed);
-        while (waiting > most &&
-               !most_undelivered.compare_exchange_weak(most, waiting, std::memory_order_relaxed)) {}
-    }
+    void note_undelivered(std::uint64_t waiting) noexcept { most_undelivered.raise_to(waiting); }
 
     void fill(stats& snapshot) const;
 

@@ -13,7 +13,7 @@ namespace tarn::test {
 
 namespace {
 
-std::atomic<std::uint64_t> sequence_seed{0};
+std::atomic<std::uintptr_t> sequence_seed{0}; // not more: 32-bit MIPS has no atomic of 64 bits
 std::atomic<unsigned> handover_share{0};
 std::atomic<unsigned> lock_share{0};
 
@@ -41,14 +41,14 @@ void delay(unsigned share) {
         ::sched_yield();
         return;
     }
-    const timespec pause{0, 1000L * (1 + mine.random.below(200))};
+    const timespec pause{0, 1000L * static_cast<long>(1 + mine.random.below(200))};
     ::nanosleep(&pause, nullptr);
 }
 
 } // namespace
 
 void set_delays(std::uint64_t seed, unsigned handovers, unsigned locks) {
-    sequence_seed = seed;
+    sequence_seed = static_cast<std::uintptr_t>(seed);
     handover_share = handovers;
     lock_share = locks;
 }
