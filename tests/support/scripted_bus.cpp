@@ -26,9 +26,12 @@ constexpr std::uint32_t length_mask = 0xffffff;
 constexpr std::uint32_t status_invalid_argument = 2;
 constexpr std::uint32_t status_not_found = 4;
 constexpr std::uint32_t type_id = 0x2001;
+constexpr std::uint32_t event_object = 1;
+
+constexpr std::uint8_t string = 3;
+constexpr std::uint8_t int32 = 5;
 
 wire::bytes pong() {
-    constexpr std::uint8_t string = 3;
     return wire::data_of(wire::field(string, "text", {'p', 'o', 'n', 'g', 0}));
 }
 
@@ -50,6 +53,18 @@ wire::bytes scripted_bus::call_message(std::uint16_t seq, const wire::bytes& att
     return wire::message(wire::invoke, seq, caller_id, attributes);
 }
 
+wire::bytes scripted_bus::remote_event(const std::string& name) const {
+    const std::string path = remote_path;
+    wire::bytes text(path.begin(), path.end());
+    text.push_back(0);
+    const wire::bytes id{remote_id >> 24U, remote_id >> 16U & 0xffU, remote_id >> 8U & 0xffU,
+                         remote_id & 0xffU};
+    return wire::message(
+        wire::invoke, 0, 0,
+        wire::objid(listeners_.at(name)) + wire::method(name) +
+            wire::data_of(wire::field(int32, "id", id) + wire::field(string, "path", text)));
+}
+
 scripted_bus::scripted_bus()
     : wake_up_(::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK)) {
     if (wake_up_ < 0) {
@@ -68,9 +83,10 @@ scripted_bus::~scripted_bus() {
     ::close(wake_up_);
 }
 
-void scripted_bus::on_next(wire::type type, reaction react) {
+void scripted_bus::on_next(wire::type type, reaction react, unsigned skipped) {
     run([&] {
         moment_ = type;
+        skipped_ = skipped;
         react_ = std::move(react);
         const std::lock_guard<std::mutex> guard(lock_);
         reacted_ = false;
@@ -114,6 +130,10 @@ std::uint16_t scripted_bus::call(std::uint32_t object, const std::string& method
                  in_pieces_);
     });
     return seq;
+}
+
+void scripted_bus::send(const std::function<wire::bytes()>& make) {
+    run([&] { transmit(clients_.back(), make(), in_pieces_); });
 }
 
 int scripted_bus::wait_for_status(std::uint16_t seq) {
@@ -195,6 +215,8 @@ void scripted_bus::work() {
         if (watched[1].revents != 0) {
             clients_.push_back({socket_.accept(), {}});
             objects_.clear();
+            listening_.clear();
+            listeners_.clear();
             if (!deliver(clients_.back(), wire::hello, {},
                          wire::message(wire::hello, 0, ++next_id_, {}))) {
                 clients_.pop_back();
@@ -257,7 +279,10 @@ bool scripted_bus::handle(connection& client, const wire::received& message) {
 bool scripted_bus::deliver(connection& client, wire::type moment, const wire::received& message,
                            const wire::bytes& healthy) {
     answer given{healthy};
-    const bool failing = react_ && moment == moment_;
+    const bool failing = react_ && moment == moment_ && skipped_ == 0;
+    if (!failing && moment == moment_ && skipped_ > 0) {
+        --skipped_;
+    }
     if (failing) {
         given = std::exchange(react_, nullptr)(healthy, message);
     }
@@ -306,6 +331,15 @@ wire::bytes scripted_bus::healthy_answer(const wire::received& request) {
                status_message(request, 0);
     }
     case wire::invoke:
+        if (request.peer() == event_object) {
+            const std::string asked = text_of(request.attribute(7));
+            for (const char* event : {appeared, gone}) {
+                if (asked.find(event) != std::string::npos) {
+                    listeners_[event] = newest_object_;
+                }
+            }
+            return status_message(request, 0);
+        }
         if (request.peer() != remote_id) {
             return status_message(request, status_not_found);
         }
@@ -313,12 +347,17 @@ wire::bytes scripted_bus::healthy_answer(const wire::received& request) {
                wire::message(wire::status, request.seq(), request.peer(),
                              wire::status_is(0) + wire::objid(remote_id));
     case wire::add_object: {
-        const auto added = objects_.emplace(text_of(request.attribute(2)), next_id_ + 1);
-        if (!added.second) {
+        const std::string path = text_of(request.attribute(2));
+        if (path.empty()) {
+            listening_.insert(next_id_ + 1);
+        } else if (!objects_.emplace(path, next_id_ + 1).second) {
             return status_message(request, status_invalid_argument);
         }
         newest_object_ = ++next_id_;
-        return data_message(request, wire::objid(next_id_) + wire::objtype(type_id)) +
+        // libubus has nowhere to put the type of an object without a signature.
+        return data_message(request, wire::objid(next_id_) + (request.attribute(6).empty()
+                                                                  ? wire::bytes()
+                                                                  : wire::objtype(type_id))) +
                status_message(request, 0);
     }
     case wire::remove_object:
@@ -330,7 +369,8 @@ wire::bytes scripted_bus::healthy_answer(const wire::received& request) {
                        status_message(request, 0);
             }
         }
-        return status_message(request, status_not_found);
+        return status_message(request,
+                              listening_.erase(request.number(3)) != 0 ? 0 : status_not_found);
     default:
         return {};
     }

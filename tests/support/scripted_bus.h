@@ -13,6 +13,7 @@
 #include <list>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <thread>
 #include <utility>
@@ -63,8 +64,8 @@ public:
 
     /// Replaces the answer to the next message of this type: a request's, or data or status from
     /// the client's answers to calls, which a healthy bus does not answer. `hello` means the
-    /// greeting of the next connection.
-    void on_next(wire::type type, reaction react);
+    /// greeting of the next connection. The first `skipped` of them stay healthy.
+    void on_next(wire::type type, reaction react, unsigned skipped = 0);
 
     /// Waits until that reaction has run. False if it has not within a generous limit.
     bool wait_for_reaction();
@@ -86,6 +87,9 @@ public:
     /// The same, of whatever object.
     std::uint16_t call(std::uint32_t object, const std::string& method);
 
+    /// Sends the client what `make` returns, which runs on the bus's thread.
+    void send(const std::function<wire::bytes()>& make);
+
     /// A call's sequence number and the status with which the client has completed it.
     using completion = std::pair<std::uint16_t, int>;
 
@@ -101,8 +105,14 @@ public:
     std::vector<completion> wait_for_completions(std::size_t count,
                                                  const std::function<bool(std::uint16_t)>& of);
 
-    /// The id of the object that the client has published last. For reactions.
+    /// The id of the object that the client has added last. For reactions.
     std::uint32_t newest_object() const { return newest_object_; }
+
+    /// The event that the foreign object has appeared or gone, for the object with which the client
+    /// listens to it. For reactions and send().
+    static constexpr const char* appeared = "ubus.object.add";
+    static constexpr const char* gone = "ubus.object.remove";
+    wire::bytes remote_event(const std::string& name) const;
 
     /// What a healthy bus answers.
     static wire::bytes status_message(const wire::received& request, std::uint32_t status);
@@ -141,9 +151,12 @@ private:
 
     // The bus's thread only.
     std::list<connection> clients_;
-    std::map<std::string, std::uint32_t> objects_; ///< the client's, by path
+    std::map<std::string, std::uint32_t> objects_;   ///< the client's, by path
+    std::set<std::uint32_t> listening_;              ///< the client's objects without a path
+    std::map<std::string, std::uint32_t> listeners_; ///< the client's, by event
     reaction react_;
     wire::type moment_ = wire::hello;
+    unsigned skipped_ = 0;
     bool in_pieces_ = false;
     std::uint32_t next_id_ = 0x10000;
     std::uint32_t newest_object_ = 0;
