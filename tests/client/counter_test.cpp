@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 #include <limits>
+#include <string>
 #include <thread>
 #include <vector>
 
@@ -34,7 +35,14 @@ protected:
 
 // The one that is used here, and the other where there is a choice.
 using Kinds = ::testing::Types<counter, locked_counter>;
-TYPED_TEST_SUITE(Counters, Kinds);
+
+struct kind_names {
+    template <class Counter>
+    static std::string GetName(int index) {
+        return index == 0 ? "InUse" : "Locked";
+    }
+};
+TYPED_TEST_SUITE(Counters, Kinds, kind_names);
 
 TYPED_TEST(Counters, BeginAtZero) {
     EXPECT_EQ(this->number_.get(), 0U);

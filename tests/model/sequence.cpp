@@ -86,7 +86,8 @@ bool sequence::finish_threads(std::chrono::seconds limit) {
 // Up to three at once, and then other tasks of the loop come between.
 void sequence::run_on_loop(std::size_t first) {
     const auto& steps = plan_.threads.front();
-    const std::size_t last = std::min(steps.size(), first + 1 + (plan_.seed + first) % 3);
+    const auto count = static_cast<std::size_t>(1 + (plan_.seed + first) % 3);
+    const std::size_t last = std::min(steps.size(), first + count);
     while (first < last) {
         run(steps[first++]);
     }
