@@ -4,6 +4,7 @@
 #include "blob/message.h"
 #include "support/allocations.h"
 
+#include <cstdint>
 #include <gtest/gtest.h>
 #include <iostream>
 #include <new>
@@ -245,7 +246,9 @@ TEST(Allocations, ADecodedFieldTakesOneAndItsTextAnother) {
     const buf message(flat);
     const std::size_t before = allocations();
     const table read = utils::to_table(message.native()->head);
-    EXPECT_LE(allocations() - before, read.size() + 2) << "two of the fields are texts";
+    // Words of 32 bits leave no room for a number of 64 in the value itself.
+    const std::size_t wide = sizeof(void*) < sizeof(std::uint64_t) ? 1 : 0;
+    EXPECT_LE(allocations() - before, read.size() + 2 + wide) << "two of the fields are texts";
     EXPECT_GE(allocations() - before, read.size());
 }
 

@@ -4,6 +4,7 @@
 #include "chance.h"
 
 #include <algorithm>
+#include <iterator>
 #include <numeric>
 #include <utility>
 
@@ -248,7 +249,7 @@ step maker::make_step(int depth) {
             step own;
             own.what = act::release;
             own.target = s.id;
-            s.inside.insert(s.inside.begin() + random_.below(2), own);
+            s.inside.insert(std::next(s.inside.begin(), static_cast<int>(random_.below(2))), own);
         }
     }
     if (s.what == act::add) {
