@@ -117,13 +117,15 @@ struct ubus_event_handler {
 struct ubus_context {
     struct list_head requests; /* asynchronous and waiting ones, the newest first */
     struct avl_tree objects;   /* published ones, by id */
-    struct list_head pending;  /* calls that came in during a synchronous request, until its end */
+    struct list_head pending;  /* what came in during a synchronous request and has a handler */
     struct uloop_fd sock;      /* `eof` is set when a write has failed or the peer hung up */
-    struct uloop_timeout pending_timer; /* not used by the bundled bus */
-    uint32_t local_id;                  /* as it came, big-endian */
+    /** Hands out what is pending. Set when something is kept while `sock` is in the loop; every way
+     * to hand it out goes through its callback, which may be replaced by one that calls it. */
+    struct uloop_timeout pending_timer;
+    uint32_t local_id; /* as it came, big-endian */
     uint16_t request_seq;
     bool cancel_poll; /* not used by the bundled bus */
-    int stack_depth;  /* synchronous requests in progress, one inside the other */
+    int stack_depth;  /* synchronous requests and handlers in progress, one inside the other */
     /** The connection has ended; called once. With stack_depth above 0 a synchronous request is
      * still using the context: take `sock` out of the loop, but free the context later. */
     ubus_connect_handler_t connection_lost;

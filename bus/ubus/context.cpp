@@ -76,6 +76,7 @@ int ubus_connect_ctx(ubus_context* ctx, const char* path) {
     avl_init(&ctx->objects, bus::compare_ids, false, nullptr);
     ctx->sock.cb = bus::on_socket;
     ctx->sock.fd = -1;
+    ctx->pending_timer.cb = bus::on_pending_timer;
     ctx->connection_lost = bus::end_loop;
     uloop_init();
 
@@ -99,6 +100,7 @@ ubus_context* ubus_connect(const char* path) {
 
 void ubus_shutdown(ubus_context* ctx) {
     uloop_fd_delete(&ctx->sock);
+    uloop_timeout_cancel(&ctx->pending_timer);
     bus::drop_pending(*ctx);
     bus::free_input(*ctx);
     bus::free_send_buffer();

@@ -1,5 +1,5 @@
 /// What libubus does with received messages: answers go to their requests at once, calls and
-/// unasked messages wait while a synchronous request is in progress.
+/// unasked messages are kept while a synchronous request is in progress, and handed out later.
 #include "dispatch.h"
 
 #include <cstdlib>
@@ -12,6 +12,9 @@ namespace {
 
 // Pieces read from a busy socket before uloop's other descriptors are served.
 constexpr int reads_per_event = 16;
+
+// When kept messages are handed out if the socket brings nothing earlier, in milliseconds.
+constexpr int pending_delay = 1;
 
 // A message that came in while a synchronous request was in progress, and follows the record.
 struct pending_message {
@@ -36,10 +39,15 @@ void postpone(ubus_context& ctx, const incoming& message, const attributes& give
     kept->head = message.head();
     std::memcpy(static_cast<void*>(kept->blob()), message.blob(), length);
     list_add_tail(&kept->list, &ctx.pending);
+    if (ctx.sock.registered) {
+        uloop_timeout_set(&ctx.pending_timer, pending_delay);
+    }
 }
 
-// Those that run handlers of the application, which may wait inside for further messages.
+// Those that run handlers of the application, which may wait inside for further messages. A handler
+// counts as a synchronous request: what comes in meanwhile is kept until it has returned.
 void handle_unasked(ubus_context& ctx, const message_head& head, const attributes& given) {
+    ++ctx.stack_depth;
     switch (head.type) {
     case UBUS_MSG_INVOKE:
         handle_invoke(ctx, head, given);
@@ -51,6 +59,7 @@ void handle_unasked(ubus_context& ctx, const message_head& head, const attribute
         handle_subscribed(ctx, given);
         break;
     }
+    --ctx.stack_depth;
 }
 
 // Its attributes have ids of their own, and are the application's to check.
@@ -109,13 +118,18 @@ void on_socket(uloop_fd* sock, unsigned int) {
     ubus_context& ctx = *record_of<ubus_context>(sock, offsetof(ubus_context, sock));
     bool more = true;
     for (int reads = 0;; ++reads) {
-        handle_buffered(ctx);
+        // Each of them may leave kept ones behind, which have come earlier than the next.
+        do {
+            if (ctx.stack_depth == 0) {
+                hand_out_pending(ctx);
+            }
+        } while (handle_one(ctx));
         // After a hang-up uloop does not report the socket again: the rest must be read now.
         const bool last_event = sock->eof || sock->error;
         if (!last_event && (!more || reads >= reads_per_event)) {
             return;
         }
-        const read_result result = read_input(ctx, more);
+        const read_result result = read_input(ctx, reading::all, more);
         if (result == read_result::nothing && !last_event) {
             return;
         }
@@ -127,8 +141,9 @@ void on_socket(uloop_fd* sock, unsigned int) {
     }
 }
 
-void run_pending(ubus_context& ctx) {
-    while (!list_empty(&ctx.pending)) {
+void on_pending_timer(uloop_timeout* timer) {
+    ubus_context& ctx = *record_of<ubus_context>(timer, offsetof(ubus_context, pending_timer));
+    while (ctx.stack_depth == 0 && !list_empty(&ctx.pending)) {
         pending_message* kept = first_pending(ctx);
         list_del(&kept->list);
         attributes given;
@@ -137,6 +152,10 @@ void run_pending(ubus_context& ctx) {
         }
         std::free(kept);
     }
+}
+
+void hand_out_pending(ubus_context& ctx) {
+    ctx.pending_timer.cb(&ctx.pending_timer);
 }
 
 void drop_pending(ubus_context& ctx) {
@@ -153,8 +172,6 @@ void end_connection(ubus_context& ctx) {
     }
     set_lost(ctx);
     ctx.sock.eof = true;
-    // No answer to these calls could reach its caller any more.
-    drop_pending(ctx);
 
     // Set aside first: callbacks may abort others of them, and what they start anew fails at once.
     list_head ending;

@@ -29,10 +29,14 @@ void end_connection(ubus_context& ctx);
 /// Callback of the context's socket in uloop.
 void on_socket(uloop_fd* sock, unsigned int events);
 
-/// Handles the calls and unasked messages that have waited for the end of a synchronous request.
-void run_pending(ubus_context& ctx);
+/// Callback of the context's pending_timer: handles what was kept during a synchronous request, in
+/// the order of arrival. Does nothing inside of another one, or of a handler.
+void on_pending_timer(uloop_timeout* timer);
 
-/// Drops what waits for the end of a synchronous request.
+/// The same by way of the timer's callback, which the application may have replaced.
+void hand_out_pending(ubus_context& ctx);
+
+/// Drops what was kept during a synchronous request.
 void drop_pending(ubus_context& ctx);
 
 /// The published object with this id; null if there is none.

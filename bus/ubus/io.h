@@ -46,9 +46,12 @@ void free_send_buffer();
 
 enum class read_result { data, nothing, ended };
 
+/// How much is read at most: what belongs to the next message, or all that there is room for.
+enum class reading { message, all };
+
 /// Reads once from the socket, without waiting, and keeps the bytes. Sets `filled` if there may be
 /// more to read.
-read_result read_input(ubus_context& ctx, bool& filled);
+read_result read_input(ubus_context& ctx, reading amount, bool& filled);
 
 /// Waits for the daemon's first message and reads it: its head in one piece, and what its blob
 /// holds in one piece. False if either comes in more. Reads nothing beyond it: what follows must

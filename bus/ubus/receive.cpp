@@ -85,7 +85,7 @@ bool open_input(ubus_context& ctx) {
     return ctx.msgbuf.data != nullptr;
 }
 
-read_result read_input(ubus_context& ctx, bool& filled) {
+read_result read_input(ubus_context& ctx, reading amount, bool& filled) {
     if (!open_input(ctx) || input_of(ctx)->broken) {
         return read_result::ended;
     }
@@ -103,7 +103,8 @@ read_result read_input(ubus_context& ctx, bool& filled) {
         break_connection(ctx);
         return read_result::ended;
     }
-    const std::size_t room = input.capacity - input.end;
+    const std::size_t room =
+        amount == reading::all ? input.capacity - input.end : wanted - (input.end - input.begin);
     ssize_t count = 0;
     do {
         count = ::read(ctx.sock.fd, input.bytes + input.end, room);

@@ -32,8 +32,10 @@ int wait_for(ubus_context& ctx, const ubus_request& request, const clock::time_p
         if (handle_one(ctx)) {
             continue;
         }
+        const bool late = deadline != nullptr && clock::now() >= *deadline;
         bool filled = false;
-        const read_result result = read_input(ctx, filled);
+        // What follows the answer stays in the socket, where it wakes the loop.
+        const read_result result = read_input(ctx, late ? reading::all : reading::message, filled);
         if (result == read_result::ended) {
             end_connection(ctx);
         } else if (result == read_result::nothing) {
@@ -43,8 +45,7 @@ int wait_for(ubus_context& ctx, const ubus_request& request, const clock::time_p
             }
             pollfd readable{ctx.sock.fd, POLLIN, 0};
             ::poll(&readable, 1, left);
-        }
-        if (deadline != nullptr && !request.status_msg && clock::now() >= *deadline) {
+        } else if (late) {
             // A stream of other messages must not hold up the time limit.
             handle_buffered(ctx);
             return request.status_msg ? request.status_code : int{UBUS_STATUS_TIMEOUT};
@@ -184,14 +185,12 @@ int ubus_complete_request(ubus_context* ctx, ubus_request* req, int timeout) {
     req->blocked = true;
     ++ctx->stack_depth;
     const int status = bus::wait_for(*ctx, *req, timeout > 0 ? &deadline : nullptr);
-    // What has been read already would not wake the loop any more.
-    bus::handle_buffered(*ctx);
     list_del_init(&req->list);
-    // Those that came in meanwhile. Whatever their handlers wait for in turn counts as inside.
-    if (ctx->stack_depth == 1) {
-        bus::run_pending(*ctx);
-    }
     --ctx->stack_depth;
+    // Outside of the loop no timer hands out what was kept.
+    if (ctx->stack_depth == 0 && !ctx->sock.registered) {
+        bus::hand_out_pending(*ctx);
+    }
     return status;
 }
 

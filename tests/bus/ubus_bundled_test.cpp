@@ -149,7 +149,7 @@ TEST_F(BundledUbus, AnEndInsideAHandlersRequestIsReportedOnce) {
     uloop_run();
     EXPECT_EQ(result, UBUS_STATUS_CONNECTION_FAILED);
     EXPECT_EQ(lost.times, 1);
-    EXPECT_EQ(lost.stack_depth, 1);
+    EXPECT_EQ(lost.stack_depth, 2);
 }
 
 TEST_F(BundledUbus, WithdrawingAnObjectThatIsNotEnteredLeavesTheOthers) {

@@ -64,7 +64,8 @@ protected:
             } else if (moment == wire::add_object) {
                 expected.addition = done;
             } else if (moment == wire::remove_object) {
-                expected.removal = done;
+                // Nothing reads the socket between the end of the removal and the next message.
+                expected.removal = expected.last_send = done;
             }
         }
         const auto react = [raw = bytes.raw, at = where](const wire::bytes& healthy,
