@@ -106,6 +106,7 @@ public:
         INIT_LIST_HEAD(&ctx.pending);
         avl_init(&ctx.objects, compare_ids, false, nullptr);
         ctx.sock.cb = bus::on_socket;
+        ctx.pending_timer.cb = bus::on_pending_timer;
         ctx.sock.fd = ends[0];
         ctx.connection_lost = on_lost;
         ctx.monitor_cb = on_monitored;

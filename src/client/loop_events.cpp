@@ -272,6 +272,8 @@ void loop_bus::look_up(look_up_operation& operation) {
     } catch (const std::bad_alloc&) {
         operation.outcome = error::msg::no_memory;
     }
+    // What arrived before the answer is reported before it.
+    loop_.take_postponed();
     bridge_.post_from_uloop(operation.done_task);
 }
 

@@ -93,6 +93,19 @@ TEST_F(LateNews, AnObjectThatGoesWhileAWatchLooksForItDoesNotStay) {
     EXPECT_THAT(changes_, ElementsAre("+scripted.remote", "-scripted.remote"));
 }
 
+TEST_F(LateNews, AreReportedBeforeTheAnswerThatTheyCameAheadOf) {
+    ASSERT_NO_FATAL_FAILURE(connect());
+    const utils::scoped_link watching =
+        bus().get_bus().on_object(scripted_bus::remote_path, recorder());
+    run_until([this] { return !changes_.empty(); });
+    scripted_.on_next(wire::lookup, telling_before(scripted_bus::gone));
+    bus().get_bus().objects(scripted_bus::remote_path, [this](const auto&, const auto&) {
+        changes_.emplace_back("looked up");
+    });
+    run_until([this] { return changes_.back() == "looked up"; });
+    EXPECT_THAT(changes_, ElementsAre("+scripted.remote", "-scripted.remote", "looked up"));
+}
+
 TEST_F(LateNews, AnObjectThatAppearsWithTheEndOfTheConnectionDoesNotStay) {
     ASSERT_NO_FATAL_FAILURE(connect());
     const utils::scoped_link watching = bus().get_bus().on_object("scripted.*", recorder());
