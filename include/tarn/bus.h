@@ -213,7 +213,8 @@ public:
     /// is active while the report is pending; releasing it suppresses the report.
     ///
     /// Thread: any.
-    /// Handler: once, on the application's loop. No object is success with an empty list.
+    /// Handler: once, on the application's loop, after the reports of standing operations whose
+    /// messages arrived ahead of the answer. No object is success with an empty list.
     /// Errors:
     ///   msg::invalid_argument      `pattern` is empty, holds a NUL byte or exceeds the bus limit;
     ///   msg::connection_failed     not connected, or the connection ended before the answer;

@@ -111,7 +111,7 @@ void loop_side::on_socket(uloop_fd* socket, unsigned int events) {
 
 void loop_side::take_postponed() {
     assert_loop_side();
-    if (bus_ && bus_->stack_depth == 0 && pending_handler_ != nullptr) {
+    if (bus_ && bus_->stack_depth == 0) {
         pending_handler_(&bus_->pending_timer);
     }
 }
