@@ -119,7 +119,7 @@ private:
     TARN_HIDDEN bool needs_wakeup() const noexcept;
     TARN_HIDDEN void write_wakeup();
     TARN_HIDDEN void wake_up(const std::function<void()>* queued, task_list& refused);
-    TARN_HIDDEN void run_batch(task_list& batch);
+    TARN_HIDDEN void run_batch(task_list& batch, const std::function<void()>* source);
     TARN_HIDDEN void drop_queue(task_list& dropped) noexcept;
     TARN_HIDDEN void drop_tasks() noexcept;
 

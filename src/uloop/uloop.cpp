@@ -205,6 +205,7 @@ void uloop::exit() {
 
 void uloop::process(bool drain_wakeup) {
     task_list batch;
+    const std::function<void()>* source = nullptr;
     {
         const std::lock_guard<std::recursive_mutex> guard(lock_);
         if (exiting_) {
@@ -212,6 +213,7 @@ void uloop::process(bool drain_wakeup) {
             return;
         }
         batch.swap(queue_);
+        source = queued_source_;
         wakeup_failed_ = false;
         // In the same locked step as the swap: a task posted after it finds the queue empty and
         // writes a byte of its own.
@@ -225,7 +227,7 @@ void uloop::process(bool drain_wakeup) {
         }
     }
     try {
-        run_batch(batch);
+        run_batch(batch, source);
     } catch (...) {
         const std::lock_guard<std::recursive_mutex> guard(lock_);
         drop_queue(batch);
@@ -233,12 +235,13 @@ void uloop::process(bool drain_wakeup) {
     }
 }
 
-void uloop::run_batch(task_list& batch) {
+/// `source` is the source if it is in the batch: queued_source_ may be set by others meanwhile.
+void uloop::run_batch(task_list& batch, const std::function<void()>* source) {
     task_list running;
     while (!batch.empty()) {
         running.splice(running.end(), batch, batch.begin());
         const std::function<void()>& task = running.front();
-        if (&task != queued_source_) {
+        if (&task != source) {
             task();
             running.clear();
             continue;

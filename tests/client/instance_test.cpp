@@ -1,4 +1,5 @@
 /// How the process's single client is obtained, and what it refuses.
+#include "tarn/bus.h"
 #include "tarn/client.h"
 
 #include "support/expect_throw.h"
@@ -8,6 +9,8 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
+#include <chrono>
 #include <csignal>
 #include <future>
 #include <memory>
@@ -270,6 +273,24 @@ TEST(Instance, TheStateSubscriptionsAreSafeFromManyThreadsAtOnce) {
     for (auto& thread : threads) {
         thread.join();
     }
+}
+
+TEST(Instance, TasksThatAThreadPostsToTheLoopThreadRunBetweenTheClients) {
+    constexpr int rounds = 2000;
+    client& bus = client::get_instance(keep(std::make_shared<hand_loop>()));
+    std::atomic<int> ran{0};
+    std::thread poster([&ran] {
+        for (int round = 0; round < rounds; ++round) {
+            uloop::get_instance().post([&ran] { ++ran; });
+        }
+    });
+    for (int round = 0; round < rounds; ++round) {
+        auto link = bus.get_bus().wait_for({"object"}, std::chrono::seconds::zero(), {});
+        link.release();
+    }
+    poster.join();
+    on_loop_thread([] {});
+    EXPECT_EQ(ran, rounds);
 }
 
 } // namespace
