@@ -10,10 +10,14 @@ namespace tarn {
 
 /// "<what>[<errno>]<separator><text of errno>". The separator differs from message to message.
 /// Reads errno, so it comes before anything that may change it.
-inline std::runtime_error system_failure(const std::string& what, const char* separator) {
+inline std::runtime_error system_failure(std::string what, const char* separator) {
     const int code = errno;
-    return std::runtime_error(what + '[' + std::to_string(code) + ']' + separator +
-                              std::strerror(code));
+    what += '[';
+    what += std::to_string(code);
+    what += ']';
+    what += separator;
+    what += std::strerror(code);
+    return std::runtime_error(what);
 }
 
 } // namespace tarn

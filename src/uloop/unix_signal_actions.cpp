@@ -4,14 +4,18 @@
 #include "uloop/system_failure.h"
 
 #include <string>
+#include <utility>
 
 namespace tarn::misc {
 
 namespace {
 
 std::runtime_error failure(const char* what, int signo) {
-    return system_failure("unix_signal_actions failed to " + (what + std::to_string(signo)) + ' ',
-                          ": ");
+    std::string failed = "unix_signal_actions failed to ";
+    failed += what;
+    failed += std::to_string(signo);
+    failed += ' ';
+    return system_failure(std::move(failed), ": ");
 }
 
 /// The handler of an action, which shares its place with the three-argument kind of handler.
