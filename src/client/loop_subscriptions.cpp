@@ -137,6 +137,9 @@ int loop_bus::take_notification(subscription& target, ubus_request_data& request
             request.deferred = false;
             answer = client_impl::to_ubus_msg_status(error::msg::parse_error);
         }
+    } else if (target.has_handler && target.answers) {
+        // Released just now: as what is dropped undelivered.
+        answer = client_impl::to_ubus_msg_status(error::msg::unknown_error);
     }
     if (!request.deferred) {
         loop_.before_write(); // libubus may answer
