@@ -88,6 +88,14 @@ protected:
         run_until([wanted] { return bus().get_state() == wanted; });
     }
 
+    void connect() {
+        outcome connected;
+        bus().connect(connected.handler());
+        run_until([&] { return connected.reported(); });
+        ASSERT_FALSE(connected.code()) << connected.code().message();
+        ASSERT_EQ(bus().get_state(), client::state::connected);
+    }
+
     /// Until nothing is under way on the loop thread and nothing waits for the application's loop.
     /// A result may be told ahead of the drain that was requested for it, which then finds nothing.
     static void settle() {
@@ -115,14 +123,6 @@ private:
 /// The same with a bus daemon of its own.
 class client_on_bus_test : public client_test {
 protected:
-    void connect() {
-        outcome connected;
-        bus().connect(connected.handler());
-        run_until([&] { return connected.reported(); });
-        ASSERT_FALSE(connected.code()) << connected.code().message();
-        ASSERT_EQ(bus().get_state(), client::state::connected);
-    }
-
     /// Starts the service "demo", written on plain libubus, and waits until it is published.
     void start_service() {
         service_ = std::make_unique<child_process>(std::vector<std::string>{TARN_TEST_SERVICE});

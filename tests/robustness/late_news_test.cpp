@@ -15,13 +15,6 @@ using ::testing::ElementsAre;
 
 class LateNews : public misbehaving_bus_test {
 protected:
-    void connect() {
-        outcome connected;
-        bus().connect(connected.handler());
-        run_until([&] { return connected.reported(); });
-        ASSERT_FALSE(connected.code()) << connected.code().message();
-    }
-
     void publish(const char* path) {
         outcome ready;
         bus().add_object(path, {}, ready.handler());
