@@ -6,8 +6,8 @@
 namespace tarn {
 
 /// As many as a word of the machine counts, which every processor reads and writes at once. With 32
-/// bits, numbers come again after four thousand million cancellations or connections, when nothing
-/// is left of the earlier ones.
+/// bits, numbers come again after 2^32 cancellations or connections, when nothing is left of the
+/// earlier ones.
 using identity_number = std::uintptr_t;
 
 /// One life of the client. cancel() ends it and begins the next. What was passed to the

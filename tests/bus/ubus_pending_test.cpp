@@ -129,12 +129,15 @@ wire::bytes news() {
     return call_of(1, "called") + end_of_target() + first_subscriber();
 }
 
+// A daemon's part: they come ahead of the answer to a request.
+void answer_behind_news(wire::peer& client) {
+    const auto request = client.receive();
+    client.send(news() + status(request, 0));
+    client.wait_for_end();
+}
+
 TEST_F(UbusPending, InTheLoopARequestReturnsBeforeWhatItHasKeptIsHandedOut) {
-    ASSERT_NO_FATAL_FAILURE(connect([](wire::peer& client) {
-        const auto request = client.receive();
-        client.send(news() + status(request, 0));
-        client.wait_for_end();
-    }));
+    ASSERT_NO_FATAL_FAILURE(connect(answer_behind_news));
     ubus_add_uloop(ctx_.get());
     EXPECT_EQ(look_up(), 0);
     EXPECT_EQ(seen, steps{"returned"});
@@ -151,11 +154,7 @@ TEST_F(UbusPending, InTheLoopARequestReturnsBeforeWhatItHasKeptIsHandedOut) {
 }
 
 TEST_F(UbusPending, OutsideOfTheLoopARequestHandsOutWhatItHasKeptAtItsEnd) {
-    ASSERT_NO_FATAL_FAILURE(connect([](wire::peer& client) {
-        const auto request = client.receive();
-        client.send(news() + status(request, 0));
-        client.wait_for_end();
-    }));
+    ASSERT_NO_FATAL_FAILURE(connect(answer_behind_news));
     ubus_request request;
     const buffer empty;
     ASSERT_EQ(ubus_invoke_async(ctx_.get(), object_id, "m", empty.buf.head, &request), 0);
@@ -326,11 +325,7 @@ TEST_F(UbusPending, AnEndInARequestThatLeavesTheSocketInTheLoopKeepsWhatWasKept)
 }
 
 TEST_F(UbusPending, NothingIsHandedOutWhenTheContextIsGone) {
-    ASSERT_NO_FATAL_FAILURE(connect([](wire::peer& client) {
-        const auto request = client.receive();
-        client.send(news() + status(request, 0));
-        client.wait_for_end();
-    }));
+    ASSERT_NO_FATAL_FAILURE(connect(answer_behind_news));
     ubus_add_uloop(ctx_.get());
     EXPECT_EQ(look_up(), 0);
     ctx_->pending_timer.cb = [](uloop_timeout*) {
