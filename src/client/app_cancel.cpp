@@ -147,6 +147,7 @@ void app_side::drop_all() noexcept {
         state_ = client::state::disconnected;
         connection_id_ = connection_id::none;
         changed.swap(state_changed_);
+        ++signal_;
         connection.swap(connection_);
         timer.swap(reconnect_timer_);
         backoff = end_reconnection();

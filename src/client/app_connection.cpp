@@ -7,6 +7,7 @@
 #include "counted.h"
 #include "tarn/error.h"
 
+#include <atomic>
 #include <limits>
 #include <new>
 #include <optional>
@@ -22,25 +23,33 @@ using tarn::misc::aggregate_adapter;
 /// captures are destroyed outside the lock.
 class state_subscription final : public utils::link::impl {
 public:
-    state_subscription(std::mutex& lock, std::shared_ptr<client::state_handler> handler,
-                       const utils::link& slot)
+    /// With the lock held.
+    state_subscription(std::mutex& lock, const unsigned& signal,
+                       std::shared_ptr<client::state_handler> handler, const utils::link& slot)
         : lock_(lock)
         , handler_(std::move(handler))
-        , slot_(slot) {}
+        , slot_(slot)
+        , signal_(signal) {}
 
     void release() override {
         std::shared_ptr<client::state_handler> dropped;
         const std::lock_guard<std::mutex> guard(lock_);
-        slot_.release();
+        if (signal_ == made_for_) {
+            slot_.release();
+        } // else the client has ended, and the slot is being destroyed without the lock
+        released_ = true;
         dropped.swap(handler_);
     }
 
-    bool active() const override { return slot_.active(); }
+    bool active() const override { return !released_ && slot_.active(); }
 
 private:
     std::mutex& lock_; ///< the client's, which is never destroyed
     std::shared_ptr<client::state_handler> handler_;
     utils::link slot_;
+    std::atomic<bool> released_{false};
+    const unsigned& signal_; ///< which one the client has, by number
+    const unsigned made_for_ = signal_;
 };
 
 /// Runs all steps of one event: the first exception is rethrown when the last step is done.
@@ -288,7 +297,7 @@ utils::link app_side::notify_on_state_change(const client::state_handler& handle
     utils::link slot = state_changed_.connect([shared](client::state s) { (*shared)(s); });
     try {
         return aggregate_adapter<utils::link>(
-            make_counted<state_subscription>(lock_, shared, slot));
+            make_counted<state_subscription>(lock_, signal_, shared, slot));
     } catch (...) {
         slot.release();
         throw;

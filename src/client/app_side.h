@@ -243,6 +243,7 @@ private:
     connection_id last_connection_ = connection_id::none;
 
     state_signal state_changed_;
+    unsigned signal_ = 0; ///< which one that is: the end of the client begins another
     state_announcer announcer_{lock_};
     pending_list connect_handlers_;
     pending_list disconnect_handlers_;

@@ -7,6 +7,7 @@
 ///   handler      a result handler calls exit()
 ///   subscriber   a state subscriber calls exit()
 ///   thread       a thread calls exit() while main() runs the loop and others call the client
+///   release      main() calls exit() while a thread releases the links of state subscribers
 ///   cancel       main() calls exit() while a thread calls cancel() over and over
 ///   fork         forks children that call exit() while the threads work, waits for them, and exits
 ///   stopped PID  stops the bus daemon PID, looks whether time limits and cancel() still work while
@@ -226,6 +227,23 @@ void end_in_thread() {
     run_loop();
 }
 
+void end_during_release() {
+    std::thread(run_loop).detach();
+    begin();
+    wait_until_busy();
+    static auto& links = *new std::vector<tarn::utils::link>; // not destroyed with the process
+    for (int i = 0; i < 20000; ++i) {
+        links.push_back(bus().notify_on_state_change([](tarn::client::state) {}));
+    }
+    std::thread([] {
+        while (links.front().active()) {} // until the end of the client destroys them as well
+        for (tarn::utils::link& link : links) {
+            link.release();
+        }
+    }).detach();
+    std::exit(good);
+}
+
 void end_during_cancel() {
     // The loop runs no more, so that it dies on time, while a thread is inside the client.
     std::thread running(run_loop);
@@ -370,6 +388,8 @@ int main(int argc, char** argv) {
         end_in_subscriber();
     } else if (way == "thread") {
         end_in_thread();
+    } else if (way == "release") {
+        end_during_release();
     } else if (way == "cancel") {
         end_during_cancel();
     } else if (way == "fork") {

@@ -64,6 +64,10 @@ TEST_F(ProcessEnd, AnotherThreadExitsWhileOthersCallTheClient) {
     ends("thread");
 }
 
+TEST_F(ProcessEnd, MainExitsWhileAThreadReleasesSubscriptions) {
+    ends("release");
+}
+
 TEST_F(ProcessEnd, MainExitsDuringCancel) {
     ends("cancel");
 }
