@@ -82,7 +82,7 @@ void app_side::cancel() {
     if (!still_cancelling()) {
         return; // a handler has cancelled as well, and that one has done the rest
     }
-    bridge_.process_task_queue();
+    bridge_.process_task_queue(life_id::none);
     // The handlers that wait now are notified; later ones wait for what comes after. The newest
     // cancellation decides where the line is, since it runs until the end.
     const auto disconnected = [&](const pending_list& waiting, ended_by_cancel& ended) {

@@ -138,23 +138,24 @@ void standing::deliver_all() {
         posted_ = false;
         due = queue_.size();
     }
+    // Not the present one, which may be newer than the drain: handlers run in that life's own.
+    const life_id life = task_bridge::drained();
     try {
-        while (due-- > 0 && deliver_next()) {}
+        while (due-- > 0 && deliver_next(life)) {}
     } catch (...) {
         put_back();
         throw;
     }
-    if (app_.bridge().life() == life_id::none) {
-        put_back(); // cancel() is running: what must be delivered is, after it
+    if (life == life_id::none || app_.bridge().life() != life) {
+        put_back(); // for the drain after the cancellation
     }
 }
 
-bool standing::deliver_next() {
+bool standing::deliver_next(life_id life) {
     std::uint64_t missed = 0;
     std::shared_ptr<const void> on_dropped;
     std::shared_ptr<const void> on_registered;
-    const life_id life = app_.bridge().life();
-    if (life == life_id::none) {
+    if (life == life_id::none || app_.bridge().life() != life) {
         return false;
     }
     {

@@ -98,8 +98,10 @@ private:
     using queue = std::list<standing_report>;
 
     std::shared_ptr<const void> guarded(const std::shared_ptr<const void>& handler) const;
+    class delivery;
+
     void deliver_all();
-    bool deliver_next();
+    bool deliver_next(life_id life);
     void put_back() noexcept;
     queue take_all() noexcept;
 

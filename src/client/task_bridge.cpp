@@ -11,6 +11,25 @@
 
 namespace tarn {
 
+namespace {
+
+thread_local life_id drain_of = life_id::none;
+
+/// The calling thread is in a drain.
+class draining {
+public:
+    explicit draining(life_id tied) noexcept
+        : outer_(std::exchange(drain_of, tied)) {}
+    ~draining() { drain_of = outer_; }
+    draining(const draining&) = delete;
+    draining& operator=(const draining&) = delete;
+
+private:
+    const life_id outer_;
+};
+
+} // namespace
+
 task_bridge::task_bridge(const std::weak_ptr<utils::event_loop>& loop)
     : loop_(loop) {}
 
@@ -42,7 +61,7 @@ void task_bridge::post_drain(life_id tied) {
     // Two words, which a std::function holds without allocating.
     (loop ? loop : get_eloop())->post([this, tied] {
         if (life_ == tied) {
-            process_task_queue();
+            process_task_queue(tied);
         }
     });
     handover();
@@ -221,9 +240,17 @@ void task_bridge::request_drain() {
     }
 }
 
-void task_bridge::process_task_queue() {
+life_id task_bridge::drained() noexcept {
+    return drain_of;
+}
+
+void task_bridge::process_task_queue(life_id tied) {
+    const draining here(tied);
     {
         const std::lock_guard<std::mutex> guard(lock_);
+        if (life_ != tied) {
+            return;
+        }
         batch_.append(queue_);
         drain_requested_ = false;
     }
@@ -231,7 +258,9 @@ void task_bridge::process_task_queue() {
         task_queue::entry next;
         {
             const std::lock_guard<std::mutex> guard(lock_);
-            next = batch_.pop();
+            if (life_ == tied) {
+                next = batch_.pop();
+            }
         }
         if (!next) {
             return;

@@ -51,10 +51,13 @@ public:
     void post(const std::function<void()>& work);
 
     /// Runs everything that is queued for the application's loop, what is left of an interrupted
-    /// batch included. When a task throws the rest of the batch is dropped, except transitions,
-    /// which wait for the next drain; and the exception is rethrown. For the application's loop,
-    /// and for a thread that cancels.
-    void process_task_queue();
+    /// batch included, while the life `tied` lasts: none for a thread that cancels, whose turn is
+    /// over when the next life begins. The rest waits for the next drain. When a task throws the
+    /// rest of the batch is dropped, except transitions, which wait as well; and the exception is
+    /// rethrown.
+    void process_task_queue(life_id tied);
+    /// The life that the drain is tied to that the calling thread is in.
+    static life_id drained() noexcept;
 
     /// The lengths of the queues.
     void fill(stats& snapshot) const;

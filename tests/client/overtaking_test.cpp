@@ -86,6 +86,32 @@ TEST_F(Overtaking, AHandlerOfCancelMayCancelAndConnect) {
     EXPECT_FALSE(call("own"));
 }
 
+TEST_F(Overtaking, WhatIsRequestedAfterACancellationIsReportedOnTheLoop) {
+    const std::string refused("a\0b", 3); // reported at once, with the next drain
+    std::promise<void> requested;
+    std::promise<void> reporting;
+    std::thread::id reported_on;
+    std::thread elsewhere;
+    const auto first = [&](const std::error_code&) {
+        reporting.set_value();
+        elsewhere.join();
+    };
+    const auto second = [&](const std::error_code&) {
+        reported_on = std::this_thread::get_id();
+    };
+    bus().add_object(refused, {}, [&](const std::error_code&) {
+        bus().cancel(); // ends what the outer one has begun
+        bus().add_object(refused, {}, first);
+        bus().add_object(refused, {}, second);
+        requested.set_value();
+        reporting.get_future().wait();
+    });
+    elsewhere = std::thread([] { bus().cancel(); });
+    requested.get_future().wait();
+    run_until([&] { return reported_on != std::thread::id(); });
+    EXPECT_EQ(reported_on, std::this_thread::get_id());
+}
+
 TEST_F(Overtaking, EveryHandlerThatCancelCallsMayCancelAndConnect) {
     for (int chosen = 0; chosen < 6; ++chosen) {
         ASSERT_NO_FATAL_FAILURE(connect());
