@@ -265,6 +265,8 @@ public:
     /// Handler: `handler` for every notification and `on_change` for every change of the
     /// subscription, both on the application's loop, in order. Both may be empty; notifiers are
     /// then answered with success. A notification that is dropped is answered msg::unknown_error.
+    /// So are, when the link is released, those that are undelivered and those whose context is
+    /// kept; a handler that is running then still answers its own.
     /// Errors: none here; see subscription_handler. `on_change` gets `refused` with
     /// msg::invalid_argument, once, for a path that is empty, ends in `*`, holds a NUL byte or
     /// exceeds the bus limit.

@@ -39,7 +39,8 @@ struct subscriber_record {
         return of(*reinterpret_cast<ubus_subscriber*>(start));
     }
 
-    subscription* owner; ///< null once its link has been released
+    subscription* owner;    ///< null once its link has been released
+    int answer_without = 0; ///< what notifications are answered from then on
 
 private:
     record record_{};

@@ -176,6 +176,8 @@ void loop_bus::request_follow_up() noexcept {
 void loop_bus::follow_up() {
     assert_loop_side();
     following_up_ = false;
+    // An object that has appeared may have gone again, or been replaced.
+    loop_.take_postponed();
     for (const auto& operation : subscriptions_) {
         if (const std::uint32_t id = std::exchange(operation->wanted, 0)) {
             subscribe(*operation, id);
@@ -195,6 +197,7 @@ void loop_bus::on_end() {
         operation->wanted = 0;
         operation->attempted = 0;
         operation->record = nullptr;
+        operation->calls.clear();
         if (std::exchange(operation->subscribed_to, 0) != 0) {
             operation->tell_change(bus::subscription::lost, error::msg::connection_failed);
         }

@@ -117,6 +117,7 @@ private:
     void restore(message_watch& operation);
     void restore(wait_operation& operation);
     void subscribe(subscription& operation, std::uint32_t id);
+    void unregister(subscription& removed, subscriber_record& record);
     void follow_up();
     void request_follow_up() noexcept;
     void check(wait_operation& operation);

@@ -113,7 +113,9 @@ void loop_bus::stop(notify_operation& operation) {
         return;
     }
     ubus_request& request = operation.request.native.req;
-    ubus_context* const bus = loop_.usable_bus();
+    // Also when nothing can be sent any more: until the loss is handled libubus has the record in
+    // its list.
+    ubus_context* const bus = loop_.bus_context();
     if (request.priv != nullptr && bus != nullptr) {
         ubus_abort_request(bus, &request);
         request.priv = nullptr;

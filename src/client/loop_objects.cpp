@@ -105,7 +105,9 @@ std::error_code loop_side::unregister_object(const std::shared_ptr<ubus_object_c
         return error::msg::not_found;
     }
     if (stop_serving) {
-        refuse_waiting_calls(bus, *records);
+        // Once the object is withdrawn the daemon passes on no answer for it, and a refusal that
+        // goes by way of the application's loop would come too late: the caller would wait forever.
+        records->calls.refuse(bus, answer_not_found);
     }
     const std::error_code status =
         client_impl::to_msg_error(ubus_remove_object(bus, &records->object));
@@ -115,18 +117,6 @@ std::error_code loop_side::unregister_object(const std::shared_ptr<ubus_object_c
         return error::msg::connection_failed; // lost meanwhile, whatever libubus makes of it
     }
     return status;
-}
-
-void loop_side::refuse_waiting_calls(ubus_context* bus, ubus_object_ctx& records) {
-    // Once the object is withdrawn the daemon passes on no answer for it, and a refusal that goes
-    // by way of the application's loop would come too late: the caller would wait forever.
-    for (const auto& waiting : records.calls) {
-        const auto call = waiting.lock();
-        if (call && !call->settled.exchange(true)) {
-            ubus_complete_deferred_request(bus, &call->request, answer_not_found);
-        }
-    }
-    records.calls.clear();
 }
 
 int loop_side::on_call(ubus_object* object, ubus_request_data* request, const char* method,
@@ -160,7 +150,7 @@ int loop_side::accept_call(ubus_object* object, ubus_request_data& request, cons
         call = make_call(request, found, records);
         call->args =
             policy.empty() ? blob::utils::to_table(msg) : blob::utils::to_table(msg, policy);
-        records->note_call(call);
+        records->calls.note(call);
     } catch (const std::exception&) {
         // Or out of memory, which looks alike.
         return client_impl::to_ubus_msg_status(error::msg::parse_error);
@@ -223,6 +213,9 @@ void loop_side::complete_sync(served_call& call) {
     if (call.refusal &&
         (connection_->objects.count(&call.records->object) == 0 || call.settled.exchange(true))) {
         return; // withdrawn, and the call refused with that
+    }
+    if (!call.records && call.settled.exchange(true)) {
+        return; // answered when the subscription ended
     }
     before_write();
     ubus_complete_deferred_request(bus, &call.request,

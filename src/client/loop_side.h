@@ -70,6 +70,9 @@ public:
     /// The present connection, or attempt at one; null without.
     const std::shared_ptr<connection_ctx>& connection() const { return connection_; }
     bool carries(connection_id id) const { return connection_ && connection_->id == id; }
+    /// The connection's context, also when nothing can be sent any more; null when it has been
+    /// lost.
+    ubus_context* bus_context() const { return bus_.get(); }
     /// The connection if requests can go out on it, else null.
     ubus_context* usable_bus() const;
     /// The same for a request whose answer libubus awaits without a limit: takes in first what has
@@ -98,7 +101,6 @@ private:
                                     const std::shared_ptr<ubus_object_ctx>& records);
     std::error_code unregister_object(const std::shared_ptr<ubus_object_ctx>& records,
                                       bool stop_serving);
-    static void refuse_waiting_calls(ubus_context* bus, ubus_object_ctx& records);
     int accept_call(ubus_object* object, ubus_request_data& request, const char* method,
                     blob_attr* msg);
     std::shared_ptr<served_call> make_call(const ubus_request_data& request, std::size_t method,

@@ -15,6 +15,12 @@
 
 namespace tarn {
 
+namespace {
+
+constexpr int answer_unknown_error = 9; // UBUS_STATUS_UNKNOWN_ERROR
+
+} // namespace
+
 void loop_bus::restore(subscription& operation) {
     const std::error_code followed = follow_objects();
     if (followed == error::msg::connection_failed) {
@@ -69,16 +75,36 @@ void loop_bus::remove(subscription& removed) {
     subscriber_record* const record = std::exchange(removed.record, nullptr);
     if (record != nullptr) {
         record->owner = nullptr;
-        ubus_context* const bus = loop_.caught_up_bus();
-        if (bus != nullptr && record->native().obj.id != 0 &&
-            ubus_unregister_subscriber(bus, &record->native()) == 0 && loop_.usable_bus() == bus) {
-            records().subscribers.remove_if(
-                [record](const subscriber_record& entry) { return &entry == record; });
-        }
+        record->answer_without = removed.has_handler && removed.answers ? answer_unknown_error : 0;
+        unregister(removed, *record);
     }
     const auto& operation = removed;
     subscriptions_.remove_if([&](const auto& entry) { return entry.get() == &operation; });
     stop_listening();
+}
+
+/// The daemon passes on no answer of a subscriber that has gone, and the notifier would wait for
+/// it. So all that was sent to this one is answered first, and to that end the daemon is asked to
+/// send no more.
+void loop_bus::unregister(subscription& removed, subscriber_record& record) {
+    ubus_context* const bus = loop_.caught_up_bus();
+    const auto is_usable = [&] {
+        return bus != nullptr && loop_.usable_bus() == bus;
+    };
+    if (!is_usable() || record.native().obj.id == 0) {
+        return;
+    }
+    if (removed.subscribed_to != 0) {
+        ubus_unsubscribe(bus, &record.native(), removed.subscribed_to);
+        loop_.take_postponed();
+    }
+    if (is_usable()) {
+        removed.calls.refuse(bus, answer_unknown_error);
+    }
+    if (is_usable() && ubus_unregister_subscriber(bus, &record.native()) == 0 && is_usable()) {
+        records().subscribers.remove_if(
+            [&record](const subscriber_record& entry) { return &entry == &record; });
+    }
 }
 
 void loop_bus::answer(served_call& call) {
@@ -97,14 +123,15 @@ void loop_bus::on_removal(ubus_context* /*context*/, ubus_subscriber* subscriber
 
 int loop_bus::on_notification(ubus_context* /*context*/, ubus_object* subscriber,
                               ubus_request_data* request, const char* method, blob_attr* msg) {
-    constexpr int answer_unknown_error = 9; // UBUS_STATUS_UNKNOWN_ERROR
     return guard_callback(
         [=] {
-            subscription* const operation = subscriber_record::of(*subscriber).owner;
-            return operation == nullptr || method == nullptr
-                       ? 0
-                       : client_impl::get_instance({}).loop().bus().take_notification(
-                             *operation, *request, method, msg);
+            const subscriber_record& record = subscriber_record::of(*subscriber);
+            loop_side& loop = client_impl::get_instance({}).loop();
+            if (record.owner == nullptr || method == nullptr) {
+                loop.before_write(); // libubus answers
+                return record.answer_without;
+            }
+            return loop.bus().take_notification(*record.owner, *request, method, msg);
         },
         answer_unknown_error);
 }
@@ -128,6 +155,7 @@ int loop_bus::take_notification(subscription& target, ubus_request_data& request
                 constexpr std::size_t no_method = 0;
                 arrived->call = make_counted<served_call>(app_, loop_, loop_.connection()->id,
                                                           request, no_method, nullptr);
+                target.calls.note(arrived->call);
             }
             // Before it is passed on, which may answer it.
             request.deferred = target.answers;
@@ -139,7 +167,7 @@ int loop_bus::take_notification(subscription& target, ubus_request_data& request
         }
     } else if (target.has_handler && target.answers) {
         // Released just now: as what is dropped undelivered.
-        answer = client_impl::to_ubus_msg_status(error::msg::unknown_error);
+        answer = answer_unknown_error;
     }
     if (!request.deferred) {
         loop_.before_write(); // libubus may answer

@@ -59,16 +59,4 @@ std::size_t ubus_object_ctx::find(const char* method) const noexcept {
                : described.size();
 }
 
-void ubus_object_ctx::note_call(const std::shared_ptr<served_call>& call) {
-    if (calls.size() >= tidy_calls_at) {
-        const auto settled = [](const std::weak_ptr<served_call>& listed) {
-            const auto alive = listed.lock();
-            return !alive || alive->settled;
-        };
-        calls.erase(std::remove_if(calls.begin(), calls.end(), settled), calls.end());
-        tidy_calls_at = std::max<std::size_t>(64, 2 * calls.size());
-    }
-    calls.push_back(call);
-}
-
 } // namespace tarn

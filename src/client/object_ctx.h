@@ -2,6 +2,7 @@
 #pragma once
 
 #include "bus.h"
+#include "client/served_call.h"
 #include "tarn/client.h"
 
 #include <cstddef>
@@ -11,8 +12,6 @@
 #include <vector>
 
 namespace tarn {
-
-class served_call;
 
 /// The libubus records of one object, kept together so that every pointer passed to libubus stays
 /// valid while the object is registered: they point into the vectors below, which do not change
@@ -33,13 +32,7 @@ struct ubus_object_ctx {
     /// The place of a method in the vectors; their length when there is no such method.
     std::size_t find(const char* method) const noexcept;
 
-    /// Adds a call to `calls`, and forgets settled ones every now and then.
-    void note_call(const std::shared_ptr<served_call>& call);
-
-    /// Calls on their way to the application's loop, and some that have been settled. The loop
-    /// thread only.
-    std::vector<std::weak_ptr<served_call>> calls;
-    std::size_t tidy_calls_at = 64; ///< the number of entries at which settled ones are dropped
+    open_calls calls; ///< on their way to the application's loop
 };
 
 /// The application's side of one published object. The flags are guarded by that side's lock; the

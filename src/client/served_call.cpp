@@ -4,6 +4,7 @@
 #include "client/app_side.h"
 #include "client/loop_side.h"
 
+#include <algorithm>
 #include <utility>
 
 namespace tarn {
@@ -33,6 +34,28 @@ void served_call::dispatch_unreported() noexcept {
 
 void served_call::answer() {
     loop_.complete_sync(*this);
+}
+
+void open_calls::note(const std::shared_ptr<served_call>& call) {
+    if (calls_.size() >= tidy_at_) {
+        const auto settled = [](const std::weak_ptr<served_call>& listed) {
+            const auto alive = listed.lock();
+            return !alive || alive->settled;
+        };
+        calls_.erase(std::remove_if(calls_.begin(), calls_.end(), settled), calls_.end());
+        tidy_at_ = std::max<std::size_t>(64, 2 * calls_.size());
+    }
+    calls_.push_back(call);
+}
+
+void open_calls::refuse(ubus_context* bus, int status) {
+    for (const auto& listed : calls_) {
+        const auto call = listed.lock();
+        if (call && !call->settled.exchange(true)) {
+            ubus_complete_deferred_request(bus, &call->request, status);
+        }
+    }
+    calls_.clear();
 }
 
 } // namespace tarn

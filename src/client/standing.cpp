@@ -10,6 +10,7 @@
 #include <algorithm>
 #include <array>
 #include <new>
+#include <optional>
 #include <utility>
 
 namespace tarn {
@@ -41,8 +42,41 @@ void standing::release() {
         return;
     }
     drop();
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        if (under_way_ > 0) {
+            // The bus passes on no answer once the operation has ended there, so the handler's
+            // goes first.
+            end_is_due_ = true;
+            return;
+        }
+    }
     app_.bridge().post_ready(end_task);
 }
+
+/// A report has left the queue. At its end the operation ends as well if it was released meanwhile.
+class standing::delivery {
+public:
+    /// With the lock held.
+    explicit delivery(standing& operation) noexcept
+        : operation_(operation) {
+        ++operation_.under_way_;
+    }
+    ~delivery() {
+        {
+            const std::lock_guard<std::mutex> guard(operation_.lock_);
+            if (--operation_.under_way_ > 0 || !std::exchange(operation_.end_is_due_, false)) {
+                return;
+            }
+        }
+        operation_.app_.bridge().post_ready(operation_.end_task);
+    }
+    delivery(const delivery&) = delete;
+    delivery& operator=(const delivery&) = delete;
+
+private:
+    standing& operation_;
+};
 
 void standing::drop() noexcept {
     released_ = true;
@@ -168,11 +202,13 @@ bool standing::deliver_next(life_id life) {
         (*static_cast<const bus::dropped_handler*>(on_dropped.get()))(missed);
     }
     queue next;
+    std::optional<delivery> under_way;
     {
         const std::lock_guard<std::mutex> guard(lock_);
         if (queue_.empty()) {
             return false; // released meanwhile
         }
+        under_way.emplace(*this);
         next.splice(next.end(), queue_, queue_.begin());
         if (is_item(next.front())) {
             --items_;

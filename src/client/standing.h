@@ -116,6 +116,8 @@ private:
     std::size_t items_ = 0;     ///< in the queue
     std::uint64_t dropped_ = 0; ///< since the application was notified last
     bool posted_ = false;       ///< the task is queued
+    int under_way_ = 0;         ///< deliveries
+    bool end_is_due_ = false;   ///< released while one was under way
 
 public:
     loop_task<standing, &standing::begin> begin_task{*this};

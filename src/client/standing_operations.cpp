@@ -180,6 +180,8 @@ void subscription::deliver(const standing_report& report) {
         if (const auto answer = (*called)(arrived.method, context)) {
             context->respond(*answer);
         }
+    } else {
+        context->respond(error::msg::unknown_error); // released just now
     }
 }
 

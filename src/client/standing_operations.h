@@ -2,6 +2,7 @@
 /// handlers are guarded by the lock of the base, the rest is the loop thread's.
 #pragma once
 
+#include "client/served_call.h"
 #include "client/standing.h"
 #include "tarn/bus.h"
 
@@ -13,7 +14,6 @@
 
 namespace tarn {
 
-class served_call;
 struct subscriber_record;
 
 /// Whether `name` is `pattern`, or begins with what precedes a `*` at its end.
@@ -93,6 +93,7 @@ public:
     std::uint32_t attempted = 0;
     std::uint32_t wanted = 0;            ///< an object that has appeared at the path
     subscriber_record* record = nullptr; ///< of this connection
+    open_calls calls;                    ///< notifications that the handler is to answer
 
 private:
     void begin() override;

@@ -3,6 +3,10 @@
 
 #include <gmock/gmock.h>
 
+#include <optional>
+#include <stdexcept>
+#include <thread>
+
 namespace tarn::test {
 namespace {
 
@@ -30,6 +34,19 @@ protected:
     }
     void wait_for(std::size_t count) {
         run_hurried_until([&] { return seen_.size() >= count; });
+    }
+
+    /// The answer that the peer has got, when it has no subscriber any more either; these come in
+    /// any order.
+    static std::string answer_at_the_end(bus_peer& peer) {
+        std::string answer;
+        bool alone = false;
+        while (answer.empty() || !alone) {
+            const std::string line = peer.wait_for("");
+            answer = line.compare(0, 6, "answer") == 0 ? line : answer;
+            alone = alone || line == "subscribers source 0";
+        }
+        return answer;
     }
 
     std::vector<std::string> seen_;
@@ -207,9 +224,71 @@ TEST_F(Subscriptions, ReleasingTheLinkUnsubscribesAndAnswersWhatIsUndelivered) {
         peer.write("ask source may 1");
         while (events().stats().notifications_received == before) {} // as soon as it arrives
         subscribed.release(); // perhaps while the private thread is passing it on
-        EXPECT_EQ(peer.wait_for("answer"), seen_.empty() ? "answer 9" : "answer 0");
-        EXPECT_EQ(peer.wait_for("subscribers"), "subscribers source 0");
+        EXPECT_EQ(answer_at_the_end(peer), seen_.empty() ? "answer 9" : "answer 0");
     }
+}
+
+TEST_F(Subscriptions, AHandlerThatReleasesItsLinkStillAnswers) {
+    connect();
+    bus_peer peer;
+    peer.tell("publish source", "published 0");
+    utils::link subscribed;
+    subscribed = events().subscribe("source", [&](const std::string&, const context&) {
+        subscribed.release();
+        EXPECT_FALSE(subscribed.active());
+        return make_error_code(msg::permission_denied);
+    });
+    peer.wait_for("subscribers source 1");
+    peer.write("ask source may 1");
+    run_until([&] { return !subscribed.active(); });
+    EXPECT_EQ(answer_at_the_end(peer), "answer 6");
+}
+
+TEST_F(Subscriptions, AHandlerWhoseLinkIsReleasedMeanwhileStillAnswers) {
+    connect();
+    bus_peer peer;
+    peer.tell("publish source", "published 0");
+    utils::link subscribed;
+    subscribed = events().subscribe("source", [&](const std::string&, const context& call) {
+        std::thread([&] { subscribed.release(); }).join();
+        on_loop_thread([] {}); // what the release has posted is done
+        call->send({{"n", 4}}, {});
+        return std::error_code();
+    });
+    peer.wait_for("subscribers source 1");
+    peer.write("ask source may 1");
+    run_until([&] { return !subscribed.active(); });
+    EXPECT_EQ(answer_at_the_end(peer), "answer 0");
+}
+
+TEST_F(Subscriptions, AHandlerThatReleasesItsLinkAndThrowsUnsubscribes) {
+    connect();
+    bus_peer peer;
+    peer.tell("publish source", "published 0");
+    utils::link subscribed;
+    subscribed = events().subscribe(
+        "source", [&](const std::string&, const context&) -> std::optional<std::error_code> {
+            subscribed.release();
+            throw std::runtime_error("thrown by a handler");
+        });
+    peer.wait_for("subscribers source 1");
+    peer.write("ask source may 1");
+    EXPECT_THROW(run_until([&] { return !subscribed.active(); }), std::runtime_error);
+    EXPECT_EQ(answer_at_the_end(peer), "answer 0"); // the context has been destroyed
+}
+
+TEST_F(Subscriptions, AContextThatIsKeptIsAnsweredWhenTheLinkIsReleased) {
+    connect();
+    bus_peer peer;
+    peer.tell("publish source", "published 0");
+    utils::link subscribed = events().subscribe("source", recorder(std::nullopt));
+    peer.wait_for("subscribers source 1");
+    peer.write("ask source may 1");
+    wait_for(1);
+    subscribed.release();
+    EXPECT_EQ(answer_at_the_end(peer), "answer 9");
+    contexts_.front()->respond(error::msg::success); // too late
+    settle();
 }
 
 TEST_F(Subscriptions, AnObjectOfThisProcessIsRefused) {

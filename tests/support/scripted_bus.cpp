@@ -53,12 +53,14 @@ wire::bytes scripted_bus::call_message(std::uint16_t seq, const wire::bytes& att
     return wire::message(wire::invoke, seq, caller_id, attributes);
 }
 
-wire::bytes scripted_bus::remote_event(const std::string& name) const {
+wire::bytes scripted_bus::remote_event(const std::string& name, std::uint32_t object) const {
     const std::string path = remote_path;
     wire::bytes text(path.begin(), path.end());
     text.push_back(0);
-    const wire::bytes id{remote_id >> 24U, remote_id >> 16U & 0xffU, remote_id >> 8U & 0xffU,
-                         remote_id & 0xffU};
+    const auto byte = [object](unsigned shift) {
+        return static_cast<std::uint8_t>(object >> shift);
+    };
+    const wire::bytes id{byte(24), byte(16), byte(8), byte(0)};
     return wire::message(
         wire::invoke, 0, 0,
         wire::objid(listeners_.at(name)) + wire::method(name) +
@@ -91,6 +93,12 @@ void scripted_bus::on_next(wire::type type, reaction react, unsigned skipped) {
         const std::lock_guard<std::mutex> guard(lock_);
         reacted_ = false;
     });
+}
+
+void scripted_bus::then_on_next(wire::type type, reaction react) {
+    moment_ = type;
+    skipped_ = 0;
+    react_ = std::move(react);
 }
 
 bool scripted_bus::wait_for_reaction() {
@@ -371,6 +379,9 @@ wire::bytes scripted_bus::healthy_answer(const wire::received& request) {
         }
         return status_message(request,
                               listening_.erase(request.number(3)) != 0 ? 0 : status_not_found);
+    case wire::subscribe:
+    case wire::unsubscribe:
+        return status_message(request, 0);
     default:
         return {};
     }

@@ -67,6 +67,9 @@ public:
     /// greeting of the next connection. The first `skipped` of them stay healthy.
     void on_next(wire::type type, reaction react, unsigned skipped = 0);
 
+    /// The same inside of a reaction, as the next one.
+    void then_on_next(wire::type type, reaction react);
+
     /// Waits until that reaction has run. False if it has not within a generous limit.
     bool wait_for_reaction();
 
@@ -108,11 +111,11 @@ public:
     /// The id of the object that the client has added last. For reactions.
     std::uint32_t newest_object() const { return newest_object_; }
 
-    /// The event that the foreign object has appeared or gone, for the object with which the client
-    /// listens to it. For reactions and send().
+    /// The event that the foreign object, or another one at its path, has appeared or gone, for the
+    /// object with which the client listens to it. For reactions and send().
     static constexpr const char* appeared = "ubus.object.add";
     static constexpr const char* gone = "ubus.object.remove";
-    wire::bytes remote_event(const std::string& name) const;
+    wire::bytes remote_event(const std::string& name, std::uint32_t object = remote_id) const;
 
     /// What a healthy bus answers.
     static wire::bytes status_message(const wire::received& request, std::uint32_t status);
