@@ -65,7 +65,7 @@ public:
         const std::lock_guard<std::mutex> lock(core_.mutex_);
         core_.tasks_.splice(core_.tasks_.begin(), left_);
         if (!core_.tasks_.empty() && core_.needs_wakeup()) {
-            core_.wake();
+            core_.woken_ = core_.write_wakeup();
         }
         core_.program_timerfd();
     }
@@ -275,22 +275,38 @@ bool loop_core::needs_wakeup() noexcept {
     return !std::exchange(woken_, true);
 }
 
-void loop_core::wake() noexcept {
-    const std::lock_guard<std::mutex> waking(wake_mutex_);
-    if (eventfd_.get() < 0) {
-        return; // closed since
-    }
-    const std::uint64_t one = 1;
-    while (::write(eventfd_.get(), &one, sizeof(one)) < 0 && errno == EINTR) {}
-}
-
 void loop_core::clear_wakeup() noexcept {
     if (!woken_) {
         return;
     }
-    woken_ = false;
     std::uint64_t count = 0;
-    while (::read(eventfd_.get(), &count, sizeof(count)) < 0 && errno == EINTR) {}
+    ssize_t got = 0;
+    do {
+        got = ::read(eventfd_.get(), &count, sizeof(count));
+    } while (got < 0 && errno == EINTR);
+    // Nothing to read yet: a thread is about to write, and this turn has begun for another reason.
+    // The turn that its write begins reads it, and sees what is posted until then.
+    woken_ = got < 0;
+}
+
+void loop_core::wake() noexcept {
+    if (!write_wakeup()) {
+        const std::lock_guard<std::mutex> lock(mutex_);
+        woken_ = false; // the next post tries again
+    }
+}
+
+bool loop_core::write_wakeup() noexcept {
+    const std::lock_guard<std::mutex> waking(wake_mutex_);
+    if (eventfd_.get() < 0) {
+        return true; // closed since: there is nobody to wake
+    }
+    const std::uint64_t one = 1;
+    ssize_t written = 0;
+    do {
+        written = ::write(eventfd_.get(), &one, sizeof(one));
+    } while (written < 0 && errno == EINTR);
+    return written >= 0;
 }
 
 void loop_core::program_timerfd() noexcept {

@@ -63,8 +63,11 @@ private:
     void clear_wakeup() noexcept;
     void program_timerfd() noexcept;
 
-    /// Writes the eventfd. Best without the lock, which the thread that it wakes takes first.
+    /// Does what needs_wakeup() has taken as done. Without the lock, which the thread that it wakes
+    /// takes first.
     void wake() noexcept;
+    /// Writes the eventfd; false when the system refuses. The lock may be held.
+    bool write_wakeup() noexcept;
 
     unique_fd epoll_;
     unique_fd eventfd_;
@@ -86,6 +89,7 @@ private:
     // disarming leaves it alone: one idle turn later is cheaper than a system call each time.
     std::chrono::nanoseconds programmed_;
     // True while the eventfd is readable, or about to be, so that a burst of posts costs one write.
+    // So one write at most is under way or unread, and only the read that takes it ends this.
     bool woken_ = false;
     bool closed_ = false;
 };
