@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 
 #include <array>
+#include <cerrno>
 #include <csignal>
 #include <future>
 #include <stdexcept>
@@ -631,15 +632,21 @@ TEST_F(Connection, SignalsWorkAsEverWhileAConnectWaitsForADaemonThatDoesNotAnswe
     EXPECT_EQ(current.sa_handler, static_cast<void (*)(int)>(own));
 }
 
-TEST_F(Connection, TheApplicationsChildrenStayItsOwnToWaitFor) {
-    connect();
+/// A child that ends with status 7.
+pid_t short_child() {
     const pid_t child = ::fork();
-    ASSERT_GE(child, 0);
     if (child == 0) {
         // Not _exit() itself: to a leak checker, what belonged to the other threads looks lost.
         ::execl("/bin/sh", "sh", "-c", "exit 7", nullptr);
         ::abort();
     }
+    return child;
+}
+
+TEST_F(Connection, TheApplicationsChildrenStayItsOwnToWaitFor) {
+    connect();
+    const pid_t child = short_child();
+    ASSERT_GE(child, 0);
     // Busy while the child ends, so that a reaping loop would have had its chance.
     siginfo_t info{};
     ASSERT_EQ(::waitid(P_PID, static_cast<id_t>(child), &info, WEXITED | WNOWAIT), 0);
@@ -650,6 +657,56 @@ TEST_F(Connection, TheApplicationsChildrenStayItsOwnToWaitFor) {
     int status = 0;
     ASSERT_EQ(::waitpid(child, &status, 0), child);
     EXPECT_EQ(WEXITSTATUS(status), 7);
+}
+
+/// Asks for children that leave no zombies, for the life of the object.
+class without_zombies {
+public:
+    without_zombies() {
+        struct sigaction wanted {};
+        wanted.sa_handler = SIG_DFL;
+        wanted.sa_flags = SA_NOCLDWAIT | SA_NOCLDSTOP;
+        ::sigaction(SIGCHLD, &wanted, &before_);
+        flags_ = flags();
+    }
+    ~without_zombies() { ::sigaction(SIGCHLD, &before_, nullptr); }
+    without_zombies(const without_zombies&) = delete;
+    without_zombies& operator=(const without_zombies&) = delete;
+
+    /// Whether the flags are those that the application has set.
+    bool kept() const { return flags() == flags_; }
+    /// Whether the system heeds them: emulators may not.
+    static bool heeded() { return ::waitpid(short_child(), nullptr, 0) < 0 && errno == ECHILD; }
+
+private:
+    static int flags() {
+        struct sigaction current {};
+        ::sigaction(SIGCHLD, nullptr, &current);
+        return current.sa_handler == SIG_DFL ? current.sa_flags : -1;
+    }
+
+    struct sigaction before_ {};
+    int flags_ = 0;
+};
+
+TEST_F(Connection, ChildrenThatTheApplicationWantsNoZombiesOfLeaveNone) {
+    bus();
+    daemon_.pause();
+    const without_zombies asked;
+    const bool heeded = without_zombies::heeded();
+    outcome connected;
+    bus().connect(connected.handler());
+    wait_for_default(SIGCHLD, false);
+    EXPECT_EQ(without_zombies::heeded(), heeded) << "during a connect";
+    daemon_.resume();
+    run_until([&] { return connected.reported(); });
+    ASSERT_FALSE(connected.code());
+    EXPECT_TRUE(asked.kept());
+    EXPECT_EQ(without_zombies::heeded(), heeded) << "after it";
+    bus().disconnect({});
+    run_until_state(state::disconnected);
+    connect();
+    EXPECT_TRUE(asked.kept()) << "after another one";
 }
 
 } // namespace
