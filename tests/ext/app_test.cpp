@@ -127,6 +127,13 @@ TEST_F(App, StopEndsItWithItsStatusFromAnyThread) {
     EXPECT_EQ(run(program), 7);
 }
 
+TEST_F(App, NoStatusIsTakenForNone) {
+    app program;
+    program.stop(-1);
+    program.stop(2);
+    EXPECT_EQ(run(program), -1);
+}
+
 TEST_F(App, WhatIsPendingAtTheEndIsEndedBeforeRunReturns) {
     app program;
     std::error_code seen;

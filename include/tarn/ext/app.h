@@ -22,6 +22,8 @@
 #include <functional>
 #include <list>
 #include <memory>
+#include <mutex>
+#include <optional>
 #include <poll.h>
 #include <stdexcept>
 #include <string>
@@ -93,14 +95,21 @@ public:
 
     /// Any thread. The first call counts.
     void stop(int status) {
-        int expected = running;
-        if (status_.compare_exchange_strong(expected, status)) {
-            the_loop()->post([] {}); // has wait() look
+        {
+            const std::lock_guard<std::mutex> guard(lock_);
+            if (status_) {
+                return;
+            }
+            status_ = status;
         }
+        the_loop()->post([] {}); // has wait() look
     }
 
     /// Any thread.
-    bool stopped() const { return status_ != running; }
+    bool stopped() const {
+        const std::lock_guard<std::mutex> guard(lock_);
+        return status_.has_value();
+    }
 
     /// Any thread.
     static void report(const std::string& what) { std::fputs((what + '\n').c_str(), stderr); }
@@ -148,7 +157,7 @@ public:
             stop(1);
         }
         end();
-        return status_;
+        return *status_; // which does not change any more
     }
 
 private:
@@ -224,9 +233,8 @@ private:
         }
     }
 
-    static constexpr int running = -1;
-
-    std::atomic<int> status_{running};
+    mutable std::mutex lock_;   ///< guards status_
+    std::optional<int> status_; ///< none until stop()
     std::atomic<long> outstanding_{0};
     std::list<std::function<void()>> waiting_;
     utils::link states_;
@@ -270,13 +278,14 @@ public:
     loops::epoll_loop& loop() const { return *detail::app_core::the_loop(); }
 
     /// Calls `method` of `path` once there is a connection. `args` and `limit` are those of
-    /// ext::call().
+    /// ext::call(); without a `limit` it is 30 s.
     ///
     /// Thread: any.
     /// Handler: on the loop, once. One that takes a T (a reply, a structure of TARN_FIELDS), or
     ///   nothing, is called when the call has succeeded; a failure, and an exception that it
     ///   throws, is printed as "path.method: reason" and makes run() return 1. One that takes a
-    ///   result<T> is called in any case and decides itself.
+    ///   result<T> is called in any case and decides itself. Neither is called for a call that had
+    ///   not begun when the app ended: without a bus, after stop(), or after a signal.
     /// Errors: as for ext::call(), to the handler or printed.
     template <class Handler>
     void call(const std::string& path, const std::string& method, const blob::table& args,
@@ -316,9 +325,10 @@ public:
     /// the app has been run.
     int run() { return core_->run(detail::app_core::mode::once, {}); }
 
-    /// Connects, again and again after each loss with the given delays, and runs until stop() or a
-    /// signal, after which it returns 0. A call() that fails is printed, no more. An exception of
-    /// any other handler is printed and ends it with 1.
+    /// Connects, again and again after each loss with the given delays, and runs until stop(),
+    /// whose status it returns, or a signal, after which it returns 0, or fail(), after which it
+    /// returns 1. A call() that fails is printed, no more. An exception of any other handler is
+    /// printed and ends it with 1.
     /// Thread: the one that made the app.
     /// Errors: throws std::logic_error when the app has been run.
     int run_forever(const client::backoff_function& delays =
@@ -360,9 +370,9 @@ private:
 #if defined(__cpp_impl_coroutine)
 
 /// app::run() for a program that is a task: runs `work`, and returns when it has ended what it
-/// yielded, 0 for a task<void>. An exception that leaves the task is printed and makes that 1, and
-/// so does all that ends app::run(). Thread: the one that made the app. The task runs on the loop;
-/// begin it with `co_await connected(...)`.
+/// yielded, 0 for a task<void>. An exception that leaves the task is printed and makes that 1. What
+/// ends app::run() otherwise ends this as well, with the status given there. Thread: the one that
+/// made the app. The task runs on the loop; begin it with `co_await connected(...)`.
 template <class T>
 int run(app& program, task<T> work) {
     static_assert(std::is_void_v<T> || std::is_same_v<T, int>, "a task<> or a task<int>");
