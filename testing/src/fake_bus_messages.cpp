@@ -142,7 +142,8 @@ void fake_bus::core::answer_notification(const std::string& name, const std::str
     answers_[{name, method}] = std::move(answers);
 }
 
-/// What the subscribers answer; `all` is whether none of them keeps the notification waiting.
+/// What the subscribers answer; `all` is whether none of them keeps the notification waiting. As on
+/// a bus, one that sends nothing is not among them.
 std::vector<bus::notify_answer> fake_bus::core::answers_to(const notification& sent,
                                                            bool& all) const {
     std::vector<notify_answer> arrived;
@@ -161,7 +162,9 @@ std::vector<bus::notify_answer> fake_bus::core::answers_to(const notification& s
                 transferred_for_test(reply, "an answer to " + sent.name + '.' + sent.method));
         }
         all = all && !each.never;
-        arrived.push_back(std::move(answer));
+        if (!each.never || !answer.replies.empty()) {
+            arrived.push_back(std::move(answer));
+        }
     }
     return arrived;
 }

@@ -21,8 +21,9 @@
 
 namespace tarn::ext {
 
-/// The subscribers' answers to one notification, one element each, in no particular order. A
-/// subscriber that has not answered in time is an element with msg::timeout.
+/// The subscribers' answers to one notification, one element each, in no particular order. After a
+/// time limit those that have sent nothing have no element; one that has sent replies but no status
+/// has msg::timeout.
 template <class T = reply>
 using answers = std::vector<result<T>>;
 

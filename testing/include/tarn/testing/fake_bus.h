@@ -74,8 +74,10 @@ public:
     /// is published, and whenever it is published again.
     void set_subscribers(const std::string& name, std::size_t count);
     /// How the subscribers answer `method` of the object `name` from now on: one element each,
-    /// however many subscribers there are. `never` in one makes it wait for the time limit. What
-    /// nothing is said of, every subscriber answers with success and without data.
+    /// however many subscribers there are. `never` in one makes the notification wait for its time
+    /// limit; then that one is not among the answers, or, when it has replies, is with
+    /// msg::timeout. What nothing is said of, every subscriber answers with success and without
+    /// data.
     void answer_notification(const std::string& name, const std::string& method,
                              std::vector<outcome> answers);
 
