@@ -6,6 +6,7 @@
 #include <tarn/ext/service.h>
 
 #include <iostream>
+#include <limits>
 
 struct quotient {
     int whole;
@@ -14,8 +15,8 @@ struct quotient {
 TARN_FIELDS(quotient, whole, rest)
 
 tarn::ext::result<quotient> divide(int a, int b) {
-    if (b == 0) {
-        return tarn::error::msg::invalid_argument;
+    if (b == 0 || (b == -1 && a == std::numeric_limits<int>::min())) {
+        return tarn::error::msg::invalid_argument; // any caller may try
     }
     return quotient{a / b, a % b};
 }
@@ -25,7 +26,10 @@ int main() {
     tarn::ext::service calculator(app.bus(), "calculator");
     calculator.method("divide", {"a", "b"}, divide)
         .method("add", {"a", "b"}, [](long long a, std::optional<long long> b) {
-            return a + b.value_or(1); // answers {"result": ...}
+            long long sum = 0; // answers {"result": ...}
+            return __builtin_add_overflow(a, b.value_or(1), &sum)
+                       ? tarn::ext::result<long long>(tarn::error::msg::invalid_argument)
+                       : sum;
         });
     calculator.on_published([](const std::error_code& failed) {
         std::cout << "calculator: " << (failed ? failed.message() : "ready") << std::endl;

@@ -6,7 +6,7 @@
 #include <iostream>
 
 struct vote {
-    bool open;
+    std::optional<bool> open;
 };
 TARN_FIELDS(vote, open)
 using votes = tarn::ext::result<tarn::ext::answers<vote>>;
@@ -20,7 +20,8 @@ int main() {
                     const auto decide = [&door, which, answer](const votes& arrived) {
                         bool agreed = arrived.has_value();
                         for (const auto& each : arrived.value_or(tarn::ext::answers<vote>())) {
-                            agreed = agreed && (!each || each->open); // no answer in time: agreed
+                            // Who stays silent is not among them, and agrees.
+                            agreed = agreed && each && each->open.value_or(true);
                         }
                         if (agreed) {
                             door.notify("opened", which, nullptr); // waits for no answers

@@ -7,27 +7,32 @@
 
 namespace examples {
 
-inline void print(std::ostream& out, const tarn::blob::attr& value);
+/// So deep is what others have sent looked into, since each level takes a piece of the stack.
+constexpr int most_levels = 100;
 
-inline void print(std::ostream& out, const tarn::blob::table& fields) {
+inline void print(std::ostream& out, const tarn::blob::attr& value, int level = 0);
+
+inline void print(std::ostream& out, const tarn::blob::table& fields, int level = 0) {
     const char* separator = "";
     out << '{';
     for (const auto& [name, value] : fields) {
         out << separator << '"' << name << "\": ";
-        print(out, value);
+        print(out, value, level + 1);
         separator = ", ";
     }
     out << '}';
 }
 
-inline void print(std::ostream& out, const tarn::blob::attr& value) {
+inline void print(std::ostream& out, const tarn::blob::attr& value, int level) {
     using tarn::blob::bytes;
     using tarn::blob::list;
     using tarn::blob::table;
     const auto is = [&value](const std::type_info& type) {
         return value.type() == type;
     };
-    if (is(typeid(bool))) {
+    if (level >= most_levels) {
+        out << "...";
+    } else if (is(typeid(bool))) {
         out << (value.get<bool>() ? "true" : "false");
     } else if (is(typeid(unsigned char))) {
         out << static_cast<int>(value.get<unsigned char>());
@@ -44,13 +49,13 @@ inline void print(std::ostream& out, const tarn::blob::attr& value) {
     } else if (is(typeid(bytes))) {
         out << '<' << value.get<bytes>().size() << " bytes>";
     } else if (is(typeid(table))) {
-        print(out, value.get<table>());
+        print(out, value.get<table>(), level);
     } else if (is(typeid(list))) {
         const char* separator = "";
         out << '[';
         for (const auto& element : value.get<list>()) {
             out << separator;
-            print(out, element);
+            print(out, element, level + 1);
             separator = ", ";
         }
         out << ']';

@@ -1,6 +1,6 @@
 // Sends one event, a structure, to all processes that listen to it.
 //
-// Try: ubus listen 'greeting.*' & examples/send_event
+// Try: tarn listen 'greeting.*' & examples/send_event
 #include <tarn/ext/app.h>
 #include <tarn/ext/events.h>
 #include <tarn/ext/watch.h>

@@ -23,7 +23,8 @@ public:
                 if (!failing_) {
                     const auto& fields = replies.front().get<tarn::blob::table>();
                     const auto measured = fields.find("celsius");
-                    failing_ = measured == fields.end();
+                    failing_ =
+                        measured == fields.end() || measured->second.type() != typeid(double);
                     heat(!failing_ && measured->second.get<double>() < wanted_);
                 }
             },

@@ -130,7 +130,11 @@ TEST_F(ExtExamples, TheCalculatorServesUntilItIsEnded) {
     EXPECT_EQ(call("calculator divide '{\"a\": 7, \"b\": 2}'"), "0 {\"rest\":1,\"whole\":3}\n");
     EXPECT_EQ(call("calculator divide '{\"a\": 7, \"b\": 0}'"),
               "12 tarn: calculator.divide: Invalid argument\n");
+    EXPECT_EQ(call("calculator divide '{\"a\": -2147483648, \"b\": -1}'"),
+              "12 tarn: calculator.divide: Invalid argument\n");
     EXPECT_EQ(call("calculator add '{\"a\": 3000000000}'"), "0 {\"result\":3000000001}\n");
+    EXPECT_EQ(call("calculator add '{\"a\": 9223372036854775807}'"),
+              "12 tarn: calculator.add: Invalid argument\n");
     EXPECT_EQ(call("calculator add '{\"a\": 1, \"b\": 2}'"), "0 {\"result\":3}\n");
     EXPECT_EQ(call("calculator add '{\"a\": \"1\"}'"),
               "12 tarn: calculator.add: Invalid argument\n");
@@ -144,6 +148,8 @@ TEST_F(ExtExamples, TheDeferredAnswerComesFromItsWorker) {
     EXPECT_EQ(call("slow sum '{\"numbers\": [1, 2, 39]}'"), "0 {\"result\":42}\n");
     EXPECT_EQ(call("slow sum '{\"numbers\": [1, true]}'"), "0 {\"result\":2}\n");
     EXPECT_EQ(call("slow sum '{\"numbers\": [\"x\"]}'"), "12 tarn: slow.sum: Invalid argument\n");
+    EXPECT_EQ(call("slow sum '{\"numbers\": [9223372036854775807, 1]}'"),
+              "0 {\"result\":-9223372036854775808}\n");
     slow.kill(SIGINT);
     EXPECT_EQ(slow.wait(), 0);
 }
