@@ -13,8 +13,9 @@ const char* const help =
   tarn list [PATTERN] [-v] [-s] [-t SECONDS]
       Prints the paths of the objects on the bus, of all or of those that match PATTERN; with -v
       their methods too. With -s all of that as JSON.
-  tarn listen [PATTERN...] [-s] [-T] [-t SECONDS]
-      Prints the events whose id matches a PATTERN (default: all) until it is ended.
+  tarn listen [PATTERN...] [-s] [-T] [-v] [-t SECONDS]
+      Prints the events whose id matches a PATTERN (default: all) until it is ended. With -v it
+      says when the bus has registered it.
   tarn send ID [JSON] [-t SECONDS]
       Sends the event ID with the fields of the JSON object, which may be - as for call.
   tarn subscribe PATH... [-s] [-T] [-v] [-t SECONDS]
@@ -23,9 +24,10 @@ const char* const help =
   tarn wait PATH... [-t SECONDS]
       Waits until all these objects are on the bus, and for the bus itself. Calls none of them.
       Gives up after SECONDS (default 0, never). Also: wait_for.
-  tarn monitor [-m TYPE]... [-M r|t] [-s] [-T] [-t SECONDS]
+  tarn monitor [-m TYPE]... [-M r|t] [-s] [-T] [-v] [-t SECONDS]
       Prints all messages that pass the bus until it is ended; of the TYPEs given only (invoke,
-      status, ...), only those that the daemon received (r) or transmitted (t). For root.
+      status, ...), only those that the daemon received (r) or transmitted (t). With -v as listen.
+      For root.
   tarn --version
   tarn --help
 

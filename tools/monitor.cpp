@@ -73,7 +73,7 @@ std::set<int> numbers_of(const std::vector<std::string>& names) {
 
 int monitor(const options& given) {
     if (!given.words.empty()) {
-        throw usage_error("monitor takes [-m TYPE]... [-M r|t] [-s] [-T] [-t SECONDS]");
+        throw usage_error("monitor takes [-m TYPE]... [-M r|t] [-s] [-T] [-v] [-t SECONDS]");
     }
     const std::set<int> types = numbers_of(given.message_types);
     stream messages(given, "message", "messages");

@@ -239,7 +239,7 @@ TEST(CliUsage, TooFewOrTooManyWordsAreWrongUsage) {
     expect_usage_error({"send", "x", "{}", "more"}, "send takes ID [JSON] [-t SECONDS]", 254);
     expect_usage_error({"subscribe"}, "subscribe takes PATH... [-s] [-T] [-v] [-t SECONDS]", 254);
     expect_usage_error({"monitor", "more"},
-                       "monitor takes [-m TYPE]... [-M r|t] [-s] [-T] [-t SECONDS]", 254);
+                       "monitor takes [-m TYPE]... [-M r|t] [-s] [-T] [-v] [-t SECONDS]", 254);
     expect_usage_error({"wait"}, "wait takes PATH... [-t SECONDS]", 254);
     expect_usage_error({"wait", "demo", "-s"}, "wait takes PATH... [-t SECONDS]", 254);
 }

@@ -27,8 +27,8 @@ TEST(Completion, OffersTheCommands) {
 }
 
 TEST(Completion, OffersTheOptionsOfACommand) {
-    EXPECT_EQ(offered({"listen", "-"}), "--help\n-s\n-S\n-t\n-T\n");
-    EXPECT_EQ(offered({"monitor", "-"}), "--help\n-m\n-M\n-s\n-S\n-t\n-T\n");
+    EXPECT_EQ(offered({"listen", "-"}), "--help\n-s\n-S\n-t\n-T\n-v\n");
+    EXPECT_EQ(offered({"monitor", "-"}), "--help\n-m\n-M\n-s\n-S\n-t\n-T\n-v\n");
     EXPECT_EQ(offered({"--v"}), "--version\n");
     EXPECT_EQ(offered({"list", "--", "-"}), "\n");
 }

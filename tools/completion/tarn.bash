@@ -25,9 +25,8 @@ _tarn_options() {
     "") printf -- '%s\n' --version ;;
     call) printf -- '%s\n' -s -S -t ;;
     list) printf -- '%s\n' -s -S -t -v ;;
-    listen) printf -- '%s\n' -s -S -t -T ;;
-    monitor) printf -- '%s\n' -m -M -s -S -t -T ;;
-    subscribe) printf -- '%s\n' -s -S -t -T -v ;;
+    listen | subscribe) printf -- '%s\n' -s -S -t -T -v ;;
+    monitor) printf -- '%s\n' -m -M -s -S -t -T -v ;;
     send | wait | wait_for) printf -- '%s\n' -t ;;
     esac
 }
