@@ -146,7 +146,8 @@ public:
     /// What one subscriber has answered to a notification.
     struct notify_answer {
         std::list<blob::attr> replies; ///< one table for each data reply, in order of arrival
-        std::error_code status;        ///< msg::timeout when it has not answered in time
+        /// msg::timeout when it has sent replies but no status in time.
+        std::error_code status;
     };
     /// Receives the subscribers' answers and the outcome of a notification.
     using answers_handler =
@@ -165,7 +166,8 @@ public:
         /// "signature", "data", "target", "active", "no_reply", "subscribers", "user", "group".
         table attributes;
     };
-    /// The name of a kind of message, such as "invoke"; empty for one that is not known.
+    /// The name of a kind of message, such as "invoke"; empty for one that is not known. The text
+    /// is static. Thread: any.
     static const char* name_of(int message_type);
     /// Receives one message that has passed the daemon.
     using message_handler = std::function<void(const message&)>;
@@ -179,7 +181,7 @@ public:
     ///
     /// Thread: any.
     /// Handler: for every event, on the application's loop. An event that cannot be decoded has an
-    /// empty table.
+    /// empty table. An empty handler starts nothing and gives an empty link.
     /// Errors: none here; see options::on_registered. It gets msg::permission_denied for an empty
     /// pattern and for one that this process may not listen to, and msg::invalid_argument for one
     /// that holds a NUL byte or exceeds the bus limit.
@@ -200,8 +202,8 @@ public:
     /// Errors:
     ///   msg::permission_denied     this process may not send it, or `id` begins with "ubus.";
     ///   msg::parse_error           `data` cannot be encoded (an empty attr);
-    ///   msg::invalid_argument      the encoded event exceeds the bus limit, or `id` holds a NUL
-    ///                              byte;
+    ///   msg::invalid_argument      the encoded event exceeds 1,048,056 bytes (see
+    ///                              client::invoke()), or `id` holds a NUL byte;
     ///   msg::connection_failed     not connected, or the connection ended before the answer;
     ///   msg::no_memory             memory ran out on the private thread;
     ///   generic::aborted           client::cancel() ended it.
@@ -214,7 +216,7 @@ public:
     ///
     /// Thread: any.
     /// Handler: once, on the application's loop, after the reports of standing operations whose
-    /// messages arrived ahead of the answer. No object is success with an empty list.
+    /// messages arrived ahead of the answer; may be empty. No object is success with an empty list.
     /// Errors:
     ///   msg::invalid_argument      `pattern` is empty, holds a NUL byte or exceeds the bus limit;
     ///   msg::connection_failed     not connected, or the connection ended before the answer;
@@ -228,8 +230,8 @@ public:
     /// active while it waits; releasing it ends that.
     ///
     /// Thread: any.
-    /// Handler: once, on the application's loop. It gets success when all are there, at once for no
-    /// paths.
+    /// Handler: once, on the application's loop; may be empty. It gets success when all are there,
+    /// at once for no paths.
     /// Errors:
     ///   msg::timeout               `limit` (whole seconds; zero for none) passed first. A negative
     ///                              one expires at once;
@@ -247,7 +249,8 @@ public:
     /// reported as gone.
     ///
     /// Thread: any.
-    /// Handler: for every change, on the application's loop. These are not limited in number.
+    /// Handler: for every change, on the application's loop. These are not limited in number. An
+    /// empty handler starts nothing and gives an empty link.
     /// Errors: none here; see options::on_registered. It gets msg::permission_denied when this
     /// process may not listen to "ubus.object.add" and "ubus.object.remove", and
     /// msg::invalid_argument as objects().
@@ -266,7 +269,8 @@ public:
     /// subscription, both on the application's loop, in order. Both may be empty; notifiers are
     /// then answered with success. A notification that is dropped is answered msg::unknown_error.
     /// So are, when the link is released, those that are undelivered and those whose context is
-    /// kept; a handler that is running then still answers its own.
+    /// kept; a handler that is running then still answers its own. One that cannot be decoded is
+    /// answered msg::unknown_error too, and not delivered.
     /// Errors: none here; see subscription_handler. `on_change` gets `refused` with
     /// msg::invalid_argument, once, for a path that is empty, ends in `*`, holds a NUL byte or
     /// exceeds the bus limit.
@@ -289,8 +293,8 @@ public:
     /// Errors:
     ///   msg::not_found             this client publishes no such object, or not yet;
     ///   msg::parse_error           `data` cannot be encoded (an empty attr);
-    ///   msg::invalid_argument      the encoded notification exceeds the bus limit, or `method`
-    ///                              holds a NUL byte;
+    ///   msg::invalid_argument      the encoded notification, the method's name included, exceeds
+    ///                              1,048,048 bytes, or `method` holds a NUL byte;
     ///   msg::connection_failed     not connected, or the connection ended;
     ///   msg::no_memory             memory ran out on the private thread;
     ///   generic::aborted           client::cancel() ended it.
@@ -316,7 +320,8 @@ public:
     /// be published yet.
     ///
     /// Thread: any.
-    /// Handler: for every change, on the application's loop, beginning with true.
+    /// Handler: for every change, on the application's loop, beginning with true. An empty handler
+    /// starts nothing and gives an empty link.
     virtual utils::link on_subscribers(const std::string& name,
                                        const subscribers_handler& handler) = 0;
 
@@ -324,7 +329,8 @@ public:
     /// only: the messages hold everybody's data.
     ///
     /// Thread: any.
-    /// Handler: for every message, on the application's loop.
+    /// Handler: for every message, on the application's loop. An attribute that cannot be decoded
+    /// is left out. An empty handler starts nothing and gives an empty link.
     /// Errors: none here; options::on_registered gets msg::permission_denied for others.
     virtual utils::link monitor(const message_handler& handler, const options& how) = 0;
     /// The same with the default options.

@@ -103,8 +103,11 @@ public:
     /// Thread: any.
     /// Errors: throws std::runtime_error "tarn_impl::client: " followed by
     ///   "No event loop" or "Missing/expired event loop"  the first call's loop does not exist;
-    ///   "Instance of event loop can't be changed"        a later call names another live loop.
-    /// After a failed first call the next one tries again.
+    ///   "Instance of event loop can't be changed"        a later call names another live loop;
+    /// and, the first call, std::system_error when the thread cannot be started, and what the
+    /// loop's create_timer() throws. After a failed first call the next one tries again. Where the
+    /// thread's own loop cannot start, for want of descriptors for instance, the process ends with
+    /// the text of an exception, "uloop: ...".
     static client& get_instance(const std::weak_ptr<utils::event_loop>& loop);
 
     /// Connects to the bus once, at libubus's default socket, and turns automatic reconnection off.
@@ -146,7 +149,8 @@ public:
 
     /// Subscribes to the state: calls `handler` with every new state until the link is released. A
     /// subscriber added or released while a change is being reported takes effect with the next
-    /// one. An empty handler subscribes nothing and gives an empty link.
+    /// one. Of more than 32 changes that wait for a subscriber that is busy, the newest takes the
+    /// place of the one before it. An empty handler subscribes nothing and gives an empty link.
     ///
     /// Thread: any.
     /// Handler: once for every change, on the thread that changes the state.
@@ -318,8 +322,9 @@ public:
     ///
     /// Thread: any.
     /// Handler: once, on the application's loop; not when the connection ends between the call and
-    /// the sending, nor when the client is being cancelled. It may be empty, and the link is then
-    /// empty. It gets success when the reply was passed to the bus.
+    /// the sending, nor when the client is being cancelled or has been since the call came in (the
+    /// link is then empty). It may be empty, and the link is then empty too. It gets success when
+    /// the reply was passed to the bus.
     /// Errors:
     ///   msg::connection_failed     the context has expired;
     ///   msg::parse_error           `data` cannot be encoded (an empty attr);

@@ -13,12 +13,13 @@ namespace tarn::utils {
 /// An event loop of the application.
 ///
 /// The client holds it by a weak pointer only. It must outlive every call of the client's
-/// interface and stay alive while bus traffic can still arrive: when the library's own thread has
-/// a result to deliver and the loop is gone, the process ends (the result cannot be reported).
+/// interface and stay alive while bus traffic can still arrive: when the private thread of the
+/// library has a result to deliver and the loop is gone, the process ends (the result cannot be
+/// reported).
 ///
 /// What an implementation must guarantee:
-/// - post() and create_timer() are called from any thread, several at once, including the
-///   library's loop thread;
+/// - post() and create_timer() are called from any thread, several at once, including the private
+///   thread of the library;
 /// - post() is called with a lock of the library held, so it must never run the task inside the
 ///   call, nor wait for one to have run;
 /// - tasks run in the order in which they were posted, each exactly once, on one thread at a time;

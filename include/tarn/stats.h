@@ -19,7 +19,8 @@ struct stats {
     std::uint64_t connections_lost = 0; ///< that this process did not end
     std::uint64_t attempts_failed = 0;  ///< to connect
 
-    std::uint64_t calls_started = 0; ///< those that could not be sent included
+    /// Those that could not be sent included, but not those refused at once.
+    std::uint64_t calls_started = 0;
     /// Calls that have ended, by their outcome. Those whose link was released are not among them.
     std::map<std::error_code, std::uint64_t> calls_ended;
     std::uint64_t calls_given_up = 0; ///< ended by the release of their link
@@ -33,7 +34,8 @@ struct stats {
     std::uint64_t notifications_sent = 0;     ///< passed to the bus
     std::uint64_t notifications_received = 0; ///< from the bus, for all subscriptions
     std::uint64_t delivered = 0; ///< events, notifications and messages, to each handler
-    std::uint64_t dropped = 0;   ///< of these: undelivered, for a handler that was behind
+    /// The same, undelivered: a handler was behind, memory ran out, or cancel() came.
+    std::uint64_t dropped = 0;
 
     queue_length to_private_thread; ///< requests of the application
     queue_length to_application;    ///< results for the application's loop

@@ -14,7 +14,7 @@ struct blob_buf;
 namespace tarn::blob {
 
 /// A blobmsg message under construction, in a libubox `blob_buf` that the buf owns. The library
-/// builds its messages with it on the loop thread; an application needs it only to make messages
+/// builds its messages with it on the private thread; an application needs it only to make messages
 /// for libubus or libubox calls of its own.
 ///
 /// Numbers go out in network byte order, signed ones as the bits of the unsigned type of their

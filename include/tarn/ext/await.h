@@ -197,7 +197,8 @@ private:
 /// result<T>: T is reply, a structure of TARN_FIELDS, or void where only success counts. The first
 /// reply counts; none is a table without fields. A reply that is no T is msg::parse_error, and
 /// message() names the field. The call begins when it is awaited. `limit` is rounded up to whole
-/// seconds, which is what the client counts; zero means no limit.
+/// seconds, which is what the client counts; zero, which is the default, means no limit: a callee
+/// that dies then leaves the task waiting for good.
 /// Thread: in a task.
 /// Errors: the codes of client::invoke(), generic::aborted after client::cancel() included; throws
 /// what invoke() throws.

@@ -99,7 +99,8 @@ inline detail::outcome_awaitable<object_list> objects(client& bus, std::string p
 }
 
 /// `co_await wait_for(bus, paths, limit)` waits until all of them are there at once and yields a
-/// result<void>. `limit` is rounded up to whole seconds; zero means no limit.
+/// result<void>. `limit` is rounded up to whole seconds; zero, which is the default, means no
+/// limit.
 /// Thread: in a task.
 /// Errors: the codes of bus::wait_for(); throws what client::get_bus() throws.
 inline detail::outcome_awaitable<void> wait_for(client& bus, std::vector<std::string> paths,
@@ -130,8 +131,8 @@ detail::outcome_awaitable<void> notify(client& bus, std::string name, std::strin
 /// `co_await notify<T>(bus, name, method, data, limit)` waits for the answers and yields a
 /// result<answers<T>>. `limit` is rounded up to whole seconds; zero means no limit.
 /// Thread: in a task.
-/// Errors: the codes of bus::notify(), but msg::timeout, which is in the answers; throws what
-/// client::get_bus() throws.
+/// Errors: the codes of bus::notify(), but msg::timeout, after which it yields the answers so far;
+/// throws what client::get_bus() throws.
 template <class T = reply>
 detail::outcome_awaitable<answers<T>> notify(client& bus, std::string name, std::string method,
                                              blob::table data, std::chrono::milliseconds limit) {

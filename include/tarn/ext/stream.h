@@ -259,8 +259,9 @@ struct object_change {
 };
 
 /// A stream of the events whose id matches `pattern`; see listen(). T is a reply unless it is
-/// given. `how.most_undelivered` holds for the stream too, and `how.on_dropped` is called as for
-/// listen(). Thread: any. Errors: as listen().
+/// given. `how.most_undelivered` holds for the stream too. `how.on_dropped` is called for what is
+/// dropped ahead of the stream, as by listen(); what the stream itself drops is counted by
+/// stream::dropped() only. Thread: any. Errors: as listen().
 template <class T = reply>
 stream<event<T>> events(client& bus, const std::string& pattern, listen_options how = {}) {
     const auto core = std::make_shared<detail::stream_core<event<T>>>(how.most_undelivered);
@@ -280,8 +281,8 @@ stream<event<T>> events(client& bus, const std::string& pattern, listen_options 
 }
 
 /// A stream of the notifications of the object at `path`; see subscribe(). Notifiers that wait for
-/// an answer get success. T is a reply unless it is given. `on_change` is called when notifications
-/// may have been missed; `how` as for events().
+/// an answer get success. T is a reply unless it is given. `on_change` is called for every change
+/// of the subscription; `how` as for events().
 /// Thread: any.
 /// Errors: as subscribe().
 template <class T = reply>

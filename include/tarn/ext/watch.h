@@ -122,8 +122,9 @@ private:
 } // namespace detail
 
 /// Calls `handler` with the state of the connection, and then with every change of it, until the
-/// returned link is released or destroyed. No change after the first state is left out or reported
-/// twice. (Changes that come before the first report are part of it: it is the newest state then.)
+/// returned link is released or destroyed. No change that the client reports after the first state
+/// is left out or reported twice. (Changes that come before the first report are part of it: it is
+/// the newest state then.)
 ///
 /// Unlike client::notify_on_state_change() it begins with the present state, and every call is on
 /// the loop. The state may have changed again by then; in `handler`, the argument counts.
