@@ -54,19 +54,19 @@ bool loop_bus::follows_objects() const {
 
 void loop_bus::add(listener& added) {
     assert_loop_side();
-    listeners_.push_back(self_of(added));
+    added.place.add_to(listeners_, added);
     restore(added);
 }
 
 void loop_bus::add(presence_watch& added) {
     assert_loop_side();
-    watches_.push_back(self_of(added));
+    added.place.add_to(watches_, added);
     restore(added);
 }
 
 void loop_bus::add(subscription& added) {
     assert_loop_side();
-    subscriptions_.push_back(self_of(added));
+    added.place.add_to(subscriptions_, added);
     if (is_exact(added.path)) {
         restore(added);
     } else {
@@ -76,20 +76,20 @@ void loop_bus::add(subscription& added) {
 
 void loop_bus::add(subscribers_watch& added) {
     assert_loop_side();
-    subscribers_watches_.push_back(self_of(added));
+    added.place.add_to(subscribers_watches_, added);
     const auto object = published(added.name);
     added.tell(object && object->object.has_subscribers);
 }
 
 void loop_bus::add(message_watch& added) {
     assert_loop_side();
-    monitors_.push_back(self_of(added));
+    added.place.add_to(monitors_, added);
     restore(added);
 }
 
 void loop_bus::add(wait_operation& added) {
     assert_loop_side();
-    waits_.push_back(self_of(added));
+    added.place.add_to(waits_, added);
     restore(added);
 }
 
@@ -111,8 +111,18 @@ void loop_bus::restore() {
             restore(*operation);
         }
     }
-    const list<wait_operation> waits = waits_; // those that are done leave the list
-    for (const auto& operation : waits) {
+    // Restoring one may end others, which leave the list then.
+    const connection_id present = loop_.connection()->id;
+    const auto is_left = [present](const auto& entry) {
+        return entry->looked_for_on != present;
+    };
+    for (;;) {
+        const auto next = std::find_if(waits_.begin(), waits_.end(), is_left);
+        if (next == waits_.end()) {
+            return;
+        }
+        const std::shared_ptr<wait_operation> operation = *next;
+        operation->looked_for_on = present;
         restore(*operation);
     }
 }
@@ -136,17 +146,21 @@ std::error_code loop_bus::restore_presence(presence_watch& watch) {
 
 void loop_bus::restore(wait_operation& operation) {
     // Listening comes first, so that nothing appears unnoticed while it is looked for.
-    const std::error_code followed = follow_objects();
+    std::error_code status = follow_objects();
     for (auto& entry : operation.present) {
         // Noted at once: events that follow it may be handled before the look-up returns.
-        find(entry.first, [&entry](const ubus_object_data& object) { entry.second = object.id; });
+        const std::error_code found = find(
+            entry.first, [&entry](const ubus_object_data& object) { entry.second = object.id; });
+        if (found == error::msg::no_memory) {
+            status = found;
+        }
     }
     // One may have gone while another was looked for: what says so has arrived by now.
     loop_.take_postponed();
     if (operation.all_present()) {
         check(operation);
-    } else if (followed && followed != error::msg::connection_failed && erase(waits_, operation)) {
-        operation.outcome = followed;
+    } else if (status && status != error::msg::connection_failed && erase(waits_, operation)) {
+        operation.outcome = status;
         bridge_.post_from_uloop(operation.done_task);
     }
 }

@@ -33,6 +33,8 @@ public:
 
     // --- standing operations begin and end ---
 
+    // Adding one cannot fail for want of memory; what becomes of its registration is reported.
+
     void add(listener& added);
     void add(presence_watch& added);
     void add(subscription& added);
@@ -91,6 +93,7 @@ private:
     static void on_notify_done(ubus_notify_request* request, int index, int status);
 
     void take_event(const char* id, blob_attr* msg);
+    /// For the event of an object that has appeared or gone.
     void follow_presence(const event& received);
     int take_notification(subscription& target, ubus_request_data& request, const char* method,
                           blob_attr* msg);
@@ -125,6 +128,10 @@ private:
     task_bridge& bridge_;
     app_side& app_;
     loop_side& loop_;
+
+    // Too long for a std::string to hold in itself.
+    const std::string object_added_ = "ubus.object.add";
+    const std::string object_removed_ = "ubus.object.remove";
 
     list<listener> listeners_;
     list<presence_watch> watches_;

@@ -21,9 +21,6 @@ namespace tarn {
 
 namespace {
 
-constexpr const char* object_added = "ubus.object.add";
-constexpr const char* object_removed = "ubus.object.remove";
-
 bool is_valid_path(const std::string& path) {
     return !path.empty() && !has_nul(path) &&
            message_size::lookup(path.size()) <= message_size::limit;
@@ -69,21 +66,26 @@ std::error_code loop_bus::listen_to(const std::string& pattern) {
     if (registered.patterns.count(pattern) != 0) {
         return error::msg::success;
     }
+    // Entered first: once the daemon has it nothing may fail any more.
+    decltype(registered.patterns)::iterator entry;
+    try {
+        entry = registered.patterns.insert(pattern).first;
+    } catch (const std::bad_alloc&) {
+        return error::msg::no_memory;
+    }
     registered.receiver.cb = &loop_bus::on_event;
     const int status = ubus_register_event_handler(bus, &registered.receiver, pattern.c_str());
-    if (loop_.usable_bus() != bus) {
-        return error::msg::connection_failed;
+    if (status != 0) {
+        registered.patterns.erase(entry);
     }
-    if (status == 0) {
-        registered.patterns.insert(pattern);
-    }
-    return client_impl::to_msg_error(status);
+    return loop_.usable_bus() == bus ? client_impl::to_msg_error(status)
+                                     : make_error_code(error::msg::connection_failed);
 }
 
 std::error_code loop_bus::follow_objects() {
     // In this order: an object whose appearance is noticed must not go unnoticed in between.
-    const std::error_code removed = listen_to(object_removed);
-    return removed ? removed : listen_to(object_added);
+    const std::error_code removed = listen_to(object_removed_);
+    return removed ? removed : listen_to(object_added_);
 }
 
 /// The bus can only forget all patterns of a receiver together. So the receiver goes with the last
@@ -118,17 +120,23 @@ void loop_bus::take_event(const char* id, blob_attr* msg) {
     counters& counts = app_.counts();
     counts.events_received.add();
     counts.bytes_received.add(msg ? blob_len(msg) : 0);
-    auto received = make_counted<event>();
-    received->id = id;
-    try {
-        received->data = blob::utils::to_table(msg);
-    } catch (const std::bad_alloc&) {
-        throw;
-    } catch (const std::exception&) {
-        received->data.clear(); // one that cannot be decoded counts as an empty one
-    }
-    if (follows_objects()) {
+    std::shared_ptr<event> received;
+    const auto decode = [&] {
+        received = make_counted<event>();
+        received->id = id;
+        try {
+            received->data = blob::utils::to_table(msg);
+        } catch (const std::bad_alloc&) {
+            throw;
+        } catch (const std::exception&) {
+            received->data.clear(); // one that cannot be decoded counts as an empty one
+        }
+    };
+    if (follows_objects() && (id == object_added_ || id == object_removed_)) {
+        bridge_.reserve().cover(decode); // it says what changes, which must not be lost
         follow_presence(*received);
+    } else {
+        decode();
     }
     for (const auto& operation : listeners_) {
         if (matches(operation->pattern, received->id)) {
@@ -140,10 +148,7 @@ void loop_bus::take_event(const char* id, blob_attr* msg) {
 // --- the presence of objects ---
 
 void loop_bus::follow_presence(const event& received) {
-    const bool added = received.id == object_added;
-    if (!added && received.id != object_removed) {
-        return;
-    }
+    const bool added = received.id == object_added_;
     const auto* const id = field<std::uint32_t>(received.data, "id");
     const auto* const path = field<std::string>(received.data, "path");
     if (id == nullptr || path == nullptr) {
@@ -153,7 +158,11 @@ void loop_bus::follow_presence(const event& received) {
         if (!added) {
             watch->gone(*id);
         } else if (matches(watch->pattern, *path)) {
-            watch->appeared(*id, *path);
+            try {
+                watch->appeared(*id, *path);
+            } catch (const std::bad_alloc&) {
+                app_.counts().dropped.add(); // the others are told all the same
+            }
         }
     }
     bool wanted = false;
@@ -168,15 +177,15 @@ void loop_bus::follow_presence(const event& received) {
     if (wanted) {
         request_follow_up();
     }
-    const list<wait_operation> waits = waits_; // those that are done leave the list
-    for (const auto& operation : waits) {
-        const auto entry = operation->present.find(*path);
-        if (entry == operation->present.end()) {
+    for (auto next = waits_.begin(); next != waits_.end();) {
+        wait_operation& operation = **next++; // one that is done leaves the list
+        const auto entry = operation.present.find(*path);
+        if (entry == operation.present.end()) {
             continue;
         }
         if (added) {
             entry->second = *id;
-            check(*operation);
+            check(operation);
         } else if (entry->second == *id) {
             entry->second = 0;
         }

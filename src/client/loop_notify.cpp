@@ -10,8 +10,10 @@
 #include "tarn/error.h"
 
 #include <array>
+#include <list>
 #include <new>
 #include <stdexcept>
+#include <utility>
 
 namespace tarn {
 
@@ -135,22 +137,34 @@ void loop_bus::on_notify_data(ubus_request* request, int /*type*/, blob_attr* ms
         }
         loop_bus& self = client_impl::get_instance({}).loop().bus();
         self.app_.counts().bytes_received.add(blob_len(fields[UBUS_ATTR_DATA]));
-        bus::table reply;
+        bus::table table;
         try {
-            reply = blob::utils::to_table(fields[UBUS_ATTR_DATA]);
+            table = blob::utils::to_table(fields[UBUS_ATTR_DATA]);
+        } catch (const std::bad_alloc&) {
+            operation.result = error::msg::no_memory;
+            return;
         } catch (const std::exception&) {
-            reply.clear(); // one that cannot be decoded counts as an empty one
+            table.clear(); // one that cannot be decoded counts as an empty one
         }
-        self.bridge_.reserve().cover(
-            [&] { operation.add_reply(blob_get_u32(fields[UBUS_ATTR_OBJID]), blob::attr(reply)); });
+        std::list<blob::attr> reply;
+        self.bridge_.reserve().cover([&] {
+            if (reply.empty()) {
+                std::list<blob::attr> made(1);
+                made.front().set<bus::table>(std::move(table)); // taken only when it succeeds
+                reply.swap(made);
+            }
+            operation.add_reply(blob_get_u32(fields[UBUS_ATTR_OBJID]), reply);
+        });
     });
 }
 
 void loop_bus::on_notify_status(ubus_notify_request* request, int index, int status) {
     guard_callback([=] {
         if (index >= 0 && index <= UBUS_MAX_NOTIFY_PEERS) {
-            notify_operation::of(*request).set_status(request->id[index],
-                                                      client_impl::to_msg_error(status));
+            auto& operation = notify_operation::of(*request);
+            client_impl::get_instance({}).loop().bus().bridge_.reserve().cover([&] {
+                operation.set_status(request->id[index], client_impl::to_msg_error(status));
+            });
         }
     });
 }
@@ -168,7 +182,7 @@ void loop_bus::on_notify_done(ubus_notify_request* request, int /*index*/, int /
         const auto kept = self_of(operation);
         if (self.loop_.connection() && self.loop_.connection()->requests.erase(operation)) {
             const bool waiting = request->req.ctx->stack_depth > 0;
-            self.complete(operation, error::msg::success);
+            self.complete(operation, operation.result);
             if (waiting) {
                 self.bridge_.flush();
             }

@@ -11,6 +11,7 @@
 #include "counted.h"
 #include "tarn/error.h"
 
+#include <new>
 #include <utility>
 
 namespace tarn {
@@ -28,8 +29,11 @@ void loop_bus::restore(subscription& operation) {
     }
     operation.tell_registered(followed);
     std::uint32_t id = 0;
-    if (!find_one(operation.path, id) && id != 0) {
+    const std::error_code found = find_one(operation.path, id);
+    if (!found && id != 0) {
         subscribe(operation, id);
+    } else if (found == error::msg::no_memory) {
+        operation.tell_change(bus::subscription::refused, found);
     }
 }
 
@@ -44,10 +48,14 @@ void loop_bus::subscribe(subscription& operation, std::uint32_t id) {
     int status = 0;
     if (operation.record == nullptr) {
         auto& subscribers = records().subscribers;
-        subscriber_record& made = subscribers.emplace_back(operation);
-        made.native().cb = &loop_bus::on_notification;
-        made.native().remove_cb = &loop_bus::on_removal;
-        operation.record = &made;
+        try {
+            operation.record = &subscribers.emplace_back(operation);
+        } catch (const std::bad_alloc&) {
+            operation.tell_change(bus::subscription::refused, error::msg::no_memory);
+            return;
+        }
+        operation.record->native().cb = &loop_bus::on_notification;
+        operation.record->native().remove_cb = &loop_bus::on_removal;
     }
     if (operation.record->native().obj.id == 0) {
         status = ubus_register_subscriber(bus, &operation.record->native());

@@ -86,19 +86,22 @@ void notify_operation::stop() {
 }
 
 bus::notify_answer& notify_operation::answer_of(std::uint32_t subscriber) {
-    for (auto& [answering, answer] : answers_) {
-        if (answering == subscriber) {
-            return answer;
+    for (std::size_t n = 0; n < answers_.size(); ++n) {
+        if (subscribers_[n] == subscriber) {
+            return answers_[n];
         }
     }
-    bus::notify_answer& added = answers_.emplace_back(subscriber, bus::notify_answer()).second;
+    subscribers_.resize(answers_.size()); // there is one more when memory ran out below
+    subscribers_.push_back(subscriber);
+    bus::notify_answer& added = answers_.emplace_back();
     added.status = error::msg::timeout; // until it answers
     return added;
 }
 
-void notify_operation::add_reply(std::uint32_t subscriber, blob::attr&& reply) {
+void notify_operation::add_reply(std::uint32_t subscriber, std::list<blob::attr>& reply) {
     const std::lock_guard<std::mutex> guard(answers_lock_);
-    answer_of(subscriber).replies.push_back(std::move(reply));
+    auto& replies = answer_of(subscriber).replies;
+    replies.splice(replies.end(), reply);
 }
 
 void notify_operation::set_status(std::uint32_t subscriber, const std::error_code& status) {
@@ -117,12 +120,8 @@ void notify_operation::tell(const std::error_code& code) {
     std::vector<bus::notify_answer> answers;
     if (!code || code == error::msg::timeout) {
         const std::lock_guard<std::mutex> guard(answers_lock_);
-        answers = std::vector<bus::notify_answer>(answers_.size());
-        auto next = answers.begin();
-        for (auto& entry : answers_) {
-            *next++ = std::move(entry.second);
-        }
-        answers_.clear();
+        answers.swap(answers_);
+        subscribers_.clear();
     }
     handler(answers, code);
 }

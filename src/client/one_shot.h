@@ -2,6 +2,7 @@
 #pragma once
 
 #include "client/identity.h"
+#include "client/list_entry.h"
 #include "client/pending.h"
 #include "client/request_table.h"
 #include "client/task.h"
@@ -93,6 +94,8 @@ public:
     /// What is there, by path: the id, 0 for an object that is not. The loop thread only.
     std::map<std::string, std::uint32_t, std::less<>> present;
     bool all_present() const noexcept;
+    connection_id looked_for_on = connection_id::none; ///< since it was restored there
+    list_entry<wait_operation> place;
 
 private:
     void begin() override;
@@ -137,8 +140,12 @@ public:
     }
     connection_id carried_by = connection_id::none; ///< once libubus works on it
 
+    /// What becomes of it with the last answer. The loop thread's.
+    std::error_code result = error::msg::success;
+
     // Answers come on the loop thread while the time limit passes on the application's.
-    void add_reply(std::uint32_t subscriber, blob::attr&& reply);
+    /// Takes `reply`, one value, unless it throws.
+    void add_reply(std::uint32_t subscriber, std::list<blob::attr>& reply);
     void set_status(std::uint32_t subscriber, const std::error_code& status);
 
 private:
@@ -153,8 +160,10 @@ private:
     bus::completion_handler handler_;
     bus::answers_handler answers_handler_;
     std::mutex answers_lock_;
-    /// By subscriber, of which libubus distinguishes a few.
-    std::list<std::pair<std::uint32_t, bus::notify_answer>> answers_;
+    // One for each subscriber, of which libubus distinguishes a few. As the handler gets them, so
+    // that reporting them needs no memory.
+    std::vector<bus::notify_answer> answers_;
+    std::vector<std::uint32_t> subscribers_; ///< in the same order; may be longer
 };
 
 } // namespace tarn

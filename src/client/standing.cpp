@@ -125,7 +125,9 @@ void standing::push(standing_report report) {
         // object for present that has gone.
         app_.bridge().reserve().cover([&] { added.push_back(report); });
     } catch (const std::bad_alloc&) {
-        discard(report);
+        if (item) {
+            discard(report);
+        }
         counts.dropped.add();
         const std::lock_guard<std::mutex> guard(lock_);
         ++dropped_;

@@ -9,6 +9,7 @@
 #include "counted.h"
 #include "tarn/error.h"
 
+#include <new>
 #include <utility>
 
 namespace tarn {
@@ -79,8 +80,11 @@ void presence_watch::end() {
 
 void presence_watch::appeared(std::uint32_t id, const std::string& path) {
     if (present_.count(id) == 0) {
-        const auto kept = make_counted<std::string>(path);
-        present_.emplace(id, kept);
+        path_ptr kept;
+        app_.bridge().reserve().cover([&] {
+            kept = make_counted<std::string>(path);
+            present_.emplace(id, kept);
+        });
         tell(bus::presence::appeared, id, kept);
     }
 }
@@ -174,8 +178,14 @@ void subscription::deliver(const standing_report& report) {
     if (arrived.call) {
         arrived.call->args = std::move(arrived.args);
     }
-    const auto context = arrived.call ? make_counted<exchange_ctx>(app_, arrived.call)
-                                      : make_counted<exchange_ctx>(app_, std::move(arrived.args));
+    std::shared_ptr<exchange_ctx> context;
+    try {
+        context = arrived.call ? make_counted<exchange_ctx>(app_, arrived.call)
+                               : make_counted<exchange_ctx>(app_, std::move(arrived.args));
+    } catch (const std::bad_alloc&) {
+        discard(report); // the notifier waits
+        throw;
+    }
     if (const auto called = handler<bus::notification_handler>()) {
         if (const auto answer = (*called)(arrived.method, context)) {
             context->respond(*answer);

@@ -2,6 +2,7 @@
 /// handlers are guarded by the lock of the base, the rest is the loop thread's.
 #pragma once
 
+#include "client/list_entry.h"
 #include "client/served_call.h"
 #include "client/standing.h"
 #include "tarn/bus.h"
@@ -33,6 +34,7 @@ public:
     void tell(const std::shared_ptr<const event>& received);
 
     const std::string pattern;
+    list_entry<listener> place;
 
 private:
     void begin() override;
@@ -51,6 +53,7 @@ public:
     void all_gone();
 
     const std::string pattern;
+    list_entry<presence_watch> place;
 
 private:
     using path_ptr = std::shared_ptr<const std::string>;
@@ -94,6 +97,7 @@ public:
     std::uint32_t wanted = 0;            ///< an object that has appeared at the path
     subscriber_record* record = nullptr; ///< of this connection
     open_calls calls;                    ///< notifications that the handler is to answer
+    list_entry<subscription> place;
 
 private:
     void begin() override;
@@ -111,6 +115,7 @@ public:
     void tell(bool has_subscribers);
 
     const std::string name;
+    list_entry<subscribers_watch> place;
 
 private:
     void begin() override;
@@ -127,6 +132,8 @@ public:
                   const bus::options& how);
 
     void tell(const std::shared_ptr<const bus::message>& passed);
+
+    list_entry<message_watch> place;
 
 private:
     void begin() override;

@@ -18,11 +18,13 @@ namespace {
 
 thread_local std::size_t count = 0;
 thread_local std::size_t fail_at = 0; // the count at which to fail; 0 for never
+thread_local std::size_t fail_times = 1;
 std::atomic<long> blocks{0};
 std::atomic<long> bytes{0};
 
 bool fails() {
-    return ++count == fail_at;
+    ++count;
+    return fail_at != 0 && count >= fail_at && count - fail_at < fail_times;
 }
 
 void account(void* memory, long sign) {
@@ -104,8 +106,9 @@ held_memory memory_held() {
     return {blocks.load(), bytes.load()};
 }
 
-failing_allocation::failing_allocation(std::size_t nth) {
+failing_allocation::failing_allocation(std::size_t nth, std::size_t times) {
     fail_at = count + nth;
+    fail_times = times;
 }
 
 failing_allocation::~failing_allocation() {

@@ -18,16 +18,16 @@ struct held_memory {
 };
 held_memory memory_held();
 
-/// While it lives, the `nth` allocation of this thread, counted from 1 as above, fails:
-/// std::bad_alloc or a null pointer.
+/// While it lives, the `nth` allocation of this thread, counted from 1 as above, fails, and with it
+/// so many `times` in a row: std::bad_alloc or a null pointer.
 class failing_allocation {
 public:
-    explicit failing_allocation(std::size_t nth);
+    explicit failing_allocation(std::size_t nth, std::size_t times = 1);
     ~failing_allocation();
     failing_allocation(const failing_allocation&) = delete;
     failing_allocation& operator=(const failing_allocation&) = delete;
 
-    /// Whether that allocation was reached.
+    /// Whether the first of these was reached.
     bool happened() const;
 };
 
