@@ -190,6 +190,9 @@ void app_side::dispatch_call(served_call& call) {
     } catch (const std::bad_alloc&) {
         complete_call(call, error::msg::no_memory);
         return;
+    } catch (...) {
+        complete_call(call, error::msg::unknown_error); // the copy of a handler
+        throw;
     }
     if (handler) {
         handler(ctx);

@@ -123,5 +123,38 @@ TEST_F(Throwing, AResultThatIsDroppedEndsItsCall) {
     EXPECT_FALSE(link.active());
 }
 
+/// A method handler that cannot be copied once `throws` is set.
+struct uncopyable {
+    std::shared_ptr<bool> throws;
+
+    explicit uncopyable(std::shared_ptr<bool> when)
+        : throws(std::move(when)) {}
+    uncopyable(const uncopyable& other)
+        : throws(other.throws) {
+        if (*throws) {
+            throw std::runtime_error("a copy's");
+        }
+    }
+    uncopyable& operator=(const uncopyable&) = delete;
+    ~uncopyable() = default;
+
+    void operator()(const context& /*call*/) const {}
+};
+
+TEST_F(Throwing, ACallWhoseHandlerCannotBeCopiedIsAnsweredUnknownError) {
+    const auto throws = std::make_shared<bool>(false);
+    outcome added;
+    bus().add_object("other", {{"serve", {uncopyable(throws), {}}}}, added.handler());
+    run_until([&] { return added.reported(); });
+    *throws = true;
+    call_outcome called;
+    bus().invoke("other", "serve", {}, called.handler(), seconds(0));
+    await_arrival();
+    expect_throw();
+    run_until([&] { return called.reported(); });
+    EXPECT_EQ(called.code(), msg::unknown_error);
+    *throws = false;
+}
+
 } // namespace
 } // namespace tarn::test
