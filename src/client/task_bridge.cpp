@@ -77,6 +77,11 @@ bool task_bridge::needs_drain(bool due) noexcept {
     return true;
 }
 
+/// With the lock held: something has been queued for the application's loop.
+void task_bridge::note_queued() noexcept {
+    most_queued_ = std::max<std::uint64_t>(most_queued_, queue_.size() + batch_.size());
+}
+
 void task_bridge::post_to_uloop(task& work) {
     life_id asking = life_id::none;
     {
@@ -174,6 +179,7 @@ void task_bridge::schedule_task(task& work) {
         const std::lock_guard<std::mutex> guard(lock_);
         const bool was_empty = queue_.empty();
         queue_.push(work);
+        note_queued();
         // Also while delivery waits: the task must not wait with it for a request that may never
         // come.
         if (was_empty || !drain_requested_) {
@@ -202,6 +208,7 @@ void task_bridge::put_back(task& work) noexcept {
     {
         const std::lock_guard<std::mutex> guard(lock_);
         queue_.push(work);
+        note_queued();
         if (needs_drain(true)) {
             asking = life_;
         }
@@ -377,7 +384,7 @@ void task_bridge::flush() {
             drain_requested_ = false; // one that was asked for may have run out by now
         }
         queue_.append(burst_);
-        most_queued_ = std::max<std::uint64_t>(most_queued_, queue_.size() + batch_.size());
+        note_queued();
         if (needs_drain(due)) {
             asking = life_;
         }

@@ -125,6 +125,7 @@ public:
 private:
     void queue_for_uloop(task& work);
     bool needs_drain(bool due) noexcept;
+    void note_queued() noexcept;
     void post_drain(life_id tied);
     void drop_batch() noexcept;
 

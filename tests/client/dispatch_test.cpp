@@ -4,6 +4,7 @@
 
 #include "support/hand_loop.h"
 #include "support/on_loop_thread.h"
+#include "tarn/bus.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -162,6 +163,27 @@ TEST_F(Dispatch, ThereIsNoLifeWhileCancelRunsAndAnotherOneAfterwards) {
     EXPECT_EQ(during, life_id::none);
     EXPECT_NE(bridge().life(), life_id::none);
     EXPECT_NE(bridge().life(), before);
+}
+
+TEST_F(Dispatch, TheLongestQueueForTheApplicationIsCountedWhoeverFillsIt) {
+    for (int n = 0; n < 1000; ++n) {
+        schedule_task([] {});
+    }
+    stats counted = bus().get_bus().stats();
+    EXPECT_EQ(counted.to_application.now, 1000U);
+    EXPECT_EQ(counted.to_application.highest, 1000U);
+    loop()->drain();
+    counted = bus().get_bus().stats();
+    EXPECT_EQ(counted.to_application.now, 0U);
+    EXPECT_EQ(counted.to_application.highest, 1000U);
+}
+
+TEST_F(Dispatch, ATaskThatIsPutBackCountsInTheLongestQueue) {
+    schedule_task([] {});
+    const auto back = make_counted<function_task>([] {});
+    bridge().put_back(back->work);
+    EXPECT_EQ(bus().get_bus().stats().to_application.highest, 2U);
+    loop()->drain();
 }
 
 } // namespace
