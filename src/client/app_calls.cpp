@@ -49,11 +49,20 @@ utils::link app_side::invoke_object(std::uint32_t object, const std::string& pat
     const auto call = make_counted<invoke_ctx>(*this, loop_, path, method, args, handler, each);
     call->object = object;
     handover();
-    if (object == 0) {
+    const bool counted = object == 0;
+    if (counted) {
         counts_.calls_started.add(); // before it can end
     }
-    const bool begun = timeout == std::chrono::seconds::zero() ? begin_call(*call)
-                                                               : begin_limited_call(*call, timeout);
+    bool begun = false;
+    try {
+        begun = timeout == std::chrono::seconds::zero() ? begin_call(*call)
+                                                        : begin_limited_call(*call, timeout);
+    } catch (...) {
+        if (counted) {
+            counts_.calls_started.subtract();
+        }
+        throw;
+    }
     handover();
     if (begun) {
         return call->handle();

@@ -4,8 +4,10 @@
 #include "client/failing_in_turn.h"
 
 #include "support/allocations.h"
+#include "tarn/bus.h"
 #include "tarn/error.h"
 
+#include <cstdint>
 #include <iostream>
 #include <new>
 
@@ -18,7 +20,10 @@ using context = std::shared_ptr<client::exchange_ctx>;
 
 class Memory : public client_on_bus_test {
 protected:
-    void SetUp() override { publish(); }
+    void SetUp() override {
+        args(); // made in advance, so that nothing of it fails in an operation's place
+        publish();
+    }
 
     void publish() {
         connect();
@@ -81,6 +86,9 @@ TEST_F(Memory, InvokeThrowsAndHasNotBegun) {
     EXPECT_FALSE(done.code());
     loop()->drain();
     EXPECT_EQ(done.count(), 1U) << "only the one that did not throw";
+    const stats counted = bus().get_bus().stats();
+    EXPECT_EQ(counted.calls_started, 1U);
+    EXPECT_EQ(counted.calls_pending, 0U);
 }
 
 TEST_F(Memory, AddObjectThrowsAndHasNotBegun) {
