@@ -8,17 +8,18 @@
 
 namespace tarn {
 
-/// A number that any thread may change and read. Nothing else depends on its order.
+/// A number that any thread may change and read. Who reads a change finds what that thread had
+/// changed before: so what has ended is never more than what has started, read after it.
 class atomic_counter {
 public:
-    void add(std::uint64_t n = 1) noexcept { value_.fetch_add(n, std::memory_order_relaxed); }
-    void subtract(std::uint64_t n = 1) noexcept { value_.fetch_sub(n, std::memory_order_relaxed); }
+    void add(std::uint64_t n = 1) noexcept { value_.fetch_add(n, std::memory_order_release); }
+    void subtract(std::uint64_t n = 1) noexcept { value_.fetch_sub(n, std::memory_order_release); }
     /// Makes it `n` unless it is more.
     void raise_to(std::uint64_t n) noexcept {
         std::uint64_t value = get();
         while (n > value && !value_.compare_exchange_weak(value, n, std::memory_order_relaxed)) {}
     }
-    std::uint64_t get() const noexcept { return value_.load(std::memory_order_relaxed); }
+    std::uint64_t get() const noexcept { return value_.load(std::memory_order_acquire); }
 
 private:
     std::atomic<std::uint64_t> value_{0};
