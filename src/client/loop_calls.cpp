@@ -106,7 +106,6 @@ std::error_code loop_side::start_request(invoke_ctx& call) {
         return error::msg::no_memory;
     }
     call.carried_by = connection_->id;
-    app_.counts().bytes_sent.add(blob_len(buffer.native()->head));
     ubus_request& request = call.native();
     const std::error_code started = client_impl::to_msg_error(
         ubus_invoke_async_fd(bus, id, method.c_str(), buffer.native()->head, &request, -1));
@@ -114,6 +113,7 @@ std::error_code loop_side::start_request(invoke_ctx& call) {
         connection_->requests.erase(call);
         return usable_bus() == bus ? started : error::msg::connection_failed;
     }
+    app_.counts().bytes_sent.add(blob_len(buffer.native()->head));
     // Only now: starting the request has initialised the record.
     request.priv = this;
     request.data_cb = &client_impl::invoke_req_data_handler;

@@ -80,13 +80,20 @@ std::error_code loop_bus::start_notify(notify_operation& operation) {
         return error::msg::invalid_argument;
     }
     loop_.before_write();
-    app_.counts().notifications_sent.add();
-    app_.counts().bytes_sent.add(blob_len(data));
+    const auto count_sent = [&] {
+        app_.counts().notifications_sent.add();
+        app_.counts().bytes_sent.add(blob_len(data));
+    };
     if (!operation.awaits_answers) {
         constexpr int no_answers = -1;
         const int sent = ubus_notify(bus, &object->object, method.c_str(), data, no_answers);
-        return loop_.usable_bus() == bus ? client_impl::to_msg_error(sent)
-                                         : make_error_code(error::msg::connection_failed);
+        if (loop_.usable_bus() != bus) {
+            return error::msg::connection_failed;
+        }
+        if (sent == 0) {
+            count_sent();
+        }
+        return client_impl::to_msg_error(sent);
     }
     request_table& requests = loop_.connection()->requests;
     if (!requests.insert(*bus, all_notifications, self_of<bus_request>(operation))) {
@@ -100,6 +107,7 @@ std::error_code loop_bus::start_notify(notify_operation& operation) {
         return loop_.usable_bus() == bus ? client_impl::to_msg_error(started)
                                          : make_error_code(error::msg::connection_failed);
     }
+    count_sent();
     // Only now: starting the request has initialised the record.
     request.req.priv = this;
     request.req.raw_data_cb = &loop_bus::on_notify_data;

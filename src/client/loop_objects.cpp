@@ -178,12 +178,13 @@ void loop_side::send_sync(send_operation& sending) {
         return;
     }
     before_write();
+    std::size_t length = 0;
     try {
         blob::buf buffer(sending.data);
-        app_.counts().bytes_sent.add(blob_len(buffer.native()->head));
+        length = blob_len(buffer.native()->head);
         // libubus does not check, and the daemon would drop the whole connection.
         sending.status =
-            message_size::reply(blob_len(buffer.native()->head)) > message_size::limit
+            message_size::reply(length) > message_size::limit
                 ? make_error_code(error::msg::invalid_argument)
                 : client_impl::to_msg_error(ubus_send_reply(
                       bus, const_cast<ubus_request_data*>(&call.request), buffer.native()->head));
@@ -197,6 +198,7 @@ void loop_side::send_sync(send_operation& sending) {
     end_unwritable_bus();
     if (!sending.status) {
         app_.counts().replies_sent.add();
+        app_.counts().bytes_sent.add(length);
     }
     sending.data.clear();
     if (sending.active()) {

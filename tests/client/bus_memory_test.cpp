@@ -121,18 +121,25 @@ TEST_F(BusMemory, AnEventIsSentOrReportedWhenMemoryRunsOutOnTheLoopThread) {
     EXPECT_GT(failed, 1U);
 }
 
-TEST_F(BusMemory, ANotificationIsSentOrReportedWhenMemoryRunsOutOnTheLoopThread) {
+TEST_F(BusMemory, ANotificationIsSentAndCountedOrReportedWhenMemoryRunsOutOnTheLoopThread) {
+    std::size_t sent = 0;
+    std::uint64_t bytes = 0;
     const auto failed = fail_each_on_loop_thread([&] {
         bool reported = false;
+        bytes = events().stats().bytes_sent;
         events().notify("own", "a method longer than a short text",
                         {{"text", std::string(300, 'x')}}, seconds(0),
                         [&](const auto&, const std::error_code& code) {
                             reported = true;
                             EXPECT_TRUE(!code || code == msg::no_memory || code == msg::parse_error)
                                 << code.message();
+                            sent += code ? 0U : 1U;
                         });
         run_until([&] { return reported; });
+        EXPECT_EQ(events().stats().notifications_sent, sent);
+        bytes = events().stats().bytes_sent - bytes; // of the last, which nothing failed in
     });
+    EXPECT_EQ(events().stats().bytes_sent, sent * bytes);
     EXPECT_GT(failed, 1U);
 }
 

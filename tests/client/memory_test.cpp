@@ -174,6 +174,42 @@ TEST_F(Memory, ACallIsReportedWhicheverAllocationOfTheLoopThreadFails) {
     EXPECT_GT(failed, 10U);
 }
 
+TEST_F(Memory, TheDataOfACallThatIsNotSentIsNotCounted) {
+    std::uint64_t sent = 0;
+    std::uint64_t bytes = 0;
+    const auto failed = fail_each_on_loop_thread([&] {
+        const auto before = bus().get_bus().stats().bytes_sent;
+        call_outcome done;
+        bus().invoke("own", "nothing like it", args(), done.handler(), seconds(0));
+        run_until([&] { return done.reported(); });
+        bytes = bus().get_bus().stats().bytes_sent - before; // of the last, in which nothing fails
+        if (done.code() == msg::no_memory || done.code() == msg::parse_error) {
+            EXPECT_EQ(bytes, 0U);
+        } else {
+            ++sent;
+        }
+        settle();
+        if (bus().get_state() == client::state::disconnected) {
+            publish();
+        }
+    });
+    EXPECT_GT(failed, 5U);
+    EXPECT_GT(bytes, 3000U);
+    EXPECT_LE(bus().get_bus().stats().bytes_sent, sent * bytes);
+}
+
+TEST_F(Memory, TheDataOfAReplyThatIsNotSentIsNotCounted) {
+    call_outcome done;
+    bus().invoke("own", "keep", {}, done.handler(), seconds(0));
+    run_until([&] { return kept_ != nullptr; });
+    const auto before = bus().get_bus().stats().bytes_sent;
+    outcome sent;
+    kept_->send({{"text", std::string(1 << 20, 'x')}}, sent.handler()); // longer than the bus takes
+    run_until([&] { return sent.reported(); });
+    EXPECT_EQ(sent.code(), msg::invalid_argument);
+    EXPECT_EQ(bus().get_bus().stats().bytes_sent, before);
+}
+
 TEST_F(Memory, AnAdditionAndARemovalAreReportedWhicheverAllocationOfTheLoopThreadFails) {
     const auto failed = fail_each_on_loop_thread([&] {
         outcome added;
