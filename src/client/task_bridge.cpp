@@ -82,6 +82,46 @@ void task_bridge::note_queued() noexcept {
     most_queued_ = std::max<std::uint64_t>(most_queued_, queue_.size() + batch_.size());
 }
 
+/// A drain could not be requested. The loop thread may have relied on it for results, which no
+/// request of the application may follow: so it asks again.
+void task_bridge::drain_refused() noexcept {
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        drain_requested_ = false;
+        if (queue_.empty() || closed_ || std::exchange(asking_again_, true)) {
+            return;
+        }
+    }
+    try {
+        queue_for_uloop(ask_again_task_);
+    } catch (...) {
+        // The loop thread's wake-up is broken, and with it everything.
+        const std::lock_guard<std::mutex> guard(lock_);
+        asking_again_ = false;
+    }
+}
+
+void task_bridge::ask_again() {
+    life_id asking = life_id::none;
+    {
+        const std::lock_guard<std::mutex> guard(lock_);
+        asking_again_ = false;
+        if (!queue_.empty() && !closed_ && needs_drain(true)) {
+            asking = life_;
+        }
+    }
+    if (asking == life_id::none) {
+        return;
+    }
+    try {
+        reserve_.cover([&] { post_drain(asking); });
+    } catch (...) {
+        // No memory even now, or no loop. Asked for by whatever comes next.
+        const std::lock_guard<std::mutex> guard(lock_);
+        drain_requested_ = false;
+    }
+}
+
 void task_bridge::post_to_uloop(task& work) {
     life_id asking = life_id::none;
     {
@@ -99,9 +139,7 @@ void task_bridge::post_to_uloop(task& work) {
         try {
             post_drain(asking);
         } catch (...) {
-            // What waits is asked for again by whatever comes next.
-            const std::lock_guard<std::mutex> guard(lock_);
-            drain_requested_ = false;
+            drain_refused();
             throw;
         }
     }
@@ -156,8 +194,9 @@ void task_bridge::post_ready(task& work) noexcept {
             post_drain(asking);
         }
     } catch (...) {
-        // No memory to ask for a drain, which the next request does. Or the loop thread's wake-up
-        // is broken, and with it everything.
+        // No memory to ask for a drain. Or the loop thread's wake-up is broken, and with it
+        // everything.
+        drain_refused();
     }
 }
 
@@ -194,9 +233,11 @@ void task_bridge::schedule_task(task& work) {
         post_drain(asking);
     } catch (...) {
         task_queue::entry refused; // released outside the lock
-        const std::lock_guard<std::mutex> guard(lock_);
-        drain_requested_ = false;
-        refused = queue_.remove(work);
+        {
+            const std::lock_guard<std::mutex> guard(lock_);
+            refused = queue_.remove(work);
+        }
+        drain_refused();
         if (refused) {
             throw;
         }
@@ -218,8 +259,7 @@ void task_bridge::put_back(task& work) noexcept {
             post_drain(asking);
         }
     } catch (...) {
-        const std::lock_guard<std::mutex> guard(lock_);
-        drain_requested_ = false; // asked for again by whatever comes next
+        drain_refused();
     }
 }
 
@@ -312,8 +352,7 @@ void task_bridge::drop_batch() noexcept {
             post_drain(asking);
         }
     } catch (...) {
-        const std::lock_guard<std::mutex> guard(lock_);
-        drain_requested_ = false; // asked for again by whatever comes next
+        drain_refused();
     }
 }
 

@@ -22,7 +22,7 @@ namespace tarn {
 ///
 /// Never destroyed while the loop thread runs. The lock inside is the last one that is taken: only
 /// the queues are called with it held.
-class task_bridge {
+class task_bridge : public self_counted {
 public:
     explicit task_bridge(const std::weak_ptr<utils::event_loop>& loop);
 
@@ -36,7 +36,7 @@ public:
     /// thread cannot be woken, or the application's loop not be asked; `work` is not queued then.
     void post_to_uloop(task& work);
     /// The same for work that must be done. When there is no memory to ask the application's loop
-    /// for anything, the next request does.
+    /// for anything, the loop thread does, or the next request.
     void post_ready(task& work) noexcept;
 
     /// Runs `work` on the application's loop, never inside this call. Throws when the loop cannot
@@ -126,12 +126,14 @@ private:
     void queue_for_uloop(task& work);
     bool needs_drain(bool due) noexcept;
     void note_queued() noexcept;
+    void drain_refused() noexcept;
+    void ask_again();
     void post_drain(life_id tied);
     void drop_batch() noexcept;
 
     const std::weak_ptr<utils::event_loop> loop_;
 
-    mutable std::mutex lock_; ///< guards the members down to stopped_
+    mutable std::mutex lock_; ///< guards the members down to closed_
     std::atomic<life_id> life_{next_after(life_id::none)};
     life_id last_life_ = life_; ///< also while life_ is none
     task_queue to_uloop_;
@@ -142,13 +144,15 @@ private:
     bool delivery_waits_ = true;   ///< results wait for the application's next request
     std::uint64_t most_to_uloop_ = 0; ///< entries in the queues at a time, so far
     std::uint64_t most_queued_ = 0;
-    bool closed_ = false; ///< the loop thread is gone or going: nothing more may be posted
+    bool asking_again_ = false; ///< the task is queued
+    bool closed_ = false;       ///< the loop thread is gone or going: nothing more may be posted
 
     // The loop thread's alone.
     task_queue burst_;
     bool burst_is_due_ = false;
     int burst_depth_ = 0;
     memory_reserve reserve_;
+    loop_task<task_bridge, &task_bridge::ask_again> ask_again_task_{*this};
 };
 
 } // namespace tarn

@@ -9,6 +9,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <functional>
+#include <memory>
+#include <new>
+#include <utility>
+#include <vector>
+
 namespace tarn::test {
 namespace {
 
@@ -29,10 +35,22 @@ public:
     droppable_task<function_task, &function_task::run> work{*this};
 };
 
+/// A loop with something to do ahead of the next post(), once.
+class hooked_loop final : public hand_loop {
+public:
+    void post(const std::function<void()>& task) override {
+        if (const auto first = std::exchange(before_post, nullptr)) {
+            first();
+        }
+        hand_loop::post(task);
+    }
+    std::function<void()> before_post;
+};
+
 class Dispatch : public ::testing::Test {
 protected:
-    static const std::shared_ptr<hand_loop>& loop() {
-        static const auto instance = std::make_shared<hand_loop>();
+    static const std::shared_ptr<hooked_loop>& loop() {
+        static const auto instance = std::make_shared<hooked_loop>();
         return instance;
     }
     static client_impl& bus() { return client_impl::get_instance(loop()); }
@@ -42,6 +60,14 @@ protected:
     std::function<void()> record(int n) {
         return [this, n] {
             ran_.push_back(n);
+        };
+    }
+
+    /// The next request of a drain fails, when the loop thread has relied on it for `result`.
+    void refuse_next_drain(int result) {
+        loop()->before_post = [this, result] {
+            on_loop_thread([&] { post_from_uloop(record(result)); });
+            throw std::bad_alloc();
         };
     }
 
@@ -184,6 +210,39 @@ TEST_F(Dispatch, ATaskThatIsPutBackCountsInTheLongestQueue) {
     bridge().put_back(back->work);
     EXPECT_EQ(bus().get_bus().stats().to_application.highest, 2U);
     loop()->drain();
+}
+
+TEST_F(Dispatch, AResultThatReliesOnADrainForATaskThatIsRefusedIsDelivered) {
+    post_to_uloop([] {});
+    on_loop_thread([] {});
+    loop()->drain();
+    refuse_next_drain(1);
+    EXPECT_THROW(schedule_task(record(2)), std::bad_alloc);
+    on_loop_thread([] {});
+    loop()->drain();
+    EXPECT_THAT(ran_, ElementsAre(1));
+}
+
+TEST_F(Dispatch, AResultThatReliesOnADrainForARequestThatIsRefusedIsDelivered) {
+    bus();
+    on_loop_thread([&] { post_from_uloop(record(1)); });
+    refuse_next_drain(2);
+    EXPECT_THROW(post_to_uloop(record(3)), std::bad_alloc);
+    on_loop_thread([] {});
+    loop()->drain();
+    EXPECT_THAT(ran_, ElementsAre(1, 2));
+}
+
+TEST_F(Dispatch, AResultThatReliesOnADrainForATaskThatIsPutBackIsDeliveredWithIt) {
+    post_to_uloop([] {});
+    on_loop_thread([] {});
+    loop()->drain();
+    refuse_next_drain(1);
+    const auto back = make_counted<function_task>(record(2));
+    bridge().put_back(back->work);
+    on_loop_thread([] {});
+    loop()->drain();
+    EXPECT_THAT(ran_, ElementsAre(2, 1));
 }
 
 } // namespace

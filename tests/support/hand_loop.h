@@ -12,7 +12,7 @@
 
 namespace tarn::test {
 
-class hand_loop final : public test_loop {
+class hand_loop : public test_loop {
 public:
     void post(const std::function<void()>& task) override { loop_.post(task); }
     std::shared_ptr<timer> create_timer() override { return loop_.create_timer(); }
