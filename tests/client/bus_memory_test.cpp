@@ -561,6 +561,7 @@ TEST_F(StandingMemory, TellingTheAnswersOfSubscribersNeedsNone) {
         answered = answers.size();
         told = code;
     };
+    settle();
     events().notify("own", "may", {{"n", 7}}, seconds(0), handler);
     ASSERT_TRUE(loop()->wait_for_task(limit));
     {
