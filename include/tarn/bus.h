@@ -69,8 +69,9 @@ public:
         dropped_handler on_dropped;
         /// Called with the outcome of each registration with the bus: once for every connection. It
         /// gets success when the operation is in place, for on_object() after the objects that were
-        /// there; or the status with which the daemon refused, such as msg::permission_denied: then
-        /// the operation has no effect until the next connection. May be empty.
+        /// there; or the status with which the daemon refused, such as msg::permission_denied, or
+        /// msg::no_memory when memory ran out on the private thread: then the operation has no
+        /// effect until the next connection. May be empty.
         completion_handler on_registered;
     };
 
@@ -130,7 +131,8 @@ public:
     /// Is notified of each change of a subscription, with the reason: success when subscribed;
     /// msg::not_found when the object has gone, msg::connection_failed when the connection ended;
     /// the daemon's status when it refused, such as msg::invalid_argument for an object of this
-    /// process. An object that the access rules hide counts as one that is not there.
+    /// process, or msg::no_memory when memory ran out on the private thread. An object that the
+    /// access rules hide counts as one that is not there.
     using subscription_handler = std::function<void(subscription, const std::error_code&)>;
     /// How a subscription delivers. Its `on_registered` gets success once the appearance of the
     /// object is followed, before it is subscribed; and msg::permission_denied when this
