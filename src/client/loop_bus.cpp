@@ -147,6 +147,7 @@ std::error_code loop_bus::restore_presence(presence_watch& watch) {
 void loop_bus::restore(wait_operation& operation) {
     // Listening comes first, so that nothing appears unnoticed while it is looked for.
     std::error_code status = follow_objects();
+    operation.looking = true;
     for (auto& entry : operation.present) {
         // Noted at once: events that follow it may be handled before the look-up returns.
         const std::error_code found = find(
@@ -157,6 +158,7 @@ void loop_bus::restore(wait_operation& operation) {
     }
     // One may have gone while another was looked for: what says so has arrived by now.
     loop_.take_postponed();
+    operation.looking = false;
     if (operation.all_present()) {
         check(operation);
     } else if (status && status != error::msg::connection_failed && erase(waits_, operation)) {
@@ -167,7 +169,7 @@ void loop_bus::restore(wait_operation& operation) {
 
 /// Ends a wait for what is there.
 void loop_bus::check(wait_operation& operation) {
-    if (!operation.all_present()) {
+    if (operation.looking || !operation.all_present()) {
         return;
     }
     const auto found = std::find_if(waits_.begin(), waits_.end(),

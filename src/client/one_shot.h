@@ -94,6 +94,9 @@ public:
     /// What is there, by path: the id, 0 for an object that is not. The loop thread only.
     std::map<std::string, std::uint32_t, std::less<>> present;
     bool all_present() const noexcept;
+    /// What is looked up is newer than what libubus has kept meanwhile: all of that has to be
+    /// handled before the two together say what is there.
+    bool looking = false;
     connection_id looked_for_on = connection_id::none; ///< since it was restored there
     list_entry<wait_operation> place;
 

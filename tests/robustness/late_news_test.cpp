@@ -76,6 +76,30 @@ TEST_F(LateNews, AWaitGoesOnWhenOneObjectGoesWhileTheNextIsLookedFor) {
     EXPECT_EQ(waited.count(), 1U);
 }
 
+TEST_F(LateNews, AreOlderThanTheAnswerThatTheyCameAheadOf) {
+    ASSERT_NO_FATAL_FAILURE(connect());
+    outcome waited;
+    // One of the two is there at a time, and the answer is about the last of these.
+    scripted_.on_next(wire::lookup, [this](const wire::bytes& found, const auto&) {
+        constexpr std::uint32_t other = scripted_bus::remote_id + 1;
+        return answer{scripted_.remote_event(scripted_bus::gone, other) +
+                      scripted_.remote_event(scripted_bus::appeared, other + 1, "zz") +
+                      scripted_.remote_event(scripted_bus::gone, other + 1, "zz") +
+                      scripted_.remote_event(scripted_bus::appeared) + found};
+    });
+    const utils::scoped_link waiting = bus().get_bus().wait_for(
+        {scripted_bus::remote_path, "zz"}, std::chrono::seconds::zero(), waited.handler());
+    ASSERT_TRUE(scripted_.wait_for_reaction());
+    catch_up();
+    EXPECT_EQ(waited.count(), 0U);
+
+    scripted_.send([this] {
+        return scripted_.remote_event(scripted_bus::appeared, scripted_bus::remote_id + 3, "zz");
+    });
+    run_until([&] { return waited.reported(); });
+    EXPECT_FALSE(waited.code()) << waited.code().message();
+}
+
 TEST_F(LateNews, AnObjectThatGoesWhileAWatchLooksForItDoesNotStay) {
     ASSERT_NO_FATAL_FAILURE(connect());
     scripted_.on_next(wire::lookup, telling_after(scripted_bus::gone));

@@ -53,8 +53,8 @@ wire::bytes scripted_bus::call_message(std::uint16_t seq, const wire::bytes& att
     return wire::message(wire::invoke, seq, caller_id, attributes);
 }
 
-wire::bytes scripted_bus::remote_event(const std::string& name, std::uint32_t object) const {
-    const std::string path = remote_path;
+wire::bytes scripted_bus::remote_event(const std::string& name, std::uint32_t object,
+                                       const std::string& path) const {
     wire::bytes text(path.begin(), path.end());
     text.push_back(0);
     const auto byte = [object](unsigned shift) {

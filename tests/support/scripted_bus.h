@@ -111,11 +111,12 @@ public:
     /// The id of the object that the client has added last. For reactions.
     std::uint32_t newest_object() const { return newest_object_; }
 
-    /// The event that the foreign object, or another one at its path, has appeared or gone, for the
-    /// object with which the client listens to it. For reactions and send().
+    /// The event that the foreign object, or another one, has appeared or gone, for the object with
+    /// which the client listens to it. For reactions and send().
     static constexpr const char* appeared = "ubus.object.add";
     static constexpr const char* gone = "ubus.object.remove";
-    wire::bytes remote_event(const std::string& name, std::uint32_t object = remote_id) const;
+    wire::bytes remote_event(const std::string& name, std::uint32_t object = remote_id,
+                             const std::string& path = remote_path) const;
 
     /// What a healthy bus answers.
     static wire::bytes status_message(const wire::received& request, std::uint32_t status);
