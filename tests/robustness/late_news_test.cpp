@@ -35,15 +35,6 @@ protected:
         };
     }
 
-    /// All that was written to the client before has been handled and reported.
-    void catch_up() {
-        call_outcome called;
-        bus().invoke(scripted_bus::remote_path, scripted_bus::remote_method, {}, called.handler(),
-                     std::chrono::seconds::zero());
-        run_until([&] { return called.reported(); });
-        settle();
-    }
-
     /// A request that libubus waits for.
     static void look_up() {
         bus().get_bus().objects(scripted_bus::remote_path, [](const auto&, const auto&) {});

@@ -148,6 +148,14 @@ void misbehaving_bus_test::use_bus(const char* path, const char* method,
     EXPECT_FALSE(object_deleted.code()) << object_deleted.code().message();
 }
 
+void misbehaving_bus_test::catch_up() {
+    call_outcome called;
+    bus().invoke(scripted_bus::remote_path, scripted_bus::remote_method, {}, called.handler(),
+                 std::chrono::seconds::zero());
+    run_until([&] { return called.reported(); });
+    settle();
+}
+
 void misbehaving_bus_test::disconnect() {
     outcome disconnected;
     bus().disconnect(disconnected.handler());

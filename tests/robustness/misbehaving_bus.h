@@ -97,6 +97,8 @@ protected:
     /// The same on the daemon. The last step of a test.
     void expect_recovery_on_daemon();
 
+    /// All that was written to the client before has been handled and reported.
+    static void catch_up();
     void disconnect();
     void use_bus(const char* path, const char* method, const std::error_code& expected);
 

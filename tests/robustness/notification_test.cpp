@@ -39,15 +39,6 @@ protected:
             changes_.emplace_back(names.at(static_cast<std::size_t>(now)));
         };
     }
-    /// All that was written to the client before has been handled and reported.
-    void catch_up() {
-        call_outcome called;
-        bus().invoke(scripted_bus::remote_path, scripted_bus::remote_method, {}, called.handler(),
-                     std::chrono::seconds::zero());
-        run_until([&] { return called.reported(); });
-        settle();
-    }
-
     std::vector<std::string> changes_;
     std::atomic<std::uint32_t> subscriber_{0};
 };
