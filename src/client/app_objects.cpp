@@ -1,8 +1,7 @@
-/// The application's side of published objects and of the calls that they serve.
+/// The application's side of published objects.
 #include "client/app_side.h"
 
 #include "client/bus_name.h"
-#include "client/exchange_ctx.h"
 #include "client/handover.h"
 #include "client/loop_side.h"
 #include "counted.h"
@@ -24,10 +23,6 @@ bool any_name_has_nul(const client::method_map& methods) {
                std::any_of(fields.begin(), fields.end(),
                            [](const auto& field) { return has_nul(field.first); });
     });
-}
-
-utils::link link_to(report& operation) {
-    return operation.wanted() ? operation.handle() : utils::link();
 }
 
 } // namespace
@@ -53,7 +48,7 @@ utils::link app_side::add_object(const std::string& name, const client::method_m
         make_counted<object_operation>(*this, loop_, object_operation::kind::addition, handler);
     addition->records = object->ubus_ctx;
     // Asked for before it is listed, since the link is the handler's only trace then.
-    const utils::link link = link_to(*addition);
+    const utils::link link = addition->link();
     handover();
     const auto refused = begin_addition(object, *addition);
     handover();
@@ -92,7 +87,7 @@ utils::link app_side::del_object(const std::string& name, bool stop_serving,
     const auto removal =
         make_counted<object_operation>(*this, loop_, object_operation::kind::removal, handler);
     removal->stop_serving = stop_serving;
-    const utils::link link = link_to(*removal);
+    const utils::link link = removal->link();
     handover();
     const auto refused = begin_removal(name, *removal);
     handover();
@@ -159,77 +154,6 @@ void app_side::complete_addition(object_operation& addition, bool reported) {
 
 void app_side::complete_removal(object_operation& removal, bool reported) {
     complete(removal, true, reported);
-}
-
-// --- calls that are served ---
-
-void app_side::dispatch_call(served_call& call) {
-    assert_application_side();
-    std::shared_ptr<object_ctx> object;
-    {
-        const lock_guard guard(lock_);
-        const auto found = objects_.find(&call.records->object);
-        if (found != objects_.end() && found->second->active) {
-            object = found->second;
-        }
-    }
-    if (!object) {
-        call.refusal = true;
-        complete_call(call, error::msg::not_found);
-        return;
-    }
-    if (call.settled.exchange(true)) {
-        return; // refused meanwhile
-    }
-    counts_.calls_served.add();
-    std::shared_ptr<exchange_ctx> ctx;
-    client::method_handler handler;
-    try {
-        handler = object->handlers[call.method];
-        ctx = make_counted<exchange_ctx>(*this, self_of(call));
-    } catch (const std::bad_alloc&) {
-        complete_call(call, error::msg::no_memory);
-        return;
-    } catch (...) {
-        complete_call(call, error::msg::unknown_error); // the copy of a handler
-        throw;
-    }
-    if (handler) {
-        handler(ctx);
-    }
-}
-
-void app_side::drop_call(served_call& call) noexcept {
-    if (!call.settled.exchange(true)) {
-        complete_call(call, error::msg::unknown_error);
-    }
-}
-
-void app_side::complete_call(served_call& call, const std::error_code& status) noexcept {
-    call.status = status;
-    bridge_.post_ready(call.answer_task);
-}
-
-utils::link app_side::send(const std::shared_ptr<served_call>& call,
-                           std::multimap<std::string, blob::attr>&& data,
-                           const client::completion_handler& handler) {
-    const auto operation =
-        make_counted<send_operation>(*this, loop_, call, std::move(data), handler);
-    const utils::link link = link_to(*operation);
-    const lock_guard guard(lock_);
-    if (cancelling()) {
-        return {};
-    }
-    if (operation->wanted()) {
-        send_handlers_.add(*operation);
-    }
-    try {
-        bridge_.post_to_uloop(operation->begin_task);
-    } catch (...) {
-        operation->end();
-        throw;
-    }
-    return link;
 }
 
 } // namespace tarn

@@ -107,6 +107,9 @@ public:
                            const client::completion_handler& handler);
     void complete_addition(object_operation& addition, bool reported);
     void complete_removal(object_operation& removal, bool reported);
+
+    // --- app_serving.cpp ---
+
     void dispatch_call(served_call& call);
     void drop_call(served_call& call) noexcept;
     void complete_call(served_call& call, const std::error_code& status) noexcept;

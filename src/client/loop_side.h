@@ -50,6 +50,9 @@ public:
 
     void add_object_sync(object_operation& addition);
     void del_object_sync(object_operation& removal);
+
+    // --- loop_serving.cpp ---
+
     void send_sync(send_operation& sending);
     void complete_sync(served_call& call);
 

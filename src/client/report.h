@@ -29,6 +29,8 @@ public:
 
     /// Whether there is a handler to notify of the outcome.
     bool wanted() const noexcept { return static_cast<bool>(handler_); }
+    /// The link to it, which is empty when nobody is to be notified.
+    utils::link link() { return wanted() ? handle() : utils::link(); }
 
     /// For the thread that has ended it: the handler.
     client::completion_handler take_handler() noexcept { return std::exchange(handler_, nullptr); }
