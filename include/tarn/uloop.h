@@ -5,6 +5,7 @@
 #include "tarn/export.h"
 #include "tarn/misc/unix_signal_actions.h"
 
+#include <atomic>
 #include <condition_variable>
 #include <exception>
 #include <functional>
@@ -56,7 +57,7 @@ public:
     /// A no-op that leaves nothing behind for the next run() when the loop is not running.
     ///
     /// Thread: any, tasks included.
-    /// Errors: throws what notify() throws.
+    /// Errors: throws what notify() throws; the loop has then not been asked to stop.
     void exit();
 
     /// Queues `task`; an empty one is ignored.
@@ -64,7 +65,7 @@ public:
     /// Thread: any, tasks included: what a task posts runs after all that was queued with it.
     /// Handler: `task` runs on the loop's thread, never inside this call, and is destroyed there
     /// as soon as it has run.
-    /// Errors: throws what notify() throws; the task is then not queued.
+    /// Errors: throws what notify() throws, and std::bad_alloc; the task is then not queued.
     void post(std::function<void()>&& task);
     /// The same with a copy of `task`.
     void post(const std::function<void()>& task);
@@ -139,6 +140,7 @@ private:
     std::thread::id runner_;                               ///< the thread inside run()
     std::condition_variable_any ended_;                    ///< a run has come to its end
     bool wakeup_failed_ = false; ///< a task is queued that the loop could not be woken for
+    std::atomic<int> waking_{0}; ///< posts about to write a byte. Rises with lock_ held
     /// Guards the write end while a byte is written: with lock_ held the thread that the byte wakes
     /// would have to wait for the writer. Taken after lock_.
     std::mutex wakeup_lock_;

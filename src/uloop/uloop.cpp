@@ -107,6 +107,7 @@ void uloop::post(std::function<void()>&& task) {
         if (silent) {
             return;
         }
+        ++waking_;
     }
     try {
         wake_up(position, queued);
@@ -139,6 +140,7 @@ void uloop::post_source() {
         if (silent) {
             return;
         }
+        ++waking_;
     }
     task_list refused;
     wake_up(position, refused);
@@ -152,7 +154,9 @@ bool uloop::needs_wakeup() const noexcept {
 
 void uloop::notify() {
     const std::lock_guard<std::recursive_mutex> guard(lock_);
-    if (needs_wakeup()) {
+    // A byte that a post is about to write may fail to be written, and when the loop is to exit
+    // nobody writes another.
+    if (needs_wakeup() || (waking_ > 0 && !exiting_ && running_)) {
         write_wakeup();
     }
 }
@@ -172,18 +176,21 @@ void uloop::write_wakeup() {
 }
 
 /// Wakes the loop for `task`. If that fails the task goes from the queue to `refused`, the source
-/// to its place, and the exception is rethrown. Without the lock, which the thread that wakes up
-/// takes first.
+/// to its place, and the exception is rethrown; not if the loop has taken the task all the same.
+/// Without the lock, which the thread that wakes up takes first.
 void uloop::wake_up(const std::function<void()>* task, task_list& refused) {
     try {
         write_wakeup();
-        return;
+        --waking_;
     } catch (...) {
         const std::lock_guard<std::recursive_mutex> guard(lock_);
+        --waking_;
+        bool queued = false;
         for (auto entry = queue_.cbegin(); entry != queue_.cend(); ++entry) {
             if (&*entry == task) {
                 task_list& home = task == queued_source_ ? source_ : refused;
                 home.splice(home.end(), queue_, entry);
+                queued = true;
                 break;
             }
         }
@@ -191,7 +198,9 @@ void uloop::wake_up(const std::function<void()>* task, task_list& refused) {
             queued_source_ = nullptr;
         }
         wakeup_failed_ = !queue_.empty();
-        throw;
+        if (queued) {
+            throw;
+        }
     }
 }
 

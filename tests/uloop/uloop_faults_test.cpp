@@ -266,6 +266,56 @@ TEST_F(UloopFaults, WhatWasPostedBehindATaskWhoseWakeUpFailedIsWokenForByTheNext
     EXPECT_TRUE(ran);
 }
 
+TEST_F(UloopFaults, AnExitBehindATaskWhoseWakeUpFailsEndsTheLoop) {
+    std::thread stopper;
+    loop.post([&] {
+        bool nested = false;
+        const intercept fault(call::write, [&] {
+            if (std::exchange(nested, true)) {
+                return 0;
+            }
+            // Finds the task queued, and the byte not yet written.
+            std::promise<void> returned;
+            auto has_returned = returned.get_future();
+            stopper = std::thread([this, done = std::move(returned)]() mutable {
+                loop.exit();
+                done.set_value();
+            });
+            // Either it relies on this byte and returns, or it waits to write its own.
+            has_returned.wait_for(std::chrono::milliseconds(200));
+            return EPIPE;
+        });
+        EXPECT_THROW(loop.post([] { ADD_FAILURE() << "it is not queued"; }), std::runtime_error);
+        stopper.join(); // while its write is watched
+    });
+    loop.run();
+}
+
+TEST_F(UloopFaults, ATaskThatRunsAlthoughItsWakeUpFailsWasPosted) {
+    std::promise<void> writing;
+    std::promise<void> ran;
+    std::thread poster;
+    const auto post_while_the_run_starts = [&] {
+        {
+            const intercept fault(call::write, [&] {
+                writing.set_value();
+                ran.get_future().wait();
+                return EPIPE;
+            });
+            EXPECT_NO_THROW(loop.post([&] { ran.set_value(); }));
+        }
+        loop.exit();
+    };
+    // What is queued by then the run finds without having been woken.
+    const intercept at_start(call::uloop_fd_add, [&] {
+        poster = std::thread(post_while_the_run_starts);
+        writing.get_future().wait();
+        return 0;
+    });
+    loop.run();
+    poster.join();
+}
+
 TEST_F(UloopFaults, AFailingWakeUpWriteLeavesExitAndTheLoopGoesOn) {
     const std::string text = "uloop: Can't notify uloop: Can't write into socketpair [32]: " +
                              std::string(std::strerror(EPIPE));
