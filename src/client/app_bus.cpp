@@ -134,7 +134,14 @@ void app_side::expire(const std::weak_ptr<one_shot>& watched) {
 }
 
 void app_side::abort_one_shots(era since) {
-    while (const auto ended = take_oldest(one_shots_, since)) {
+    // A handler may begin the same again, which is refused and reported like all that is known at
+    // once: those of now are the ones to end.
+    pending_list::number newest = 0;
+    {
+        const lock_guard guard(lock_);
+        newest = one_shots_.newest();
+    }
+    while (const auto ended = take_oldest(one_shots_, newest, since)) {
         handover();
         auto& operation = static_cast<one_shot&>(*ended);
         bridge_.post_ready(operation.stop_task);

@@ -46,6 +46,16 @@ std::shared_ptr<pending> app_side::take_oldest(pending_list& waiting, era since)
     return era_ == since ? waiting.take_oldest() : nullptr;
 }
 
+/// Ends the oldest of those that had begun when `newest` was the number of the newest.
+std::shared_ptr<pending> app_side::take_oldest(pending_list& waiting, pending_list::number newest,
+                                               era since) {
+    const lock_guard guard(lock_);
+    return era_ == since ? waiting.take_oldest([newest](const pending& /*entry*/, auto number) {
+        return number <= newest;
+    })
+                         : nullptr;
+}
+
 void app_side::tell_everybody(pending_list& waiting, era since, const std::error_code& code) {
     pending_list::number newest = 0;
     {

@@ -220,6 +220,8 @@ private:
     bool end_cancel(const cancellation& ending);
     void do_after_cancel();
     std::shared_ptr<pending> take_oldest(pending_list& waiting, era since);
+    std::shared_ptr<pending> take_oldest(pending_list& waiting, pending_list::number newest,
+                                         era since);
     bool begin_call(invoke_ctx& call);
     bool begin_limited_call(invoke_ctx& call, const std::chrono::seconds& timeout);
     std::shared_ptr<pending> end(pending& entry) noexcept;

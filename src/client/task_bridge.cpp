@@ -270,19 +270,19 @@ void task_bridge::fill(stats& snapshot) const {
 }
 
 void task_bridge::request_drain() {
-    const life_id tied = life_;
-    if (tied == life_id::none) {
-        return;
-    }
+    life_id asking = life_id::none;
     {
         const std::lock_guard<std::mutex> guard(lock_);
-        drain_requested_ = true;
+        asking = life_;
+        drain_requested_ = asking != life_id::none;
+    }
+    if (asking == life_id::none) {
+        return;
     }
     try {
-        post_drain(tied);
+        post_drain(asking);
     } catch (...) {
-        const std::lock_guard<std::mutex> guard(lock_);
-        drain_requested_ = false;
+        drain_refused();
         throw;
     }
 }
@@ -316,16 +316,20 @@ void task_bridge::process_task_queue(life_id tied) {
         try {
             next.work->run();
         } catch (...) {
-            drop_batch();
+            drop_batch(tied);
             throw;
         }
     }
 }
 
-void task_bridge::drop_batch() noexcept {
+/// Drops what is left of the batch, unless a newer life's drain has that by now.
+void task_bridge::drop_batch(life_id tied) noexcept {
     task_queue dropped;
     {
         const std::lock_guard<std::mutex> guard(lock_);
+        if (life_ != tied) {
+            return;
+        }
         dropped.swap(batch_);
     }
     task_queue transitions;

@@ -3,6 +3,7 @@
 #include "client/client_fixture.h"
 
 #include "support/held_loop_thread.h"
+#include "tarn/bus.h"
 #include "tarn/error.h"
 
 #include <gmock/gmock.h>
@@ -303,6 +304,129 @@ TEST_F(Overtaking, AutomaticReconnectionThatAHandlerOfCancelTurnsOnBegins) {
     EXPECT_TRUE(on.active());
     loop()->advance(seconds(1)); // in case that the end of cancel() counted as a failure
     run_until_state(state::connected);
+}
+
+TEST_F(Overtaking, AutomaticReconnectionThatAHandlerOfCancelTurnsOnBeginsWithoutAConnectionToo) {
+    utils::scoped_link on;
+    bool told = false;
+    bus().disconnect([&](const std::error_code&) {
+        told = true;
+        on = bus().auto_connect([](long long) { return seconds(1); });
+    });
+    bus().cancel();
+    EXPECT_TRUE(told);
+    EXPECT_TRUE(on.active());
+    run_until_state(state::connected);
+}
+
+TEST_F(Overtaking, WhatABusHandlerBeginsAnewWheneverItIsAbortedDoesNotHoldCancelUp) {
+    connect();
+    ASSERT_FALSE(add("own"));
+    constexpr int too_many = 1000;
+    int looked_up = 0;
+    int waited = 0;
+    int notified = 0;
+    bool again = true;
+    const std::function<void()> look_up = [&] {
+        bus().get_bus().objects("*", [&](const auto&, const std::error_code& code) {
+            EXPECT_EQ(code, generic::aborted);
+            if (again && ++looked_up < too_many) {
+                look_up();
+            }
+        });
+    };
+    const std::function<void()> wait = [&] {
+        bus().get_bus().wait_for({"nobody"}, seconds(0), [&](const std::error_code& code) {
+            EXPECT_EQ(code, generic::aborted);
+            if (again && ++waited < too_many) {
+                wait();
+            }
+        });
+    };
+    const std::function<void()> notify = [&] {
+        bus().get_bus().notify("own", "news", {}, [&](const std::error_code& code) {
+            EXPECT_EQ(code, generic::aborted);
+            if (again && ++notified < too_many) {
+                notify();
+            }
+        });
+    };
+    {
+        const held_loop_thread held; // none of them can be done
+        look_up();
+        wait();
+        notify();
+        bus().cancel();
+    }
+    again = false;
+    // Ended, then refused; what is refused after that is reported on the loop.
+    EXPECT_EQ(looked_up, 2);
+    EXPECT_EQ(waited, 2);
+    EXPECT_EQ(notified, 2);
+    loop()->drain();
+    expect_a_working_client();
+}
+
+TEST_F(Overtaking, AHandlerThatThrowsOutOfAnOverdueCancellationDropsNothingOfTheNextLife) {
+    connect();
+    std::promise<void> inside;
+    std::promise<void> may_throw;
+    bus().connect([&](const std::error_code&) { // connected already: known at once, and queued
+        inside.set_value();
+        may_throw.get_future().wait();
+        throw std::runtime_error("thrown");
+    });
+    std::thread older([] { EXPECT_THROW(bus().cancel(), std::runtime_error); });
+    inside.get_future().wait();
+    bus().cancel();
+    ASSERT_NO_FATAL_FAILURE(connect());
+    outcome second;
+    outcome third;
+    bus().connect([&](const std::error_code&) {
+        may_throw.set_value();
+        older.join();
+    });
+    bus().connect(second.handler());
+    bus().connect(third.handler());
+    loop()->drain();
+    if (older.joinable()) {
+        may_throw.set_value();
+        older.join();
+    }
+    EXPECT_EQ(second.count(), 1U);
+    EXPECT_EQ(third.count(), 1U);
+    expect_a_working_client();
+}
+
+TEST_F(Overtaking, AConnectHandlerOfAnAttemptThatIsToEndMayAskForTheNext) {
+    outcome connected;
+    outcome disconnected;
+    std::error_code first;
+    bus().connect([&](const std::error_code& code) {
+        first = code;
+        bus().connect(connected.handler());
+    });
+    bus().disconnect(disconnected.handler());
+    run_until([&] { return connected.reported(); });
+    EXPECT_FALSE(first);
+    EXPECT_FALSE(disconnected.code());
+    EXPECT_FALSE(connected.code());
+    EXPECT_EQ(bus().get_state(), state::connected);
+}
+
+TEST_F(Overtaking, ADisconnectHandlerMayEndTheAttemptThatFollows) {
+    connect();
+    outcome connected;
+    outcome disconnected;
+    bus().disconnect([&](const std::error_code& code) {
+        EXPECT_FALSE(code);
+        bus().disconnect(disconnected.handler());
+    });
+    bus().connect(connected.handler());
+    run_until([&] { return disconnected.reported(); });
+    EXPECT_FALSE(connected.code());
+    EXPECT_FALSE(disconnected.code());
+    EXPECT_EQ(bus().get_state(), state::disconnected);
 }
 
 TEST_F(Overtaking, ADisconnectOnAnotherThreadWhileTheSubscribersHearOfAConnectionIsDone) {
