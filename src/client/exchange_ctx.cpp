@@ -25,7 +25,11 @@ exchange_ctx::~exchange_ctx() {
 
 const std::shared_ptr<served_call>& exchange_ctx::open_call() const {
     static const std::shared_ptr<served_call> none;
-    return call_ && call_->connection == app_.open_connection() ? call_ : none;
+    if (!call_ || call_->connection != app_.open_connection()) {
+        return none;
+    }
+    // A notification may have been answered for the application, at the end of its subscription.
+    return !call_->records && call_->settled ? none : call_;
 }
 
 bool exchange_ctx::expired() const {

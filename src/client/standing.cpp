@@ -128,9 +128,7 @@ void standing::push(standing_report report) {
         if (item) {
             discard(report);
         }
-        counts.dropped.add();
-        const std::lock_guard<std::mutex> guard(lock_);
-        ++dropped_;
+        note_dropped();
         return;
     }
     bool posting = false;
@@ -233,6 +231,12 @@ bool standing::deliver_next(life_id life) {
         deliver(report);
     }
     return true;
+}
+
+void standing::note_dropped() noexcept {
+    app_.counts().dropped.add();
+    const std::lock_guard<std::mutex> guard(lock_);
+    ++dropped_;
 }
 
 /// Has the rest delivered later.

@@ -74,6 +74,8 @@ protected:
     virtual void deliver(const standing_report& report) = 0;
     /// Instead, for an item that is dropped. Any thread.
     virtual void discard(const standing_report& /*item*/) noexcept {}
+    /// Counts what is dropped for want of memory, for the application to be told.
+    void note_dropped() noexcept;
     /// Owns a copy of a handler; null for an empty one.
     template <class Handler>
     static std::shared_ptr<const void> kept(const Handler& handler) {

@@ -184,7 +184,9 @@ void subscription::deliver(const standing_report& report) {
                                : make_counted<exchange_ctx>(app_, std::move(arrived.args));
     } catch (const std::bad_alloc&) {
         discard(report); // the notifier waits
-        throw;
+        app_.counts().delivered.subtract();
+        note_dropped();
+        return;
     }
     if (const auto called = handler<bus::notification_handler>()) {
         if (const auto answer = (*called)(arrived.method, context)) {

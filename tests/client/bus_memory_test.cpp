@@ -533,19 +533,21 @@ TEST_F(StandingMemory, ANotificationForWhoseHandlerMemoryRanOutIsAnswered) {
     for (std::size_t nth = 1;; ++nth) {
         peer_.write_line("ask " + remote + " may 7");
         ASSERT_TRUE(loop()->wait_for_task(limit));
-        bool thrown = false;
+        outcome behind;
+        bus().connect(behind.handler()); // in the same batch
+        const auto before = events().stats();
         {
             const failing_allocation failure(nth);
-            try {
-                loop()->drain();
-            } catch (const std::bad_alloc&) {
-                thrown = true;
-            }
+            EXPECT_NO_THROW(loop()->drain());
         }
-        EXPECT_EQ(peer_.wait_for_line("answer"), thrown ? "answer 9" : "answer 0");
+        const auto after = events().stats();
+        const bool dropped = after.dropped != before.dropped;
+        EXPECT_EQ(behind.count(), 1U);
+        EXPECT_EQ(after.delivered - before.delivered, dropped ? 0U : 1U);
+        EXPECT_EQ(peer_.wait_for_line("answer"), dropped ? "answer 9" : "answer 0");
         peer_.wait_for_line("asked");
         settle();
-        if (!thrown || HasFailure()) {
+        if (!dropped || HasFailure()) {
             EXPECT_GE(report(nth - 1), 1U);
             return;
         }

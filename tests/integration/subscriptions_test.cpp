@@ -287,7 +287,12 @@ TEST_F(Subscriptions, AContextThatIsKeptIsAnsweredWhenTheLinkIsReleased) {
     wait_for(1);
     subscribed.release();
     EXPECT_EQ(answer_at_the_end(peer), "answer 9");
+    EXPECT_TRUE(contexts_.front()->expired());
+    outcome sent;
+    contexts_.front()->send({}, sent.handler());
     contexts_.front()->respond(error::msg::success); // too late
+    run_until([&] { return sent.reported(); });
+    EXPECT_EQ(sent.code(), error::msg::connection_failed);
     settle();
 }
 
