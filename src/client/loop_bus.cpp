@@ -164,6 +164,7 @@ void loop_bus::restore(wait_operation& operation) {
     } else if (status && status != error::msg::connection_failed && erase(waits_, operation)) {
         operation.outcome = status;
         bridge_.post_from_uloop(operation.done_task);
+        request_follow_up();
     }
 }
 

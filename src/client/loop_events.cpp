@@ -51,12 +51,12 @@ bool loop_bus::is_exact(const std::string& path) {
 
 /// Registers a pattern for the receiver, which is registered with the first.
 std::error_code loop_bus::listen_to(const std::string& pattern) {
-    if (has_nul(pattern) || !fits_registration(pattern)) {
-        return error::msg::invalid_argument;
-    }
     ubus_context* const bus = loop_.caught_up_bus();
     if (bus == nullptr) {
         return error::msg::connection_failed;
+    }
+    if (has_nul(pattern) || !fits_registration(pattern)) {
+        return error::msg::invalid_argument;
     }
     if (pattern.empty()) {
         // What daemons of 2025 and later answer. Older ones read what is in front of the text.

@@ -59,6 +59,9 @@ void loop_bus::subscribe(subscription& operation, std::uint32_t id) {
     }
     if (operation.record->native().obj.id == 0) {
         status = ubus_register_subscriber(bus, &operation.record->native());
+        if (loop_.usable_bus() != bus) {
+            return; // reported as the loss of the connection, with which the record has gone
+        }
     }
     operation.attempted = id;
     if (status == 0) {
