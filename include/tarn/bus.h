@@ -39,8 +39,9 @@ namespace tarn {
 /// Delivery. Every handler is called on the application's loop, never inside the operation that
 /// took it. The reports of one standing operation come in the order in which the bus sent them. A
 /// standing operation's handlers are destroyed when its link is released, unless one is running,
-/// and not called any more. client::cancel() ends the one-shot operations with generic::aborted,
-/// and drops what has not been delivered to the standing ones.
+/// and not called any more. client::cancel() ends the one-shot operations with generic::aborted, on
+/// its own thread. Of what has not been delivered to the standing ones it drops events,
+/// notifications and messages; what has appeared, gone, been subscribed to or lost is reported.
 ///
 /// Exceptions. As tarn::client. What a standing operation has not delivered when one of its
 /// handlers throws is delivered later.
@@ -71,7 +72,8 @@ public:
         /// gets success when the operation is in place, for on_object() after the objects that were
         /// there; or the status with which the daemon refused, such as msg::permission_denied, or
         /// msg::no_memory when memory ran out on the private thread: then the operation has no
-        /// effect until the next connection. May be empty.
+        /// effect until the next connection, but for what on_object() has found before. May be
+        /// empty.
         completion_handler on_registered;
     };
 
@@ -164,8 +166,9 @@ public:
         std::uint16_t seq = 0;    ///< in its header
         bool sent = false;        ///< from the daemon to that client; false: from it
         int type = 0;             ///< the number of its kind; see name_of()
-        /// Its attributes by their names: "status", "objpath", "objid", "method", "objtype",
-        /// "signature", "data", "target", "active", "no_reply", "subscribers", "user", "group".
+        /// Its attributes by their names. Numbers (unsigned int): "status", "objid", "objtype",
+        /// "target". Texts: "objpath", "method", "user", "group". Flags (bool): "active",
+        /// "no_reply". Tables: "signature", "data". A list of numbers: "subscribers".
         table attributes;
     };
     /// The name of a kind of message, such as "invoke"; empty for one that is not known. The text
@@ -179,7 +182,10 @@ public:
     /// Listens to the events whose id matches `pattern`: that is `pattern`, or begins with what
     /// precedes a `*` at its end. Any number of listeners share one receiver on the bus; each gets
     /// an event once. A process does not receive its own events, except the daemon's
-    /// "ubus.object.add" and "ubus.object.remove".
+    /// "ubus.object.add" and "ubus.object.remove". The daemon goes on sending what a released
+    /// listener has listened to, as long as the connection and any listener, on_object(),
+    /// subscribe() or wait_for() last; it is dropped here. So listen to few patterns, not to a new
+    /// one for each job.
     ///
     /// Thread: any.
     /// Handler: for every event, on the application's loop. An event that cannot be decoded has an
@@ -304,7 +310,8 @@ public:
                                const table& data, const completion_handler& handler) = 0;
 
     /// The same, waiting for the answers of all subscribers. `limit` counts whole seconds from now;
-    /// zero means none, and then a subscriber that never answers leaves the notification pending.
+    /// zero means none, and then a subscriber that never answers leaves the notification pending. A
+    /// negative one expires at once.
     /// libubus tells the answers of the first 16 subscribers apart, and awaits no others.
     ///
     /// Thread: any.

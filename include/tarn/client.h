@@ -117,9 +117,10 @@ public:
     /// Thread: any.
     /// Handler: once, on the application's loop; may be empty. It gets success, also when already
     /// connected.
-    /// Errors: generic::unknown_error when there is no bus; generic::aborted when a later
-    /// disconnect() or cancel() aborted the attempt, or when the end of a connection is being
-    /// reported (the attempt is made then).
+    /// Errors: generic::unknown_error when there is no bus; generic::aborted when cancel() ended
+    /// the attempt, when a disconnect() came before the attempt had begun (it waits for the end of
+    /// an earlier connection; one that has begun is completed, and its outcome reported), or when
+    /// the end of a connection is being reported (the attempt is made then).
     virtual utils::link connect(const completion_handler& handler) = 0;
 
     /// Connects now, and reconnects whenever the connection fails or is lost, after the delay that
@@ -143,8 +144,10 @@ public:
     /// Thread: any.
     /// Handler: once, on the application's loop; may be empty. It gets success, also when already
     /// disconnected.
-    /// Errors: generic::aborted when a later connect() aborted it, or when the outcome of a
-    /// connect() is being reported (the connection is ended then).
+    /// Errors: generic::aborted when a connect() came before the end had begun (it waits for the
+    /// outcome of an attempt that is under way; an end that has begun is completed, and reported as
+    /// success), or when the outcome of a connect() is being reported (the connection is ended
+    /// then).
     virtual utils::link disconnect(const completion_handler& handler) = 0;
 
     /// Subscribes to the state: calls `handler` with every new state until the link is released. A
@@ -209,7 +212,8 @@ public:
     /// Thread: any.
     /// Handler: once, on the application's loop; may be empty. It gets success once other clients
     /// can see the object.
-    /// Errors, after each of which the object is forgotten:
+    /// Errors, after each of which the object is forgotten (after generic::aborted once the
+    /// connection has ended, see cancel()):
     ///   msg::invalid_argument      an object of this name is already published by this client, or
     ///                              by another client of the bus; or a policy names a type that is
     ///                              no stored type of blob::attr (typeid(int) instead of
@@ -248,8 +252,9 @@ public:
     /// reconnection stops, pending calls and operations get generic::aborted, connect handlers
     /// generic::aborted, disconnect handlers success, and the state becomes `disconnected`.
     /// Published objects are no longer served; their names are free from the next
-    /// state::connected on. Every result already posted to the application's loop is dropped
-    /// without a report. The client can be used again afterwards.
+    /// state::connected on. An outcome that was known when the operation was requested, and waits
+    /// for the application's loop, is reported as it is. What has been posted to that loop before
+    /// finds nothing left to do. The client can be used again afterwards.
     ///
     /// It never waits for the bus, nor for a handler that has begun on the application's loop when
     /// another thread calls cancel(): so the last reply that invoke_each() reports may be handled
@@ -264,8 +269,9 @@ public:
 
     /// As invoke(), for replies that are wanted when they come, or are many: `each` gets every
     /// reply as it arrives, and `handler` the outcome after the last of them. Nothing is kept of a
-    /// reply that `each` has got. Replies that arrive before a time limit, before the end of the
-    /// connection or before cancel() are delivered, unlike invoke()'s.
+    /// reply that `each` has got. So what has come before a time limit, the end of the connection
+    /// or cancel() is known, unlike with invoke(). A time limit and cancel() drop what has arrived
+    /// but still waits for the application's loop.
     ///
     /// A client that does not override it calls invoke() and delivers the replies at the end.
     ///

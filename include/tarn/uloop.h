@@ -26,7 +26,8 @@ namespace tarn {
 /// Not to be confused with the application's loop (utils::event_loop), where handlers run.
 class TARN_API uloop {
 public:
-    /// The one instance of the process.
+    /// The one instance of the process, which is never destroyed. The tasks that are queued at the
+    /// end of the process are destroyed unrun by its exit handlers, not in a forked child.
     ///
     /// Thread: any.
     static uloop& get_instance();
@@ -141,8 +142,8 @@ private:
     std::condition_variable_any ended_;                    ///< a run has come to its end
     bool wakeup_failed_ = false; ///< a task is queued that the loop could not be woken for
     std::atomic<int> waking_{0}; ///< posts about to write a byte. Rises with lock_ held
-    /// Guards the write end while a byte is written: with lock_ held the thread that the byte wakes
-    /// would have to wait for the writer. Taken after lock_.
+    /// Guards the write end while a byte is written. A post does not hold lock_ then: the thread
+    /// that the byte wakes would have to wait for the writer. Taken after lock_.
     std::mutex wakeup_lock_;
 };
 

@@ -21,8 +21,9 @@ using policy = std::multimap<std::string, std::type_index>;
 ///
 /// Integers come back unsigned, INT8 as `unsigned char` unless a flag is requested. A string ends
 /// at its first NUL. Nesting of any depth is read with a constant amount of stack, in linear time.
-/// A reader returns all or throws, and never reads outside the field that it is given. Besides what
-/// each names, all throw `std::bad_alloc`.
+/// A reader returns all or throws, but where a child does not fit (see to_table()), and never reads
+/// outside the field that it is given. A field whose own name does not end within it has no data.
+/// Besides what each names, all throw `std::bad_alloc`.
 ///
 /// Threads: any, as long as the memory stays valid. A message that libubus passes to a callback is
 /// valid inside that callback only.

@@ -17,6 +17,8 @@ namespace linkhandlerdetail {
 
 /// The parts that link_handler() puts together: the wrapped handler, a weak reference to the place
 /// where the user's handler is kept, and the link. Function is the std::function to wrap it in.
+/// Each call runs a copy of the handler, which `once` takes out first; once it is gone a call does
+/// nothing.
 template <class Function, class F>
 std::tuple<Function, std::weak_ptr<void>, utils::link> wrap_handler(const F& handler, bool once) {
     class link_ctx final : public utils::link::impl {
