@@ -7,6 +7,7 @@
 #include "options.h"
 #include "table.h"
 
+#include <cstdlib>
 #include <exception>
 #include <filesystem>
 #include <fstream>
@@ -43,7 +44,8 @@ std::string circumstances(const options& chosen) {
     std::ostringstream text;
     text << "Daemon: " << std::filesystem::path(chosen.daemon).filename().string()
          << (chosen.peers ? ", for sdbus-c++ dbus-daemon" : "")
-         << ". Processors: " << CPU_COUNT(&allowed) << ". Build: " << TARN_BENCH_BUILD
+         << ". Processors: " << CPU_COUNT(&allowed)
+         << (chosen.batch ? ". Private thread: SCHED_BATCH" : "") << ". Build: " << TARN_BENCH_BUILD
          << ". Medians of " << chosen.repetitions
          << (chosen.quick ? " repetition, too short to say how fast." : " repetitions.");
     return text.str();
@@ -76,6 +78,9 @@ int main(int argc, char** argv) {
     try {
         if (chosen.pin) {
             pin();
+        }
+        if (chosen.batch && ::setenv("TARN_BENCH_BATCH", "1", 1) != 0) { // for the peers
+            throw std::runtime_error("cannot set a variable of the environment");
         }
         if (chosen.idle) {
             measure_idle(chosen, std::cout);

@@ -12,6 +12,7 @@ constexpr const char* help = R"(usage: tarn_bench [OPTION...]
   --peers           calls beside sdbus-c++ over a D-Bus daemon as well (needs TARN_BENCH_PEERS)
   --idle            the system calls of a client that has nothing to do (needs strace)
   --pin             everything on one processor: the daemon, both ends, and this program
+  --batch           libtarn's private thread under SCHED_BATCH
   --quick           each measurement once and short: shows that it works, not how fast
   --repetitions N   of each measurement (5)
   --only TEXT       only the rows whose name holds TEXT
@@ -45,6 +46,8 @@ options parse_options(int argc, char** argv) {
             std::exit(0);
         } else if (word == "--pin") {
             parsed.pin = true;
+        } else if (word == "--batch") {
+            parsed.batch = true;
         } else if (word == "--idle") {
             parsed.idle = true;
         } else if (word == "--peers") {

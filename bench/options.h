@@ -14,6 +14,7 @@ struct options {
     unsigned repetitions = 5;
     bool quick = false;
     bool pin = false;
+    bool batch = false; ///< libtarn's private thread under SCHED_BATCH
     bool idle = false;  ///< a client at rest, instead of the table
     bool peers = false; ///< beside sdbus-c++ as well
 };

@@ -6,11 +6,13 @@
 
 #include "tarn/client.h"
 #include "tarn/loops/epoll_loop.h"
+#include "tarn/uloop.h"
 
 #include <cstdint>
 #include <cstdlib>
 #include <iostream>
 #include <memory>
+#include <sched.h>
 #include <string>
 #include <system_error>
 #include <thread>
@@ -127,6 +129,17 @@ void serve(const std::string& object) {
     serving.join();
 }
 
+/// The private thread does not preempt whoever wakes it.
+void let_the_waker_go_on() {
+    tarn::uloop::get_instance().post([] {
+        const sched_param none = {};
+        if (::sched_setscheduler(0, SCHED_BATCH, &none) != 0) {
+            std::cerr << "tarn_peer: no SCHED_BATCH\n";
+            std::exit(1);
+        }
+    });
+}
+
 } // namespace
 
 int main(int argc, char** argv) {
@@ -136,6 +149,9 @@ int main(int argc, char** argv) {
         return 2;
     }
     complete([](const tarn::client::completion_handler& done) { bus().connect(done); });
+    if (std::getenv("TARN_BENCH_BATCH") != nullptr) {
+        let_the_waker_go_on();
+    }
     if (role == "serve") {
         serve(argv[2]);
     } else {
