@@ -13,7 +13,9 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <csignal>
+#include <exception>
 #include <optional>
 #include <string>
 #include <sys/wait.h>
@@ -159,6 +161,33 @@ TEST_F(App, AnExceptionOfAnyHandlerIsPrintedAndEndsIt) {
     program.loop().post([] { throw std::runtime_error("broken"); });
     EXPECT_EQ(run_forever(program), 1);
     EXPECT_EQ(printed_, "broken\n");
+}
+
+TEST_F(App, WhatIsNoStdExceptionIsPrintedAndEndsItLikewise) {
+    app program;
+    std::error_code seen;
+    program.call("demo", "echo", {}, [&] {
+        program.call("demo", "late", {{"ms", 100000}},
+                     [&seen](const result<void>& end) { seen = end.error(); });
+        program.loop().post([] { throw 5; });
+    });
+    EXPECT_EQ(run_forever(program), 1);
+    EXPECT_EQ(printed_, "unknown exception\n");
+    EXPECT_EQ(seen, error::generic::aborted);
+    EXPECT_EQ(program.bus().get_state(), client::state::disconnected);
+}
+
+TEST_F(App, AnExceptionOfTheHandlerOfACallMakesTheStatusOneWhateverItSays) {
+    class silent : public std::exception {
+        const char* what() const noexcept override { return ""; }
+    };
+    app program;
+    program.call("demo", "echo", {}, [&program] {
+        program.call("demo", "echo", {}, [] { throw 5; });
+        throw silent();
+    });
+    EXPECT_EQ(run(program), 1);
+    EXPECT_EQ(printed_, "demo.echo: \ndemo.echo: unknown exception\n");
 }
 
 TEST_F(App, ASignalEndsAProgramThatWaitsForAnAnswer) {

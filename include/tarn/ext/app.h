@@ -114,6 +114,17 @@ public:
     /// Any thread.
     static void report(const std::string& what) { std::fputs((what + '\n').c_str(), stderr); }
 
+    /// What the exception that is being handled says. Any thread.
+    static std::string thrown_text() {
+        try {
+            throw;
+        } catch (const std::exception& thrown) {
+            return thrown.what();
+        } catch (...) {
+            return "unknown exception";
+        }
+    }
+
     /// Starts a call as soon as there is a connection. Any thread.
     void add(std::function<void()> start) {
         ++outstanding_;
@@ -126,9 +137,9 @@ public:
     }
 
     /// One call has ended; `failure` says why it failed, if it did.
-    void ended(const std::string& failure) {
-        if (!failure.empty()) {
-            report(failure);
+    void ended(const std::optional<std::string>& failure) {
+        if (failure) {
+            report(*failure);
             failed_ = true;
         }
         if (--outstanding_ == 0 && mode_ == mode::once) {
@@ -152,8 +163,8 @@ public:
         try {
             connect(backoff);
             wait();
-        } catch (const std::exception& thrown) {
-            report(thrown.what());
+        } catch (...) {
+            report(thrown_text());
             stop(1);
         }
         end();
@@ -298,13 +309,16 @@ public:
             const auto core = weak.lock();
             ext::call<value>(core->bus, path, method, args, limit, [=](result<value> outcome) {
                 if (const auto self = weak.lock()) {
-                    std::string reason;
+                    std::optional<std::string> reason;
                     try {
                         reason = hand_over<handled::takes_result>(*self, *kept, outcome);
-                    } catch (const std::exception& thrown) {
-                        reason = thrown.what();
+                    } catch (...) {
+                        reason = detail::app_core::thrown_text();
                     }
-                    self->ended(reason.empty() ? reason : path + '.' + method + ": " + reason);
+                    if (reason) {
+                        reason->insert(0, path + '.' + method + ": ");
+                    }
+                    self->ended(reason);
                 }
             });
         });
@@ -350,18 +364,20 @@ public:
 private:
     /// Calls the handler, unless the call has failed and that is not its business: why, then.
     template <bool TakesResult, class Handler, class T>
-    static std::string hand_over(const detail::app_core& core, Handler& handler,
-                                 result<T>& outcome) {
+    static std::optional<std::string> hand_over(const detail::app_core& core, Handler& handler,
+                                                result<T>& outcome) {
         if constexpr (TakesResult) {
             handler(std::move(outcome));
         } else if (!outcome) {
-            return core.stopped() ? std::string() : outcome.message();
+            if (!core.stopped()) {
+                return outcome.message();
+            }
         } else if constexpr (std::is_void_v<T>) {
             handler();
         } else {
             handler(*std::move(outcome));
         }
-        return {};
+        return std::nullopt;
     }
 
     std::shared_ptr<detail::app_core> core_;
