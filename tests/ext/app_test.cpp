@@ -148,6 +148,42 @@ TEST_F(App, WhatIsPendingAtTheEndIsEndedBeforeRunReturns) {
     EXPECT_EQ(program.bus().get_state(), client::state::disconnected);
 }
 
+TEST_F(App, AtTheEndEveryHandlerIsCalledAlthoughSomeThrow) {
+    app program;
+    std::error_code seen;
+    program.call("demo", "echo", {}, [&] {
+        const auto wait = [&program](const client::result_handler& handler) {
+            program.bus().invoke("demo", "late", {{"ms", 100000}}, handler,
+                                 std::chrono::seconds(0));
+        };
+        wait([](const auto&, const auto&) { throw std::runtime_error("one"); });
+        wait([](const auto&, const auto&) { throw 2; });
+        wait([&seen](const auto&, const std::error_code& status) { seen = status; });
+        program.stop();
+    });
+    EXPECT_EQ(run(program), 0);
+    EXPECT_EQ(seen, error::generic::aborted);
+    EXPECT_EQ(printed_, "one\nunknown exception\n");
+    EXPECT_EQ(program.bus().get_state(), client::state::disconnected);
+}
+
+TEST_F(App, AtTheEndEveryTaskIsRunAlthoughSomeThrow) {
+    app program;
+    int run_at_end = 0;
+    program.call("demo", "echo", {}, [&] {
+        program.loop().post([&program, &run_at_end] {
+            program.loop().post([&run_at_end] { ++run_at_end; });
+            throw std::runtime_error("one");
+        });
+        program.loop().post([] { throw 2; });
+        program.loop().post([&run_at_end] { ++run_at_end; });
+        program.stop();
+    });
+    EXPECT_EQ(run(program), 0);
+    EXPECT_EQ(run_at_end, 2);
+    EXPECT_EQ(printed_, "one\nunknown exception\n");
+}
+
 TEST_F(App, TheEndOfTheConnectionIsAFailure) {
     app program;
     program.call("demo", "late", {{"ms", 100000}}, [] { FAIL(); });

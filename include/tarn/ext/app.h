@@ -236,11 +236,27 @@ private:
         constexpr int turns = 100; // a handler that posts itself again does not keep the program
         states_.release();
         waiting_.clear();
-        try {
-            bus.cancel();
-            for (int turn = 0; turn < turns && the_loop()->dispatch() != 0; ++turn) {}
-        } catch (const std::exception& thrown) {
-            report(thrown.what());
+        cancel();
+        int turn = 0;
+        for (bool more = true; more && turn < turns; ++turn) {
+            try {
+                more = the_loop()->dispatch() != 0;
+            } catch (...) {
+                report(thrown_text()); // the other tasks of the turn belong to the next one
+            }
+        }
+    }
+
+    /// client::cancel() to its end: one that throws has called at least one handler, or notified of
+    /// a change of the state, and leaves the rest to the next.
+    void cancel() {
+        constexpr int most = 100000; // a lack of memory that lasts does not keep the program
+        for (int round = 0; round < most; ++round) {
+            try {
+                return bus.cancel();
+            } catch (...) {
+                report(thrown_text());
+            }
         }
     }
 
