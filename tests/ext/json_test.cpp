@@ -111,6 +111,14 @@ TEST(JsonReader, ANulCharacterIsRefusedSinceTheBusWouldCutTheText) {
     EXPECT_EQ(refusal_of(R"({"v\u0000": 1})"), R"("v\u0000": a text cannot hold a NUL character)");
 }
 
+TEST(JsonReader, ANulByteIsRefusedSinceWhatIsBehindItWouldBeLost) {
+    using namespace std::string_literals;
+    for (const std::string& text :
+         {"{\"a\":1}\0{\"b\":2}"s, "{\"a\":1}\0"s, "{\"a\":\0 1}"s, "{\"a\":\"\0\"}"s, "\0"s}) {
+        EXPECT_EQ(refusal_of(text), "the JSON text holds a NUL byte");
+    }
+}
+
 TEST(JsonReader, ObjectsAndArraysNest) {
     const table fields = parse_json(R"({"o": {"l": [1, "x", {"deep": [[]]}], "e": {}}, "n": 1})");
     EXPECT_EQ(line(fields), R"({"n":1,"o":{"e":{},"l":[1,"x",{"deep":[[]]}]}})");

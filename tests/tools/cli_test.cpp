@@ -315,6 +315,12 @@ TEST(CliUsage, StandardInputWithoutAJsonObjectIsWrongUsage) {
     EXPECT_EQ(refusal("null"), "tarn: the arguments must be a JSON object");
 }
 
+TEST(CliUsage, StandardInputWithANulByteIsWrongUsage) {
+    const auto result = shell(R"(printf '{"a":1}\0{"b":2}' | "$0" call demo echo - 2>&1)");
+    EXPECT_EQ(result.output, "tarn: the JSON text holds a NUL byte\nTry 'tarn --help'.\n");
+    EXPECT_EQ(result.status, 2);
+}
+
 TEST(CliUsage, StandardInputThatCannotBeReadIsAFailure) {
     const auto folder =
         run({"/bin/sh", "-c", "exec \"$0\" call demo echo - </ 2>&1", TARN_TEST_TOOL});

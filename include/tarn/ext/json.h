@@ -322,13 +322,17 @@ private:
 /// given twice is two fields. Text of any depth is read with a constant amount of stack.
 ///
 /// Thread: any.
-/// Errors: throws std::invalid_argument, with a text for the user, when it is no JSON or no object,
-///   or holds what a message cannot: an integer beyond 64 bits with a sign, a number beyond the
-///   range of a double, a NUL character, at which the bus would cut the text off. The text says
-///   where in the object that is ("lan.ports[2]: ...").
+/// Errors: throws std::invalid_argument, with a text for the user, when it is no JSON (nor is text
+///   with a NUL byte anywhere) or no object, or holds what a message cannot: an integer beyond 64
+///   bits with a sign, a number beyond the range of a double, a NUL character, at which the bus
+///   would cut the text off. The text says where in the object that is ("lan.ports[2]: ...").
 inline blob::table parse_json(const std::string& text) {
     if (text.empty()) {
         return {};
+    }
+    // The parser would take it for the end, and lose the rest without a word.
+    if (text.find('\0') != std::string::npos) {
+        throw std::invalid_argument("the JSON text holds a NUL byte");
     }
     detail::json_reader message;
     nlohmann::json::sax_parse(text, &message);
