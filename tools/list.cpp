@@ -55,10 +55,11 @@ void print(const tarn::bus::object_info& object, const options& given, const out
     if (given.json) {
         return out.line(json_of(object));
     }
+    const std::string path = out.paint(colour::name, out.plain(object.path));
     if (given.simplified || !given.verbose) {
-        return out.line(out.paint(colour::name, object.path));
+        return out.line(path);
     }
-    out.line('\'' + out.paint(colour::name, object.path) + "' @" + hex_id(object.id));
+    out.line('\'' + path + "' @" + hex_id(object.id));
     for (const auto& method : object.methods) {
         out.line('\t' + out.paint(colour::detail, quoted(method.name)) + ':' + fields_of(method));
     }

@@ -3,6 +3,7 @@
 
 #include "time_stamp.h"
 
+#include <tarn/ext/detail/quote.h>
 #include <tarn/ext/json.h>
 
 #include <algorithm>
@@ -14,6 +15,7 @@
 #include <cstring>
 #include <poll.h>
 #include <unistd.h>
+#include <utility>
 
 namespace tools {
 
@@ -45,7 +47,8 @@ bool output::wants_colours() {
 
 output::output(look how, int interrupt_fd)
     : how_(how)
-    , interrupt_fd_(interrupt_fd) {
+    , interrupt_fd_(interrupt_fd)
+    , terminal_(::isatty(STDOUT_FILENO) == 1) {
     // A write then fails with EPIPE, whatever the parent process made of the signal.
     std::signal(SIGPIPE, SIG_IGN);
 }
@@ -86,6 +89,22 @@ void output::wait_for_room() const {
             throw interrupted();
         }
     }
+}
+
+std::string output::plain(const std::string& text) const {
+    if (!terminal_) {
+        return text;
+    }
+    std::string escaped;
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte < 0x20U) {
+            tarn::ext::detail::append_escape(escaped, byte);
+        } else {
+            escaped += c;
+        }
+    }
+    return tarn::ext::detail::escape_late_controls(std::move(escaped));
 }
 
 std::string output::paint(colour which, std::string_view text) const {

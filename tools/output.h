@@ -50,6 +50,10 @@ public:
     /// Writes `text` and a newline. Throws reader_gone, interrupted or output_error.
     void line(const std::string& text) const;
 
+    /// `text` as it is, or on a terminal with its control characters as \u00xx: what comes from the
+    /// bus is not to move the cursor, or worse.
+    std::string plain(const std::string& text) const;
+
     /// `text` in a colour, where there are colours.
     std::string paint(colour which, std::string_view text) const;
 
@@ -58,6 +62,7 @@ private:
 
     const look how_;
     const int interrupt_fd_;
+    const bool terminal_;
 };
 
 /// `text` as JSON, in quotes.

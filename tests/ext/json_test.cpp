@@ -210,6 +210,21 @@ TEST(JsonWriter, TextThatIsNoUtf8IsReplacedInValuesAndNames) {
     EXPECT_EQ(line({{"\xfe", "a\xff"}}), "{\"\xef\xbf\xbd\":\"a\xef\xbf\xbd\"}");
 }
 
+TEST(JsonWriter, ControlCharactersAreEscapedThoseOfTheSecondSetToo) {
+    const table fields{{"n\x7f", "a\x1b\x7f\xc2\x80z\xc2\x9f"}, {"o", {{"p", {"\xc2\x85"}}}}};
+    const std::string text = R"({"n\u007f":"a\u001b\u007f\u0080z\u009f","o":{"p":["\u0085"]}})";
+    EXPECT_EQ(line(fields), text);
+    EXPECT_EQ(line(parse_json(text)), text);
+    EXPECT_EQ(parse_json(text).find("n\x7f")->second.get<std::string>(),
+              fields.find("n\x7f")->second.get<std::string>());
+}
+
+TEST(JsonWriter, CharactersThatOnlyResembleThemStayAsTheyAre) {
+    // U+00A0, U+00C2, U+0442, and half a character.
+    EXPECT_EQ(line({{"a", "\xc2\xa0\xc3\x82\xd1\x82\xc2"}}),
+              "{\"a\":\"\xc2\xa0\xc3\x82\xd1\x82\xef\xbf\xbd\"}");
+}
+
 TEST(JsonWriter, RepeatedNamesAreKept) {
     const table fields{{"a", 1}, {"a", 2}};
     EXPECT_EQ(line(fields), R"({"a":1,"a":2})");

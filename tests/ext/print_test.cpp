@@ -48,6 +48,11 @@ TEST(Print, TextsAreEscapedAndBytesAreHex) {
     EXPECT_EQ(to_string(attr(blob::bytes())), "bytes()");
 }
 
+TEST(Print, NoControlCharacterOfATextIsPrinted) {
+    EXPECT_EQ(to_string(attr("\x1f\x7f\xc2\x80\xc2\x9f")), R"("\u001f\u007f\u0080\u009f")");
+    EXPECT_EQ(to_string(attr("\xc2\xa0\xc3\x82\xd1\x82\xc2")), "\"\xc2\xa0\xc3\x82\xd1\x82\xc2\"");
+}
+
 TEST(Print, AStreamAndATestFrameworkFindThePrinting) {
     std::ostringstream out;
     out << attr{1, "x"} << ' ' << client::state::connected;

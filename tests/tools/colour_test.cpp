@@ -1,4 +1,4 @@
-/// tarn has colours on a terminal, and nowhere else.
+/// tarn has colours on a terminal, and nowhere else; and no control characters of others there.
 #include "tools/tool.h"
 
 #include <array>
@@ -11,6 +11,7 @@ namespace {
 
 using ::testing::HasSubstr;
 using ::testing::Not;
+using ::testing::StartsWith;
 
 constexpr const char* escape = "\033[";
 
@@ -74,6 +75,17 @@ TEST_F(CliWithHorn, NoColoursElsewhere) {
     ::setenv("TERM", "xterm", 1);
     ::unsetenv("NO_COLOR");
     EXPECT_EQ(tool({"list"}).output, "horn\n");
+}
+
+// What is on the bus may be anybody's.
+TEST_F(Cli, NoControlCharacterOfAPathReachesATerminal) {
+    ::setenv("NO_COLOR", "1", 1);
+    const auto horn = start_horn("a\033[2J\r\n\t\x7f\xc2\x9b\xc3\x9b");
+    const std::string shown = R"(a\u001b[2J\u000d\u000a\u0009\u007f\u009b)"
+                              "\xc3\x9b";
+    EXPECT_EQ(terminal().shows("exec \"$0\" list"), shown + "\r\n");
+    EXPECT_THAT(terminal().shows("exec \"$0\" list -v"), StartsWith('\'' + shown + "' @"));
+    EXPECT_EQ(tool({"list"}).output, "a\033[2J\r\n\t\x7f\xc2\x9b\xc3\x9b\n") << "as ubus";
 }
 
 } // namespace

@@ -205,7 +205,8 @@ inline nlohmann::json json_scalar(const blob::attr& value) {
 }
 
 inline std::string json_scalar_text(const nlohmann::json& value) {
-    return value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
+    return escape_late_controls(
+        value.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace));
 }
 
 /// Writes without recursion: a message may nest deeper than the stack could bear.
@@ -342,9 +343,10 @@ inline blob::table parse_json(const std::string& text) {
 /// A message as JSON without a final newline, fields in the message's order of names, repeated
 /// names kept. Integers are printed signed; a byte of 0 or 1 as false or true, since the bus tells
 /// no flag from a byte; raw bytes as a string of hexadecimal digits, and as null when there are
-/// none; a double that is not finite, which JSON lacks, as null too. Text on the bus need not be
-/// UTF-8: U+FFFD stands for what is not. Values of any depth are written with a constant amount of
-/// stack.
+/// none; a double that is not finite, which JSON lacks, as null too. Control characters of a text
+/// are escaped, those from U+007F to U+009F as well, which a terminal would obey. Text on the bus
+/// need not be UTF-8: U+FFFD stands for what is not. Values of any depth are written with a
+/// constant amount of stack.
 ///
 /// Thread: any.
 /// Errors: throws std::bad_alloc.
