@@ -5,6 +5,8 @@
 #include "client/client_fixture.h"
 #include "tarn/error.h"
 
+#include <coroutine>
+#include <cstddef>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -83,6 +85,46 @@ TEST_F(ServiceTask, WhatATaskThrowsIsAnswered) {
     EXPECT_EQ(status_of("refused"), msg::permission_denied);
     EXPECT_EQ(status_of("broken"), msg::unknown_error);
     EXPECT_EQ(thrown, std::vector<std::string>{"broken"});
+}
+
+/// Waits until it is resumed, which it never is.
+class parked {
+public:
+    explicit parked(std::vector<std::shared_ptr<void>>& place)
+        : place_(place) {}
+    bool await_ready() const noexcept { return false; }
+    template <class Promise>
+    void await_suspend(std::coroutine_handle<Promise> here) const {
+        place_.push_back(ext::detail::run_of(here));
+    }
+    void await_resume() const noexcept {}
+
+private:
+    std::vector<std::shared_ptr<void>>& place_;
+};
+
+TEST_F(ServiceTask, TasksEndWithTheServiceAlsoAfterOthersWereDropped) {
+    constexpr std::size_t tasks = 50;
+    std::vector<std::shared_ptr<void>> parked_here; // owns the tasks, as handlers do
+    std::size_t gone = 0;
+    auto served = std::make_unique<service>(bus(), "served");
+    served->method("wait", [&]() -> task<> {
+        const auto at_end = std::shared_ptr<void>(nullptr, [&gone](void*) { ++gone; });
+        co_await parked(parked_here);
+    });
+    publish(*served);
+    const auto call_all = [&] {
+        for (std::size_t n = 0; n < tasks; ++n) {
+            bus().invoke("served", "wait", {}, {}, seconds(0));
+        }
+        run_until([&] { return parked_here.size() == tasks; });
+    };
+    call_all();
+    parked_here.clear(); // a handler that is dropped without being called
+    EXPECT_EQ(gone, tasks);
+    call_all(); // what they use may stand where that of the others stood
+    served.reset();
+    EXPECT_EQ(gone, 2 * tasks);
 }
 
 TEST_F(ServiceTask, TasksThatStillServeCallsEndWithTheService) {

@@ -131,20 +131,21 @@ public:
         }
     }
 
-    /// Holds the link of a task that serves a call, so that it ends with the service.
-    void hold(const void* call, const utils::link& link) {
+    /// Holds the link of a task that serves a call, so that it ends with the service. For
+    /// task_holder, which is `holder`.
+    void hold(const void* holder, const utils::link& link) {
         {
             const std::lock_guard<std::mutex> guard(lock_);
             if (!closed_) {
-                tasks_.emplace(call, link);
+                tasks_.emplace(holder, link);
                 return;
             }
         }
         utils::link(link).release();
     }
-    void forget(const void* call) {
+    void forget(const void* holder) {
         const std::lock_guard<std::mutex> guard(lock_);
-        tasks_.erase(call);
+        tasks_.erase(holder);
     }
 
 private:
@@ -207,6 +208,30 @@ private:
     bool closed_ = false;
 };
 
+/// Belongs to a task that serves a call: the service holds the task until this goes, whether the
+/// task has come to its end or was dropped.
+class task_holder {
+public:
+    explicit task_holder(std::weak_ptr<service_core> service)
+        : service_(std::move(service)) {}
+    task_holder(const task_holder&) = delete;
+    task_holder& operator=(const task_holder&) = delete;
+    ~task_holder() {
+        if (const auto service = service_.lock()) {
+            service->forget(this);
+        }
+    }
+
+    void hold(const utils::link& link) const {
+        if (const auto service = service_.lock()) {
+            service->hold(this, link);
+        }
+    }
+
+private:
+    const std::weak_ptr<service_core> service_;
+};
+
 /// One method: a function, and how its arguments are read.
 template <class F, class Read>
 class method : public std::enable_shared_from_this<method<F, Read>> {
@@ -267,12 +292,12 @@ private:
     void run_task(service_core& service, const std::shared_ptr<pending_answer>& call,
                   task<T>&& body) {
         // The handler owns the function, to whose captures the frame may refer.
-        auto on_done = [self = this->shared_from_this(), call](finished<T> outcome) {
+        const auto holder = std::make_shared<task_holder>(service_);
+        auto on_done = [self = this->shared_from_this(), call, holder](finished<T> outcome) {
             const auto owner = self->service_.lock();
             if (!owner) {
                 return; // the call is answered with unknown_error
             }
-            owner->forget(call.get());
             try {
                 if constexpr (std::is_void_v<T>) {
                     outcome.get();
@@ -286,7 +311,7 @@ private:
         };
         const auto run = std::make_shared<spawned<T>>(service.bus().get_event_loop(),
                                                       std::move(body), std::move(on_done));
-        service.hold(call.get(), link_to(run));
+        holder->hold(link_to(run));
         run->start();
     }
 #endif
