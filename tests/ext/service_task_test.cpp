@@ -3,6 +3,7 @@
 #include "tarn/ext/service.h"
 
 #include "client/client_fixture.h"
+#include "support/expect_throw.h"
 #include "tarn/error.h"
 
 #include <coroutine>
@@ -84,6 +85,31 @@ TEST_F(ServiceTask, WhatATaskThrowsIsAnswered) {
     EXPECT_EQ(status_of("value"), msg::timeout);
     EXPECT_EQ(status_of("refused"), msg::permission_denied);
     EXPECT_EQ(status_of("broken"), msg::unknown_error);
+    EXPECT_EQ(thrown, std::vector<std::string>{"broken"});
+}
+
+TEST_F(ServiceTask, OnExceptionIsCalledOnceAlthoughItThrowsItself) {
+    std::vector<std::string> thrown;
+    service served(bus(), "served");
+    served
+        .method("broken",
+                []() -> task<> {
+                    throw std::runtime_error("broken");
+                    co_return;
+                })
+        .on_exception([&](const std::string& method, const std::exception_ptr&) {
+            thrown.push_back(method);
+            throw std::logic_error("told");
+        });
+    publish(served);
+    call_outcome answer;
+    call("broken", {}, answer);
+    const auto answered = [&] {
+        return answer.reported();
+    };
+    expect_throw_msg<std::logic_error>([&] { run_until(answered); }, "told");
+    run_until(answered);
+    EXPECT_EQ(answer.code(), msg::unknown_error);
     EXPECT_EQ(thrown, std::vector<std::string>{"broken"});
 }
 

@@ -248,31 +248,37 @@ public:
             return context->respond(error::msg::not_found);
         }
         const auto call = std::make_shared<pending_answer>(context);
+        std::exception_ptr passed;
         try {
-            serve(*service, call, std::move(context->args));
+            passed = serve(*service, call, std::move(context->args));
         } catch (...) {
             service->answer_exception(name_, *call);
+        }
+        if (passed) {
+            std::rethrow_exception(passed);
         }
     }
 
 private:
     using returned = return_of<F>;
 
-    void serve(service_core& service, const std::shared_ptr<pending_answer>& call,
-               blob::table&& fields) {
+    /// Throws what the function throws; returns what on_exception() threw, which is to pass.
+    std::exception_ptr serve(service_core& service, const std::shared_ptr<pending_answer>& call,
+                             blob::table&& fields) {
         // Only a mismatch of these is the caller's mistake.
         std::optional<decltype(read_(std::move(fields)))> values;
         try {
             values.emplace(read_(std::move(fields)));
         } catch (const mismatch&) {
-            return call->respond(error::msg::invalid_argument);
+            call->respond(error::msg::invalid_argument);
+            return {};
         }
-        std::apply([&](auto&... value) { run(service, call, value...); }, *values);
+        return std::apply([&](auto&... value) { return run(service, call, value...); }, *values);
     }
 
     template <class... T>
-    void run([[maybe_unused]] service_core& service, const std::shared_ptr<pending_answer>& call,
-             T&... values) {
+    std::exception_ptr run([[maybe_unused]] service_core& service,
+                           const std::shared_ptr<pending_answer>& call, T&... values) {
         if constexpr (parameters_of<F>::answers_later()) {
             static_assert(std::is_void_v<returned>,
                           "a method with a responder answers through it and returns nothing");
@@ -281,16 +287,17 @@ private:
             function_(std::move(values)...);
             call->respond(error::msg::success);
         } else if constexpr (is_task<returned>) {
-            run_task(service, call, function_(std::move(values)...));
+            return run_task(service, call, function_(std::move(values)...));
         } else {
             answer_with(*call, function_(std::move(values)...));
         }
+        return {};
     }
 
 #if defined(__cpp_impl_coroutine)
     template <class T>
-    void run_task(service_core& service, const std::shared_ptr<pending_answer>& call,
-                  task<T>&& body) {
+    std::exception_ptr run_task(service_core& service, const std::shared_ptr<pending_answer>& call,
+                                task<T>&& body) {
         // The handler owns the function, to whose captures the frame may refer.
         const auto holder = std::make_shared<task_holder>(service_);
         auto on_done = [self = this->shared_from_this(), call, holder](finished<T> outcome) {
@@ -312,7 +319,12 @@ private:
         const auto run = std::make_shared<spawned<T>>(service.bus().get_event_loop(),
                                                       std::move(body), std::move(on_done));
         holder->hold(link_to(run));
-        run->start();
+        try {
+            run->start();
+        } catch (...) {
+            return std::current_exception(); // of on_done, which has answered
+        }
+        return {};
     }
 #endif
 
