@@ -13,6 +13,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <limits>
 #include <poll.h>
 #include <unistd.h>
 #include <utility>
@@ -79,16 +80,42 @@ void output::line(const std::string& text) const {
 void output::wait_for_room() const {
     for (;;) {
         pollfd both[] = {{STDOUT_FILENO, POLLOUT, 0}, {interrupt_fd_, POLLIN, 0}};
-        if (::poll(both, 2, -1) < 0 && errno != EINTR) {
+        const int patience = patience_ms();
+        const int ready = ::poll(both, 2, patience);
+        if (ready < 0 && errno != EINTR) {
             throw output_error();
         }
         if (both[0].revents != 0) {
             return;
         }
-        if ((both[1].revents & POLLIN) != 0) {
+        if ((both[1].revents & POLLIN) != 0 || (ready == 0 && patience == 0)) {
             throw interrupted();
         }
     }
+}
+
+void output::set_limit(std::chrono::seconds limit) {
+    using std::chrono::steady_clock;
+    const auto now = steady_clock::now();
+    deadline_.reset();
+    // A time beyond the clock's is no limit either.
+    if (limit != std::chrono::seconds::zero() &&
+        limit < std::chrono::duration_cast<std::chrono::seconds>(steady_clock::time_point::max() -
+                                                                 now)) {
+        deadline_ = now + limit;
+    }
+}
+
+/// For poll(): how long the rest of the limit is, at most; 0 once it has passed, -1 without one.
+int output::patience_ms() const {
+    using std::chrono::milliseconds;
+    if (!deadline_) {
+        return -1;
+    }
+    const auto rest =
+        std::chrono::ceil<milliseconds>(*deadline_ - std::chrono::steady_clock::now());
+    constexpr milliseconds::rep longest = std::numeric_limits<int>::max();
+    return static_cast<int>(std::clamp<milliseconds::rep>(rest.count(), 0, longest));
 }
 
 std::string output::plain(const std::string& text) const {

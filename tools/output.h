@@ -1,7 +1,9 @@
 /// Standard output, line by line, for the commands of tarn that others read as it comes.
 #pragma once
 
+#include <chrono>
 #include <exception>
+#include <optional>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -14,7 +16,8 @@ public:
     const char* what() const noexcept override { return "the reader of the output has gone"; }
 };
 
-/// The user ends the program while a line waits for the reader to have room.
+/// The user ends the program, or its time has passed, while a line waits for the reader to have
+/// room.
 class interrupted : public std::exception {
 public:
     const char* what() const noexcept override { return "interrupted"; }
@@ -47,6 +50,9 @@ public:
     /// for none. From now on the process gets no SIGPIPE.
     explicit output(look how, int interrupt_fd = -1);
 
+    /// From now on such a line is given up as well once `limit` has passed; zero is no limit.
+    void set_limit(std::chrono::seconds limit);
+
     /// Writes `text` and a newline. Throws reader_gone, interrupted or output_error.
     void line(const std::string& text) const;
 
@@ -59,10 +65,12 @@ public:
 
 private:
     void wait_for_room() const;
+    int patience_ms() const;
 
     const look how_;
     const int interrupt_fd_;
     const bool terminal_;
+    std::optional<std::chrono::steady_clock::time_point> deadline_;
 };
 
 /// `text` as JSON, in quotes.

@@ -59,7 +59,9 @@ void stream::stop(int exit_status) {
 }
 
 int stream::run() {
-    const auto limit = after(given_.limit.value_or(std::chrono::seconds(0)), [this] { stop(0); });
+    const std::chrono::seconds limit = given_.limit.value_or(std::chrono::seconds(0));
+    const auto patience = after(limit, [this] { stop(0); });
+    out_.set_limit(limit); // the loop, and with it the timer, stands still while a line waits
     try {
         const connection kept(the_client());
         while (!stopped_) {

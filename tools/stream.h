@@ -49,7 +49,7 @@ private:
     const std::string one_;
     const std::string many_;
     const tarn::ext::detail::exit_signals signals_;
-    const output out_;
+    output out_;
     std::uint64_t printed_ = 0;
     std::uint64_t dropped_ = 0; ///< and not said yet
     const std::shared_ptr<tarn::utils::event_loop::timer> drop_report_;

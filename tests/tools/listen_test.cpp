@@ -197,6 +197,15 @@ TEST_F(CliWithHorn, ListenCanBeEndedWhileItsReaderStandsStill) {
     ::close(pipe);
 }
 
+TEST_F(Cli, ListenEndsAtItsLimitAlthoughItsReaderStandsStill) {
+    const child_process sender(
+        {"/bin/sh", "-c", "while \"$0\" send news; do :; done", TARN_TEST_TOOL});
+    const full_pipe still;
+    const auto ended = shell("exec \"$0\" listen -t 2 2>&1 >&9");
+    EXPECT_EQ(ended.output, "tarn: 0 events\n");
+    EXPECT_EQ(ended.status, 0);
+}
+
 TEST_F(Cli, ListenEndsQuietlyWhenItsReaderHasGoneEvenWithoutAnEvent) {
     const broken_pipe gone;
     for (const std::string before : {"", "trap '' PIPE; "}) {

@@ -6,11 +6,13 @@
 
 #include <array>
 #include <cerrno>
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <memory>
 #include <string>
 #include <system_error>
 #include <unistd.h>
+#include <utility>
 #include <vector>
 
 namespace tarn::test {
@@ -54,23 +56,50 @@ inline ended tool_with_input(const std::string& input, const std::vector<std::st
     return run(line);
 }
 
-/// Descriptor 9 of the programs that are started meanwhile: a pipe whose reader has gone.
-class broken_pipe {
+/// Descriptor 9 of the programs that are started meanwhile: a pipe.
+class output_pipe {
 public:
-    broken_pipe() {
+    output_pipe(const output_pipe&) = delete;
+    output_pipe& operator=(const output_pipe&) = delete;
+
+protected:
+    output_pipe() {
         std::array<int, 2> ends{};
-        if (::pipe(ends.data()) < 0 || ::dup2(ends[1], number) < 0) {
+        if (::pipe2(ends.data(), O_CLOEXEC) < 0 || ::dup2(ends[1], number) < 0) {
             throw std::system_error(errno, std::generic_category(), "pipe");
         }
-        ::close(ends[0]);
+        reader_ = ends[0];
         ::close(ends[1]);
     }
-    ~broken_pipe() { ::close(number); }
-    broken_pipe(const broken_pipe&) = delete;
-    broken_pipe& operator=(const broken_pipe&) = delete;
+    ~output_pipe() {
+        ::close(number);
+        close_reader();
+    }
+
+    void close_reader() { ::close(std::exchange(reader_, -1)); }
+
+    static constexpr int number = 9;
 
 private:
-    static constexpr int number = 9;
+    int reader_ = -1;
+};
+
+/// One whose reader has gone.
+class broken_pipe : output_pipe {
+public:
+    broken_pipe() { close_reader(); }
+};
+
+/// One that is full, and that nobody reads.
+class full_pipe : output_pipe {
+public:
+    full_pipe() {
+        const int flags = ::fcntl(number, F_GETFL);
+        ::fcntl(number, F_SETFL, flags | O_NONBLOCK);
+        const std::array<char, 4096> page{};
+        while (::write(number, page.data(), page.size()) > 0) {}
+        ::fcntl(number, F_SETFL, flags);
+    }
 };
 
 /// Wrong usage is 2 for `call` and for the command line as such, and what ubus has for the others.
