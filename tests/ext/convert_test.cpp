@@ -95,6 +95,7 @@ TEST(Convert, AFlagIsReadFromAFlagAndFromAByteOf0Or1) {
 TEST(Convert, AFlagIsTheInteger0Or1) {
     EXPECT_EQ(from_attr<int>(true), 1);
     EXPECT_EQ(from_attr<unsigned char>(false), 0);
+    EXPECT_EQ(from_attr<double>(true), 1.0);
 }
 
 TEST(Convert, ADoubleIsReadFromIntegersThatItHolds) {

@@ -38,7 +38,8 @@ namespace tarn::ext {
 ///    has a sign. A signed T reads it as signed, an unsigned T as unsigned, in the width in which
 ///    it was sent: -1 sent as an `int` is -1 for a `long long` and for a `short`, and 4294967295
 ///    for an `unsigned int`, as it is for attr::get();
-///  - `double`: from a double, and from an integer (taken as signed) that a double holds exactly;
+///  - `double`: from a double, from an integer (taken as signed) that a double holds exactly, and
+///    from a flag as 0 or 1;
 ///  - `std::string`, `blob::bytes`, `blob::list`, `blob::table`: from just that;
 ///  - `blob::attr`: from anything;
 ///  - `std::vector<T>`, `std::list<T>`: from a list of T;

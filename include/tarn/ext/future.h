@@ -112,7 +112,10 @@ private:
 ///
 /// Which thread is the loop's is learned by a task that the first use of tarn::ext with this client
 /// posts to the loop. What cannot be detected is therefore a wait inside the very task of the loop
-/// in which tarn::ext is used for the first time, and a wait before the loop is run at all.
+/// in which tarn::ext is used for the first time, and a wait before the loop is run at all. When
+/// the loop moves to another thread, that one becomes known with the first outcome of a call of
+/// tarn::ext that arrives there: until then a wait on the former thread is refused although it
+/// would not block for good, and one on the new thread is not detected.
 ///
 /// It converts to a std::future, which refuses in the same way; wait_for() of that one does not
 /// poll, but returns std::future_status::deferred.
