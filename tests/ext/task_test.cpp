@@ -6,6 +6,7 @@
 #include "support/small_stack.h"
 #include "tarn/ext/await.h"
 
+#include <coroutine>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
@@ -233,6 +234,41 @@ TEST_F(Task, WhatTheHandlerOwnsOutlivesTheFrame) {
     loop()->drain();
     link.release();
     EXPECT_EQ(notes, (std::vector<std::string>{"sleeps", "gone", "owner gone"}));
+}
+
+/// Waits at `place`, which then owns the task, as the handler of a call does.
+class parked {
+public:
+    explicit parked(std::shared_ptr<void>& place)
+        : place_(place) {}
+    bool await_ready() const noexcept { return false; }
+    template <class Promise>
+    void await_suspend(std::coroutine_handle<Promise> here) const {
+        place_ = ext::detail::run_of(here);
+    }
+    void await_resume() const noexcept {}
+
+private:
+    std::shared_ptr<void>& place_;
+};
+
+task<> using_until_its_end(std::shared_ptr<void>& place, std::weak_ptr<int> used, bool& was_there) {
+    const auto at_end =
+        std::shared_ptr<void>(nullptr, [used, &was_there](void*) { was_there = !used.expired(); });
+    co_await parked(place);
+}
+
+TEST_F(Task, WhatTheHandlerOwnsOutlivesAFrameThatIsDroppedAsWell) {
+    std::shared_ptr<void> place;
+    bool was_there = false;
+    {
+        const auto owned = std::make_shared<int>();
+        spawn(bus(), using_until_its_end(place, owned, was_there), [owned](finished<void>) {});
+    }
+    loop()->drain();
+    ASSERT_TRUE(place);
+    place.reset();
+    EXPECT_TRUE(was_there);
 }
 
 TEST_F(Task, ATaskThatWasMovedFromIsRefused) {

@@ -287,9 +287,9 @@ public:
 
     spawned(std::weak_ptr<utils::event_loop> loop, task<T>&& body, handler&& on_done)
         : task_run(std::move(loop))
+        , on_done_(std::move(on_done))
         , body_(std::move(body))
-        , first_(body_.frame_)
-        , on_done_(std::move(on_done)) {
+        , first_(body_.frame_) {
         if (!first_) {
             throw std::logic_error("tarn::ext::spawn: the task was moved from");
         }
@@ -318,10 +318,10 @@ private:
         }
     }
 
+    handler on_done_; ///< outlives the frame here too, where the task is dropped
     // Another thread may end the task at any time: what it has destroyed is not looked at.
     task<T> body_;
     const std::coroutine_handle<task_promise<T>> first_;
-    handler on_done_;
 };
 
 template <class T>
