@@ -34,8 +34,9 @@ bool is_storable(const client::method_policy& policy) {
 
 void fake_client::core::script(const std::string& path, const std::string& method,
                                responder answer) {
+    // What it replaces is destroyed outside the lock, as it may own an exchange context.
     const guard locked(lock_);
-    script_[{path, method}].always = std::move(answer);
+    script_[{path, method}].always.swap(answer);
 }
 
 void fake_client::core::script_once(const std::string& path, const std::string& method,

@@ -294,6 +294,7 @@ void fake_client::core::cancel() {
     waiting_list reports;
     waiting_list connects;
     waiting_list disconnects;
+    std::map<std::string, method_map> forgotten; // may own exchange contexts, which take the lock
     {
         const guard locked(lock_);
         ++life_; // what is queued on the loop becomes a no-op
@@ -302,11 +303,12 @@ void fake_client::core::cancel() {
         reports.swap(reports_);
         connects.swap(connects_);
         disconnects.swap(disconnects_);
-        objects_.clear();
+        forgotten.swap(objects_);
         if (state_ != state::disconnected) {
             take_step(connection_event::cancelled);
         }
     }
+    forgotten.clear();
     rest_->cancel();
     end_calls(error::generic::aborted);
     tell_all(reports, error::generic::aborted);

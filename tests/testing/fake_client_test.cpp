@@ -9,6 +9,7 @@
 
 #include <stdexcept>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -392,6 +393,33 @@ TEST_F(FakeClient, CancelEndsEverythingBeforeItReturns) {
     loop->drain();
     EXPECT_EQ(bus.get_state(), state::disconnected);
     connect();
+}
+
+TEST_F(FakeClient, CancelDestroysTheHandlerOfAMethodThatOwnsTheContextOfACall) {
+    connect();
+    auto kept = std::make_shared<std::shared_ptr<client::exchange_ctx>>();
+    const std::weak_ptr<void> watch = kept;
+    bus.add_object(
+        "slow",
+        {{"work", {[kept](const std::shared_ptr<client::exchange_ctx>& ctx) { *kept = ctx; }, {}}}},
+        {});
+    kept.reset();
+    loop->drain();
+    bus.call_published("slow", "work");
+    loop->drain();
+    EXPECT_FALSE(watch.expired());
+    bus.cancel();
+    EXPECT_TRUE(watch.expired());
+}
+
+TEST_F(FakeClient, AScriptThatOwnsTheContextOfACallMayBeReplaced) {
+    std::shared_ptr<client::exchange_ctx> kept;
+    const auto served = call_without_answer(kept);
+    bus.on("demo", "echo", [owned = std::exchange(kept, nullptr)](const tarn::blob::table&) {
+        return outcome::reply({});
+    });
+    bus.on("demo", "echo", outcome::reply({}));
+    EXPECT_EQ(served->status, msg::success);
 }
 
 TEST_F(FakeClient, ASubscriberMayChangeTheState) {
