@@ -171,7 +171,7 @@ void fake_bus::core::cancel() {
     }
 }
 
-void fake_bus::core::close() noexcept {
+bool fake_bus::core::close() noexcept {
     std::list<standing_ptr> all; // destroyed outside the lock
     waiting_list operations;
     {
@@ -189,6 +189,7 @@ void fake_bus::core::close() noexcept {
     for (const auto& each : operations) {
         each->release();
     }
+    return !all.empty() || !operations.empty();
 }
 
 // --- outcomes ---

@@ -37,8 +37,8 @@ public:
     /// Without the client's lock, and after the connection has ended. Drops the events,
     /// notifications and messages that have not been delivered, and ends the one-shot operations.
     void cancel();
-    /// Without the client's lock.
-    void close() noexcept;
+    /// Without the client's lock. False when there was nothing to end.
+    bool close() noexcept;
     void set_context_maker(context_maker maker) { make_context_ = std::move(maker); }
 
     // --- for the test ---

@@ -318,14 +318,49 @@ void fake_client::core::cancel() {
 }
 
 void fake_client::core::close() noexcept {
+    // What is destroyed here may begin something else, which ends in the next turn.
+    for (bool some = true; some;) {
+        some = drop_all();
+        some = rest_->close() || some;
+    }
+}
+
+/// Destroys without the lock what waits, with all that it owns. False when nothing waits.
+bool fake_client::core::drop_all() noexcept {
     end_reconnection();
-    rest_->close();
-    const guard locked(lock_);
-    ++life_;
-    ++connection_;
-    state_ = state::disconnected;
-    untold_.clear();
-    subscribers_.clear();
+    std::list<std::shared_ptr<waiting_call>> calls;
+    waiting_list reports;
+    waiting_list connects;
+    waiting_list disconnects;
+    std::list<std::shared_ptr<subscriber>> subscribers;
+    std::map<std::string, method_map> objects;
+    decltype(script_) script;
+    {
+        const guard locked(lock_);
+        ++life_;
+        ++connection_;
+        state_ = state::disconnected;
+        untold_.clear();
+        calls.swap(calls_);
+        reports.swap(reports_);
+        connects.swap(connects_);
+        disconnects.swap(disconnects_);
+        subscribers.swap(subscribers_);
+        objects.swap(objects_);
+        script.swap(script_);
+    }
+    // Released, since a handler may own the link of what it waits for.
+    const auto release = [](const auto& all) {
+        for (const auto& each : all) {
+            each->release();
+        }
+        return !all.empty();
+    };
+    bool some = release(calls);
+    for (const auto* waiting : {&reports, &connects, &disconnects}) {
+        some = release(*waiting) || some;
+    }
+    return release(subscribers) || some || !objects.empty() || !script.empty();
 }
 
 } // namespace tarn::testing

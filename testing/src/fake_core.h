@@ -95,7 +95,8 @@ public:
     void set_bus(bus found);
     void lose_connection();
     void cancel();
-    /// The client is being destroyed: nothing that is queued runs any more.
+    /// The client is being destroyed: nothing that is queued runs any more, and what waits is
+    /// destroyed with all that it owns.
     void close() noexcept;
     /// The exchange context of a call or notification that arrives on the present connection.
     std::shared_ptr<client::exchange_ctx> make_context(const std::shared_ptr<served_call>& served,
@@ -146,6 +147,7 @@ private:
     void announce();
     void arm_reconnection();
     void end_reconnection(const reconnection* only = nullptr);
+    bool drop_all() noexcept;
     static void tell_all(waiting_list& told, const std::error_code& code);
 
     /// What a call ends with; nullopt where an object of our own is to serve it.

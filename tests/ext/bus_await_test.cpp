@@ -97,5 +97,38 @@ TEST_F(BusAwait, ATaskThatIsEndedEndsItsWait) {
     EXPECT_EQ(rest.pending_waits(), 0U);
 }
 
+/// Waits until the client is connected, then for an answer, and notes the destruction of its frame.
+task<> wait_for_good(client* bus, std::vector<std::string>* notes) {
+    const std::shared_ptr<void> at_end(nullptr, [notes](void*) { notes->push_back("gone"); });
+    notes->push_back("waits");
+    co_await ext::connected(*bus);
+    notes->push_back("calls");
+    co_await ext::call(*bus, "demo", "hang");
+    notes->push_back("never");
+}
+
+TEST_F(BusAwait, ATaskThatWaitsForAnAnswerIsDestroyedWithTheClient) {
+    {
+        testing::fake_client ending(loop);
+        ending.on("demo", "hang", outcome::no_answer());
+        ending.connect({});
+        loop->drain();
+        spawn(ending, wait_for_good(&ending, &seen));
+        loop->drain();
+        EXPECT_EQ(seen, (std::vector<std::string>{"waits", "calls"}));
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{"waits", "calls", "gone"}));
+}
+
+TEST_F(BusAwait, ATaskThatWaitsForTheConnectionIsDestroyedWithTheClient) {
+    {
+        testing::fake_client ending(loop);
+        spawn(ending, wait_for_good(&ending, &seen));
+        loop->drain();
+        EXPECT_EQ(seen, std::vector<std::string>{"waits"});
+    }
+    EXPECT_EQ(seen, (std::vector<std::string>{"waits", "gone"}));
+}
+
 } // namespace
 } // namespace tarn::test

@@ -459,4 +459,120 @@ TEST(FakeClientEnd, NothingThatIsQueuedRunsAfterItsEnd) {
     EXPECT_EQ(told, 0);
 }
 
+/// A client, and handlers that own the links of what they wait for, each with something that uses
+/// the client when it is destroyed.
+class FakeClientEndOwning : public ::testing::Test {
+protected:
+    /// What a handler is to own.
+    struct owned {
+        std::shared_ptr<tarn::utils::link> own_link;
+        std::shared_ptr<void> noted;
+    };
+    owned note() {
+        ++owners;
+        return {std::make_shared<tarn::utils::link>(),
+                std::shared_ptr<void>(nullptr, [this](void*) {
+                    ++destroyed;
+                    bus.get_state();
+                })};
+    }
+    client::completion_handler completion(const owned& what) {
+        return [this, what](const std::error_code&) {
+            ++told;
+        };
+    }
+    void call(const owned& what) {
+        *what.own_link = bus.invoke(
+            "demo", "hang", {},
+            [this, what](const std::list<tarn::blob::attr>&, const std::error_code&) { ++told; },
+            seconds(10));
+    }
+    void subscribe(const owned& what) {
+        *what.own_link = bus.notify_on_state_change([what](state) {});
+    }
+    void listen(const owned& what) {
+        *what.own_link =
+            bus.get_bus().listen("*", [what](const std::string&, const tarn::bus::table&) {});
+    }
+    void withdraw(const owned& what) {
+        *what.own_link = bus.del_object("nobody", true, completion(what));
+    }
+    void publish(const owned& what) {
+        const auto kept = std::make_shared<std::shared_ptr<client::exchange_ctx>>();
+        bus.add_object(
+            "slow",
+            {{"work",
+              {[what, kept](const std::shared_ptr<client::exchange_ctx>& ctx) { *kept = ctx; },
+               {}}}},
+            {});
+        loop->drain();
+        bus.call_published("slow", "work");
+        loop->drain();
+    }
+    void end() {
+        ended.reset();
+        EXPECT_EQ(destroyed, owners);
+        loop->drain();
+        loop->advance(seconds(20));
+        EXPECT_EQ(told, 0);
+    }
+
+    const std::shared_ptr<manual_loop> loop = std::make_shared<manual_loop>();
+    std::unique_ptr<fake_client> ended = std::make_unique<fake_client>(loop);
+    fake_client& bus = *ended; ///< also while it is being destroyed
+    int owners = 0;
+    int destroyed = 0;
+    int told = 0;
+};
+
+TEST_F(FakeClientEndOwning, DestroysTheHandlersOfCalls) {
+    bus.on("demo", "hang", outcome::no_answer());
+    bus.connect({});
+    loop->drain();
+    call(note());
+    loop->drain();
+    call(note());
+    end();
+}
+
+TEST_F(FakeClientEndOwning, DestroysSubscribers) {
+    subscribe(note());
+    end();
+}
+
+TEST_F(FakeClientEndOwning, DestroysTheHandlersOfMethods) {
+    bus.connect({});
+    loop->drain();
+    publish(note());
+    end();
+}
+
+TEST_F(FakeClientEndOwning, DestroysTheHandlersThatWaitForTheConnection) {
+    bus.set_bus(fake_client::bus::silent);
+    for (const bool disconnecting : {false, true}) {
+        const owned what = note();
+        *what.own_link =
+            disconnecting ? bus.disconnect(completion(what)) : bus.connect(completion(what));
+    }
+    end();
+}
+
+TEST_F(FakeClientEndOwning, DestroysTheHandlersOfWhatIsKnown) {
+    withdraw(note());
+    end();
+}
+
+TEST_F(FakeClientEndOwning, DestroysWhatADestructorBegins) {
+    std::shared_ptr<void> begins(nullptr, [this](void*) {
+        call(note());
+        subscribe(note());
+        listen(note());
+    });
+    bus.notify_on_state_change([begins](state) {});
+    begins.reset();
+    EXPECT_EQ(owners, 0);
+    end();
+    EXPECT_EQ(owners, 3);
+}
+
 } // namespace
