@@ -2,6 +2,7 @@
 /// automatic reconnection.
 #include "client/app_side.h"
 
+#include "client/all_steps.h"
 #include "client/handover.h"
 #include "client/loop_side.h"
 #include "counted.h"
@@ -50,27 +51,6 @@ private:
     std::atomic<bool> released_{false};
     const unsigned& signal_; ///< which one the client has, by number
     const unsigned made_for_ = signal_;
-};
-
-/// Runs all steps of one event: the first exception is rethrown when the last step is done.
-class all_steps {
-public:
-    template <class Step>
-    void run(const Step& step) {
-        try {
-            step();
-        } catch (...) {
-            thrown_ = thrown_ ? thrown_ : std::current_exception();
-        }
-    }
-    void pass_on() const {
-        if (thrown_) {
-            std::rethrow_exception(thrown_);
-        }
-    }
-
-private:
-    std::exception_ptr thrown_;
 };
 
 } // namespace
