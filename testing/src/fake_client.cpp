@@ -1,6 +1,7 @@
 /// The fake client's calls and published objects, and its public face.
 #include "tarn/testing/fake_client.h"
 
+#include "client/all_steps.h"
 #include "fake_core.h"
 #include "transfer.h"
 
@@ -71,7 +72,29 @@ std::optional<outcome> fake_client::core::decide(const call& made) {
     return answer(made.args);
 }
 
+/// Ends a call before it begins.
+utils::link fake_client::core::refuse(const result_handler& handler, const std::error_code& code) {
+    completion_handler told;
+    if (handler) {
+        told = [handler](const std::error_code& reason) {
+            handler({}, reason);
+        };
+    }
+    return report_known(told, code);
+}
+
 utils::link fake_client::core::invoke(call made, const result_handler& handler) {
+    bool is_cancelling = false;
+    {
+        const guard locked(lock_);
+        is_cancelling = cancelling_;
+        if (is_cancelling) {
+            made_.push_back(made);
+        }
+    }
+    if (is_cancelling) {
+        return refuse(handler, error::generic::aborted);
+    }
     const auto timeout = made.timeout;
     const auto pending = std::make_shared<waiting_call>(made, handler);
     if (timeout != std::chrono::seconds::zero()) {
@@ -134,9 +157,11 @@ void fake_client::core::end_calls(const std::error_code& code) {
         const guard locked(lock_);
         ended.swap(calls_);
     }
+    all_steps steps;
     for (const auto& each : ended) {
-        each->tell({}, code);
+        steps.run([&] { each->tell({}, code); });
     }
+    steps.pass_on();
 }
 
 // --- published objects ---
@@ -144,14 +169,19 @@ void fake_client::core::end_calls(const std::error_code& code) {
 utils::link fake_client::core::add_object(const std::string& name, const method_map& methods,
                                           const completion_handler& handler) {
     std::error_code code = error::msg::success;
+    std::error_code known; // without the bus
     {
         const guard locked(lock_);
         const bool storable = std::all_of(methods.begin(), methods.end(), [](const auto& each) {
             return is_storable(each.second.second);
         });
-        if (state_ != state::connected) {
+        if (cancelling_) {
+            known = error::generic::aborted;
+        } else if (objects_.count(name) != 0) {
+            known = error::msg::invalid_argument;
+        } else if (state_ != state::connected) {
             code = error::msg::connection_failed;
-        } else if (!storable || objects_.count(name) != 0 || rest_->is_taken(name)) {
+        } else if (!storable || rest_->is_taken(name)) {
             code = error::msg::invalid_argument;
         } else if (refusal_) {
             code = refusal_;
@@ -160,25 +190,27 @@ utils::link fake_client::core::add_object(const std::string& name, const method_
             rest_->published(name, methods);
         }
     }
-    return report(handler, code);
+    return known ? report_known(handler, known) : report(handler, code);
 }
 
 utils::link fake_client::core::del_object(const std::string& name,
                                           const completion_handler& handler) {
-    std::error_code code = error::msg::success;
+    std::error_code known;
     method_map forgotten; // destroyed outside the lock
     {
         const guard locked(lock_);
         const auto found = objects_.find(name);
-        if (found == objects_.end()) {
-            code = error::msg::not_found;
+        if (cancelling_) {
+            known = error::generic::aborted;
+        } else if (found == objects_.end()) {
+            known = error::msg::not_found;
         } else {
             forgotten.swap(found->second);
             objects_.erase(found);
             rest_->withdrawn(name);
         }
     }
-    return report(handler, code);
+    return known ? report_known(handler, known) : report(handler, error::msg::success);
 }
 
 void fake_client::core::refuse_objects(const std::error_code& status) {

@@ -2,11 +2,14 @@
 /// reconnection.
 #include "fake_core.h"
 
+#include "client/all_steps.h"
 #include "tarn/error.h"
 #include "tarn/link.h"
 
 #include <algorithm>
+#include <array>
 #include <limits>
+#include <optional>
 #include <stdexcept>
 
 namespace tarn::testing {
@@ -32,13 +35,23 @@ void fake_client::core::post_locked(std::function<void()> task) {
 
 utils::link fake_client::core::report(const completion_handler& handler,
                                       const std::error_code& code) {
-    if (!handler) {
-        return {};
-    }
-    const auto known = std::make_shared<waiting>(handler);
+    return handler ? report_among(reports_, std::make_shared<waiting>(handler), code)
+                   : utils::link();
+}
+
+utils::link fake_client::core::report_known(const completion_handler& handler,
+                                            const std::error_code& code) {
+    return handler ? report_among(known_, std::make_shared<known_report>(handler, code), code)
+                   : utils::link();
+}
+
+template <class Report>
+utils::link fake_client::core::report_among(std::list<std::shared_ptr<Report>>& others,
+                                            const std::shared_ptr<Report>& known,
+                                            const std::error_code& code) {
     const guard locked(lock_);
-    reports_.remove_if([](const auto& old) { return !old->active(); });
-    reports_.push_back(known);
+    others.remove_if([](const auto& old) { return !old->active(); });
+    others.push_back(known);
     post_locked([known, code] { known->tell(code); });
     return aggregate_adapter<utils::link>(known);
 }
@@ -52,6 +65,7 @@ void fake_client::core::take_step(connection_event event) {
         break;
     case connection_step::action::tear_down:
         ++connection_; // answers of calls that it has carried are dropped from here on
+        is_carried_ = false;
         post_locked([this] { end_connection(); });
         break;
     case connection_step::action::none:
@@ -69,37 +83,45 @@ void fake_client::core::take_step(connection_event event) {
     }
     attempts_ = state_ == state::connected ? 0 : attempts_;
     states_.push_back(state_);
-    untold_.push_back(state_);
+    announcer_.note(state_);
 }
 
 /// With the lock held.
 void fake_client::core::start_attempt() {
+    is_carried_ = true;
     attempt_waits_ = bus_ == bus::silent;
     if (!attempt_waits_) {
         post_locked([this, made = bus_ == bus::present] { end_attempt(made); });
     }
 }
 
-utils::link fake_client::core::wait_for(connection_event event, state reached, waiting_list& others,
+utils::link fake_client::core::wait_for(connection_event event, state reached, asked_list& others,
                                         const completion_handler& handler) {
     end_reconnection();
-    const auto operation = handler ? std::make_shared<waiting>(handler) : nullptr;
-    bool reached_already = false;
+    utils::link link;
+    bool is_reached = false;
     {
         const guard locked(lock_);
-        reached_already = state_ == reached;
-        if (!reached_already) {
-            if (operation) {
-                others.push_back(operation);
-            }
+        is_reached = !cancelling_ && state_ == reached;
+        if (!is_reached && handler) {
+            const bool inside = teller_ == std::this_thread::get_id();
+            others.push_back(std::make_shared<asked>(handler, ++newest_asked_, inside));
+            link = aggregate_adapter<utils::link>(others.back());
+        }
+        if (!is_reached && !cancelling_) {
             take_step(event);
         }
     }
-    if (reached_already) {
-        return report(handler, {});
+    if (is_reached) {
+        return report_known(handler, {});
     }
-    announce();
-    return operation ? utils::link(aggregate_adapter<utils::link>(operation)) : utils::link();
+    try {
+        announce();
+    } catch (...) {
+        link.release();
+        throw;
+    }
+    return link;
 }
 
 utils::link fake_client::core::connect(const completion_handler& handler) {
@@ -110,47 +132,110 @@ utils::link fake_client::core::disconnect(const completion_handler& handler) {
     return wait_for(connection_event::disconnect, state::disconnected, disconnects_, handler);
 }
 
-void fake_client::core::tell_all(waiting_list& told, const std::error_code& code) {
-    for (; !told.empty(); told.pop_front()) {
-        told.front()->tell(code);
+/// The reporting of one outcome of the connection, by the calling thread.
+class fake_client::core::telling {
+public:
+    /// With the lock held.
+    explicit telling(core& owner)
+        : newest(owner.newest_asked_)
+        , life(owner.life_)
+        , owner_(owner)
+        , outer_(std::exchange(owner.teller_, std::this_thread::get_id())) {}
+    ~telling() {
+        const guard locked(owner_.lock_);
+        owner_.teller_ = outer_;
+    }
+    telling(const telling&) = delete;
+    telling& operator=(const telling&) = delete;
+
+    const std::uint64_t newest; ///< of the handlers that waited when it began
+    const std::uint64_t life;
+
+private:
+    core& owner_;
+    const std::thread::id outer_;
+};
+
+/// Reports the outcome to the handlers that have waited since `before`, and with `insiders` to
+/// those that have joined inside a handler. Others wait for the next outcome. When one throws,
+/// those behind it are dropped with it.
+void fake_client::core::tell_all(asked_list& others, std::uint64_t before, bool insiders,
+                                 std::uint64_t life, const std::error_code& code) {
+    std::uint64_t last = before;
+    if (insiders) {
+        const guard locked(lock_);
+        last = newest_asked_;
+    }
+    const auto next = [&]() -> std::shared_ptr<asked> {
+        const guard locked(lock_);
+        const auto found = std::find_if(others.begin(), others.end(), [&](const auto& each) {
+            return each->number <= before || (each->number <= last && each->asked_inside);
+        });
+        if (life_ != life || found == others.end()) {
+            return nullptr; // cancelled, or done
+        }
+        auto taken = *found;
+        others.erase(found);
+        return taken;
+    };
+    while (const auto told = next()) {
+        try {
+            told->tell(code);
+        } catch (...) {
+            while (const auto dropped = next()) {
+                dropped->release();
+            }
+            throw;
+        }
     }
 }
 
 void fake_client::core::end_attempt(bool made) {
-    waiting_list connects;
-    waiting_list disconnects;
+    std::optional<telling> outcome;
+    bool ending = false;
     {
         const guard locked(lock_);
-        const bool ending = state_ == state::disconnecting;
+        outcome.emplace(*this);
+        ending = state_ == state::disconnecting;
         take_step(made ? connection_event::made : connection_event::failed);
-        connects.swap(connects_);
-        if (!ending) {
-            disconnects.swap(disconnects_);
-        }
     }
-    announce();
-    tell_all(connects, made ? std::error_code() : make_error_code(error::generic::unknown_error));
-    tell_all(disconnects, error::generic::aborted);
+    const std::error_code code =
+        made ? std::error_code() : make_error_code(error::generic::unknown_error);
+    all_steps steps;
+    steps.run([this] { announce(); });
+    steps.run([&] { tell_all(connects_, outcome->newest, !ending, outcome->life, code); });
+    if (!ending) {
+        steps.run([&] {
+            tell_all(disconnects_, outcome->newest, true, outcome->life, error::generic::aborted);
+        });
+    }
+    steps.pass_on();
 }
 
 void fake_client::core::end_connection() {
-    waiting_list connects;
-    waiting_list disconnects;
+    std::optional<telling> outcome;
+    bool is_next_begun = false;
     {
         const guard locked(lock_);
+        outcome.emplace(*this);
         take_step(connection_event::torn_down);
-        disconnects.swap(disconnects_);
-        if (state_ == state::disconnected) {
-            connects.swap(connects_);
-        }
+        is_next_begun = is_carried_;
     }
-    announce();
-    tell_all(disconnects, {});
-    tell_all(connects, error::generic::aborted);
-    end_calls(error::msg::connection_failed);
-    std::map<std::string, method_map> forgotten; // destroyed outside the lock
-    const guard locked(lock_);
-    forgotten.swap(objects_);
+    all_steps steps;
+    steps.run([this] { announce(); });
+    steps.run([&] { tell_all(disconnects_, outcome->newest, true, outcome->life, {}); });
+    if (!is_next_begun) {
+        steps.run([&] {
+            tell_all(connects_, outcome->newest, true, outcome->life, error::generic::aborted);
+        });
+    }
+    steps.run([this] { end_calls(error::msg::connection_failed); });
+    {
+        std::map<std::string, method_map> forgotten; // destroyed outside the lock
+        const guard locked(lock_);
+        forgotten.swap(objects_);
+    }
+    steps.pass_on();
 }
 
 void fake_client::core::set_bus(bus found) {
@@ -184,31 +269,27 @@ utils::link fake_client::core::notify_on_state_change(const state_handler& handl
     return aggregate_adapter<utils::link>(added);
 }
 
-/// Reports the changes that have not been reported. One that a subscriber makes is reported when
-/// its call has returned.
 void fake_client::core::announce() {
-    std::unique_lock<std::mutex> locked(lock_);
-    if (telling_) {
-        return;
+    announcer_.announce([this](state reached) { tell_state(reached); });
+}
+
+void fake_client::core::tell_state(state reached) {
+    if (reached == state::disconnected) {
+        arm_reconnection();
     }
-    telling_ = true;
-    while (!untold_.empty()) {
-        const state reached = untold_.front();
-        untold_.pop_front();
+    std::vector<std::shared_ptr<const state_handler>> told; // also one that is released meanwhile
+    {
+        const guard locked(lock_);
         subscribers_.remove_if([](const auto& each) { return !each->active(); });
-        const auto told = subscribers_;
-        locked.unlock();
-        if (reached == state::disconnected) {
-            arm_reconnection();
+        for (const auto& each : subscribers_) {
+            told.push_back(each->handler());
         }
-        for (const auto& each : told) {
-            if (const auto handler = each->handler()) {
-                (*handler)(reached);
-            }
-        }
-        locked.lock();
     }
-    telling_ = false;
+    for (const auto& handler : told) {
+        if (handler) {
+            (*handler)(reached);
+        }
+    }
 }
 
 // --- automatic reconnection ---
@@ -228,9 +309,16 @@ utils::link fake_client::core::auto_connect(const backoff_function& backoff) {
     {
         const guard locked(lock_);
         reconnection_ = std::move(wanted);
-        take_step(connection_event::connect);
+        if (!cancelling_) {
+            take_step(connection_event::connect);
+        }
     }
-    announce();
+    try {
+        announce();
+    } catch (...) {
+        link.release();
+        throw;
+    }
     return link;
 }
 
@@ -252,8 +340,8 @@ void fake_client::core::arm_reconnection() {
     long long attempt = 0;
     {
         const guard locked(lock_);
-        if (!reconnection_ || state_ != state::disconnected) {
-            return;
+        if (!reconnection_ || state_ != state::disconnected || announcer_.is_behind()) {
+            return; // switched off, or superseded by a change that is announced next
         }
         attempts_ += attempts_ < std::numeric_limits<long long>::max() ? 1 : 0;
         attempt = attempts_;
@@ -276,7 +364,7 @@ void fake_client::core::arm_reconnection() {
         }
         {
             const guard locked(kept->lock_);
-            if (wanted.expired() || kept->reconnection_ != wanted.lock()) {
+            if (kept->cancelling_ || wanted.expired() || kept->reconnection_ != wanted.lock()) {
                 return;
             }
             kept->take_step(connection_event::connect);
@@ -291,30 +379,55 @@ void fake_client::core::arm_reconnection() {
 
 void fake_client::core::cancel() {
     end_reconnection();
+    std::uint64_t life = 0;
     waiting_list reports;
-    waiting_list connects;
-    waiting_list disconnects;
+    std::list<std::shared_ptr<known_report>> known;
     std::map<std::string, method_map> forgotten; // may own exchange contexts, which take the lock
     {
         const guard locked(lock_);
-        ++life_; // what is queued on the loop becomes a no-op
+        if (is_carried_) {
+            take_step(connection_event::lost);
+        }
+        life = ++life_; // what is queued on the loop becomes a no-op
+        cancelling_ = true;
         ++connection_;
         attempt_waits_ = false;
         reports.swap(reports_);
-        connects.swap(connects_);
-        disconnects.swap(disconnects_);
         forgotten.swap(objects_);
-        if (state_ != state::disconnected) {
-            take_step(connection_event::cancelled);
-        }
     }
     forgotten.clear();
-    rest_->cancel();
-    end_calls(error::generic::aborted);
-    tell_all(reports, error::generic::aborted);
     announce();
-    tell_all(disconnects, {});
-    tell_all(connects, error::generic::aborted);
+    end_calls(error::generic::aborted);
+    all_steps steps;
+    for (const auto& each : reports) {
+        steps.run([&] { each->tell(error::generic::aborted); });
+    }
+    steps.pass_on();
+    rest_->cancel();
+    {
+        const guard locked(lock_);
+        known.swap(known_);
+    }
+    for (const auto& each : known) {
+        steps.run([&] { each->tell(each->code); });
+    }
+    steps.pass_on();
+    // A handler may have cancelled as well; that one has done the rest, and the life is another.
+    const auto disconnected = [&] {
+        const guard locked(lock_);
+        if (life_ == life) {
+            take_step(connection_event::cancelled);
+        }
+        return newest_asked_;
+    };
+    const auto disconnects = disconnected();
+    announce();
+    tell_all(disconnects_, disconnects, false, life, {});
+    const auto connects = disconnected();
+    announce();
+    tell_all(connects_, connects, false, life, error::generic::aborted);
+    const guard locked(lock_);
+    cancelling_ = cancelling_ && life_ != life;
 }
 
 void fake_client::core::close() noexcept {
@@ -330,8 +443,9 @@ bool fake_client::core::drop_all() noexcept {
     end_reconnection();
     std::list<std::shared_ptr<waiting_call>> calls;
     waiting_list reports;
-    waiting_list connects;
-    waiting_list disconnects;
+    std::list<std::shared_ptr<known_report>> known;
+    asked_list connects;
+    asked_list disconnects;
     std::list<std::shared_ptr<subscriber>> subscribers;
     std::map<std::string, method_map> objects;
     decltype(script_) script;
@@ -340,9 +454,10 @@ bool fake_client::core::drop_all() noexcept {
         ++life_;
         ++connection_;
         state_ = state::disconnected;
-        untold_.clear();
+        is_carried_ = false;
         calls.swap(calls_);
         reports.swap(reports_);
+        known.swap(known_);
         connects.swap(connects_);
         disconnects.swap(disconnects_);
         subscribers.swap(subscribers_);
@@ -356,11 +471,10 @@ bool fake_client::core::drop_all() noexcept {
         }
         return !all.empty();
     };
-    bool some = release(calls);
-    for (const auto* waiting : {&reports, &connects, &disconnects}) {
-        some = release(*waiting) || some;
-    }
-    return release(subscribers) || some || !objects.empty() || !script.empty();
+    const std::array some{release(calls),    release(reports),     release(known),
+                          release(connects), release(disconnects), release(subscribers),
+                          !objects.empty(),  !script.empty()};
+    return std::find(some.begin(), some.end(), true) != some.end();
 }
 
 } // namespace tarn::testing

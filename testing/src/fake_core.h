@@ -4,6 +4,7 @@
 #include "tarn/testing/fake_client.h"
 
 #include "client/connection_machine.h"
+#include "client/state_announcer.h"
 #include "fake_bus_core.h"
 #include "transfer.h"
 #include "waiting.h"
@@ -12,6 +13,7 @@
 #include <deque>
 #include <map>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 namespace tarn::testing {
@@ -38,6 +40,30 @@ public:
 private:
     mutable std::mutex lock_;
     std::shared_ptr<const client::state_handler> handler_;
+};
+
+/// A handler that waits for a state of the connection.
+class asked final : public waiting {
+public:
+    asked(const client::completion_handler& handler, std::uint64_t order, bool inside)
+        : waiting(handler)
+        , number(order)
+        , asked_inside(inside) {}
+
+    const std::uint64_t number; ///< they rise
+    const bool asked_inside;    ///< by a handler or subscriber that is notified of an outcome
+};
+
+using asked_list = std::list<std::shared_ptr<asked>>;
+
+/// A handler that waits for the loop to report what is known.
+class known_report final : public waiting {
+public:
+    known_report(const client::completion_handler& handler, const std::error_code& outcome)
+        : waiting(handler)
+        , code(outcome) {}
+
+    const std::error_code code;
 };
 
 /// A call that has not ended, and its link.
@@ -123,6 +149,7 @@ public:
 
 private:
     class exchange;
+    class telling;
     using guard = std::lock_guard<std::mutex>;
 
     struct scripted {
@@ -136,8 +163,14 @@ private:
     std::shared_ptr<utils::event_loop> get_loop() const { return existing_loop(loop_); }
     /// Has the loop run `task`, which is not called when cancel() comes first.
     void post_locked(std::function<void()> task);
+    /// Reports what the real client asks of the bus, which cancel() ends.
     utils::link report(const completion_handler& handler, const std::error_code& code);
-    utils::link wait_for(connection_event event, state reached, waiting_list& others,
+    /// Reports what the real client knows, which cancel() reports as well.
+    utils::link report_known(const completion_handler& handler, const std::error_code& code);
+    template <class Report>
+    utils::link report_among(std::list<std::shared_ptr<Report>>& others,
+                             const std::shared_ptr<Report>& known, const std::error_code& code);
+    utils::link wait_for(connection_event event, state reached, asked_list& others,
                          const completion_handler& handler);
 
     void take_step(connection_event event);
@@ -145,13 +178,16 @@ private:
     void end_attempt(bool made);
     void end_connection();
     void announce();
+    void tell_state(state reached);
     void arm_reconnection();
     void end_reconnection(const reconnection* only = nullptr);
     bool drop_all() noexcept;
-    static void tell_all(waiting_list& told, const std::error_code& code);
+    void tell_all(asked_list& others, std::uint64_t before, bool insiders, std::uint64_t life,
+                  const std::error_code& code);
 
     /// What a call ends with; nullopt where an object of our own is to serve it.
     std::optional<outcome> decide(const call& made);
+    utils::link refuse(const result_handler& handler, const std::error_code& code);
     void deliver(const std::shared_ptr<waiting_call>& waiting);
     void end_calls(const std::error_code& code);
     void serve(const call& arrived, const std::shared_ptr<served_call>& served,
@@ -164,15 +200,19 @@ private:
     std::uint64_t life_ = 0; ///< changes with every cancel()
     state state_ = state::disconnected;
     std::vector<state> states_{state::disconnected};
-    std::deque<state> untold_;
-    bool telling_ = false;
+    state_announcer announcer_{lock_};
+    std::thread::id teller_; ///< notifies handlers and subscribers of an outcome
+    bool cancelling_ = false;
     std::list<std::shared_ptr<subscriber>> subscribers_;
     bus bus_ = bus::present;
     bool attempt_waits_ = false;
     std::uint64_t connection_ = 0; ///< changes with every connection
-    waiting_list connects_;
-    waiting_list disconnects_;
+    bool is_carried_ = false; ///< there is an attempt or a connection that is not being torn down
+    asked_list connects_;
+    asked_list disconnects_;
+    std::uint64_t newest_asked_ = 0;
     waiting_list reports_;
+    std::list<std::shared_ptr<known_report>> known_;
     std::shared_ptr<reconnection> reconnection_;
     long long attempts_ = 0;
     std::shared_ptr<utils::event_loop::timer> timer_;

@@ -15,7 +15,7 @@
 namespace tarn::testing {
 
 /// A handler that waits for the outcome of an operation, perhaps with a time limit, and its link.
-class waiting final : public utils::link::impl {
+class waiting : public utils::link::impl {
 public:
     explicit waiting(client::completion_handler handler)
         : handler_(std::move(handler)) {}

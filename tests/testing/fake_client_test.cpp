@@ -432,10 +432,53 @@ TEST_F(FakeClient, ASubscriberMayChangeTheState) {
     auto second = bus.notify_on_state_change([&](state s) { seen.push_back(s); });
     bus.connect({});
     loop->drain();
-    EXPECT_THAT(seen, ElementsAre(state::connecting, state::connected, state::disconnecting,
-                                  state::disconnected));
+    EXPECT_THAT(seen, ElementsAre(state::connecting, state::disconnecting, state::connected,
+                                  state::disconnected))
+        << "the change is reported inside the call that makes it";
     second.release();
     EXPECT_FALSE(second.active());
+}
+
+TEST_F(FakeClient, ASubscriberThatThrowsHoldsUpNeitherOthersNorReconnection) {
+    std::vector<state> seen;
+    bool throws = true;
+    bus.notify_on_state_change([&](state s) {
+        seen.push_back(s);
+        if (s == state::connected && std::exchange(throws, false)) {
+            throw std::runtime_error("a subscriber's");
+        }
+    });
+    const auto link = bus.auto_connect([](long long) { return seconds(10); });
+    EXPECT_THROW(loop->drain(), std::runtime_error);
+    EXPECT_EQ(bus.get_state(), state::connected);
+    bus.lose_connection();
+    loop->drain();
+    loop->advance(seconds(10));
+    loop->drain();
+    EXPECT_THAT(seen, ElementsAre(state::connecting, state::connected, state::disconnecting,
+                                  state::disconnected, state::connecting, state::connected));
+    EXPECT_TRUE(link.active());
+}
+
+TEST_F(FakeClient, AHandlerIsNotifiedWhenASubscriberThrows) {
+    bus.notify_on_state_change([](state s) {
+        if (s == state::connected || s == state::disconnected) {
+            throw std::runtime_error("a subscriber's");
+        }
+    });
+    record told;
+    bus.on("demo", "hang", outcome::no_answer());
+    bus.connect(told.completion());
+    EXPECT_THROW(loop->drain(), std::runtime_error);
+    EXPECT_THAT(told.codes, ElementsAre(std::error_code()));
+    record called;
+    bus.invoke("demo", "hang", {}, called.result(), seconds(0));
+    bus.add_object("own", {}, {});
+    bus.disconnect(told.completion());
+    EXPECT_THROW(loop->drain(), std::runtime_error);
+    EXPECT_THAT(told.codes, ElementsAre(std::error_code(), std::error_code()));
+    EXPECT_THAT(called.codes, ElementsAre(msg::connection_failed));
+    EXPECT_THAT(bus.published(), IsEmpty());
 }
 
 TEST_F(FakeClient, GivesTheLoopThatItWasMadeWith) {
