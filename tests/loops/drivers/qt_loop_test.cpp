@@ -71,6 +71,34 @@ TEST_F(QtLoop, DestroyedByAnotherThreadBeginsNoFurtherTurn) {
     EXPECT_TRUE(watch.expired());
 }
 
+TEST_F(QtLoop, DestroyedByAnotherThreadLastsUntilAHandlerThatRunsAnEventLoopHasReturned) {
+    QThread worker;
+    worker.start();
+    QObject context;
+    context.moveToThread(&worker);
+    auto adapter = std::make_unique<loops::qt_loop>(&context);
+    auto held = std::make_shared<int>(0);
+    const std::weak_ptr<int> watch = held;
+    std::promise<QEventLoop*> inside;
+    std::promise<bool> kept;
+    adapter->post([&, posts = adapter.get()] {
+        posts->post([held] { ADD_FAILURE() << "a turn began after the loop was destroyed"; });
+        held.reset();
+        QEventLoop dialog;
+        QTimer::singleShot(0, &dialog, [&] { inside.set_value(&dialog); });
+        dialog.exec();
+        kept.set_value(!watch.expired());
+    });
+    QEventLoop* const dialog = inside.get_future().get();
+    adapter.reset();
+    // Comes after what the adapter has left for the thread to do.
+    QMetaObject::invokeMethod(dialog, "quit", Qt::QueuedConnection);
+    EXPECT_TRUE(kept.get_future().get()) << "destroyed while its handler was running";
+    worker.quit();
+    worker.wait();
+    EXPECT_TRUE(watch.expired());
+}
+
 TEST_F(QtLoop, HoldsHandlersUpWhileOneRunsAnEventLoopAndDoesNotSpin) {
     loops::qt_loop adapter;
     bool behind = false;

@@ -5,6 +5,7 @@
 
 #include <QEvent>
 #include <QObject>
+#include <QPointer>
 #include <QSocketNotifier>
 #include <QThread>
 
@@ -19,8 +20,8 @@ namespace tarn::loops {
 ///
 /// It is made in a thread of Qt, once the application object is there. It is best destroyed in the
 /// thread of its handlers (see nested_loop). Destroyed in another one while that runs, it begins no
-/// further turn, and what was waiting is destroyed by that thread. The adapter may outlive the
-/// application object, as a static one does; it runs nothing then.
+/// further turn, and what was waiting is destroyed by that thread, after a turn that has begun. The
+/// adapter may outlive the application object, as a static one does; it runs nothing then.
 ///
 /// A handler that runs an event loop of its own (QDialog::exec()) holds up the handlers behind it
 /// until that returns; QDialog::open() does not.
@@ -68,14 +69,19 @@ private:
                 return true;
             }
             busy_ = true;
-            run_turn();
-            busy_ = false;
-            setEnabled(true);
+            // The event loop of a handler deletes the watch when another thread has ended it.
+            const auto inner = inner_;
+            const QPointer<QObject> kept(this);
+            run_turn(*inner);
+            if (kept) {
+                busy_ = false;
+                setEnabled(true);
+            }
             return true;
         }
 
     private:
-        void run_turn() noexcept { inner_->dispatch(); }
+        static void run_turn(epoll_loop& inner) noexcept { inner.dispatch(); }
 
         // Held here as well: it goes with the watch, which may go in another thread.
         const std::shared_ptr<epoll_loop> inner_;
