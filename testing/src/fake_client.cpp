@@ -2,6 +2,7 @@
 #include "tarn/testing/fake_client.h"
 
 #include "client/all_steps.h"
+#include "fake_bus_reports.h"
 #include "fake_core.h"
 #include "transfer.h"
 
@@ -29,6 +30,16 @@ bool is_storable(const client::method_policy& policy) {
     }
 }
 
+/// Whether a method's name, or that of a field that it expects, would be cut on the bus.
+bool any_name_has_nul(const client::method_map& methods) {
+    return std::any_of(methods.begin(), methods.end(), [](const auto& method) {
+        const client::method_policy& fields = method.second.second;
+        return has_nul(method.first) ||
+               std::any_of(fields.begin(), fields.end(),
+                           [](const auto& field) { return has_nul(field.first); });
+    });
+}
+
 } // namespace
 
 // --- calls ---
@@ -44,6 +55,34 @@ void fake_client::core::script_once(const std::string& path, const std::string& 
                                     outcome what) {
     const guard locked(lock_);
     script_[{path, method}].next.push_back(std::move(what));
+}
+
+/// The path that a call of `path` reaches: of several that a pattern matches the last one. A script
+/// of the pattern itself goes before.
+std::string fake_client::core::reached_path(const std::string& path) const {
+    const guard locked(lock_);
+    const bool is_pattern = !path.empty() && path.back() == '*';
+    const auto is_scripted = [&](const auto& each) {
+        return each.first.first == path;
+    };
+    if (!is_pattern || std::any_of(script_.begin(), script_.end(), is_scripted)) {
+        return path;
+    }
+    std::string last;
+    const auto consider = [&](const std::string& there) {
+        if (matches(path, there)) {
+            last = std::max(last, there);
+        }
+    };
+    for (const auto& each : script_) {
+        if (is_path(each.first.first)) {
+            consider(each.first.first);
+        }
+    }
+    for (const auto& each : objects_) {
+        consider(each.first);
+    }
+    return last.empty() ? path : last;
 }
 
 std::optional<outcome> fake_client::core::decide(const call& made) {
@@ -84,16 +123,19 @@ utils::link fake_client::core::refuse(const result_handler& handler, const std::
 }
 
 utils::link fake_client::core::invoke(call made, const result_handler& handler) {
-    bool is_cancelling = false;
+    std::error_code refused;
     {
         const guard locked(lock_);
-        is_cancelling = cancelling_;
-        if (is_cancelling) {
+        refused = cancelling_ ? make_error_code(error::generic::aborted)
+                  : has_nul(made.path) || has_nul(made.method)
+                      ? make_error_code(error::msg::invalid_argument)
+                      : std::error_code();
+        if (refused) {
             made_.push_back(made);
         }
     }
-    if (is_cancelling) {
-        return refuse(handler, error::generic::aborted);
+    if (refused) {
+        return refuse(handler, refused);
     }
     const auto timeout = made.timeout;
     const auto pending = std::make_shared<waiting_call>(made, handler);
@@ -123,6 +165,10 @@ void fake_client::core::deliver(const std::shared_ptr<waiting_call>& pending) {
         return pending->tell({}, error::msg::connection_failed);
     }
     call arrived = pending->made;
+    if (arrived.path.empty()) {
+        return pending->tell({}, error::msg::invalid_argument);
+    }
+    arrived.path = reached_path(arrived.path);
     try {
         arrived.args = transferred(arrived.args);
     } catch (const std::exception&) {
@@ -177,7 +223,7 @@ utils::link fake_client::core::add_object(const std::string& name, const method_
         });
         if (cancelling_) {
             known = error::generic::aborted;
-        } else if (objects_.count(name) != 0) {
+        } else if (has_nul(name) || any_name_has_nul(methods) || objects_.count(name) != 0) {
             known = error::msg::invalid_argument;
         } else if (state_ != state::connected) {
             code = error::msg::connection_failed;

@@ -185,6 +185,7 @@ private:
     void tell_all(asked_list& others, std::uint64_t before, bool insiders, std::uint64_t life,
                   const std::error_code& code);
 
+    std::string reached_path(const std::string& path) const;
     /// What a call ends with; nullopt where an object of our own is to serve it.
     std::optional<outcome> decide(const call& made);
     utils::link refuse(const result_handler& handler, const std::error_code& code);

@@ -123,6 +123,28 @@ TEST_F(FakeClient, WhatIsNotScriptedIsNotThere) {
     EXPECT_THAT(called.codes, ElementsAre(msg::not_found, msg::method_not_found));
 }
 
+TEST_F(FakeClient, APathThatEndsInAStarReachesTheLastThatBeginsSo) {
+    connect();
+    for (const std::string path : {"demo.a", "demo.c", "demo.b", "else"}) {
+        bus.on(path, "echo", outcome::reply({{"from", path}}));
+    }
+    bus.on("demo.d*", "echo", outcome::reply({{"from", "the script of the pattern"}}));
+    record called;
+    for (const auto* path : {"demo*", "demo.b*", "demo.d*", "nobody*"}) {
+        bus.invoke(path, "echo", {}, called.result(), seconds(0));
+    }
+    bus.invoke("demo*", "fly", {}, called.result(), seconds(0));
+    loop->drain();
+    EXPECT_THAT(called.codes, ElementsAre(msg::success, msg::success, msg::success, msg::not_found,
+                                          msg::method_not_found));
+    ASSERT_EQ(called.replies.size(), 3U);
+    EXPECT_EQ(called.replies[0].find("from")->second.get<std::string>(), "demo.c");
+    EXPECT_EQ(called.replies[1].find("from")->second.get<std::string>(), "demo.b");
+    EXPECT_EQ(called.replies[2].find("from")->second.get<std::string>(),
+              "the script of the pattern");
+    EXPECT_EQ(bus.calls()[0].path, "demo*");
+}
+
 TEST_F(FakeClient, ACallWithoutAConnectionFails) {
     record called;
     bus.invoke("demo", "echo", {}, called.result(), seconds(0));

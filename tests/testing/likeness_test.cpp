@@ -78,6 +78,8 @@ public:
         note(std::string("runs until ") + name_of(wanted));
         turn_until(wanted);
     }
+    /// Turns the loop until `condition` holds, and nothing is to be done.
+    void run(const std::function<bool()>& condition) { run_(condition); }
     /// Loses the connection, and turns the loop until that is told.
     void lose() {
         note("loses the connection");
@@ -236,6 +238,60 @@ TEST_F(Likeness, OfASubscriberThatReleasesTheNext) {
         on.run_until(state::connected);
         on.bus.disconnect({});
         on.run_until(state::disconnected);
+    });
+}
+
+/// Calls methods of paths, and notes the outcomes in that order.
+void call_in_turn(stage& on, const std::vector<std::pair<std::string, std::string>>& calls) {
+    for (const auto& [path, method] : calls) {
+        bool ended = false;
+        on.bus.invoke(
+            path, method, {},
+            [&](const std::list<blob::attr>& replies, const std::error_code& code) {
+                ended = true;
+                on.note(path + ": " + code.message());
+                for (const auto& each : replies) {
+                    on.note(each.get<blob::table>().find("from")->second.get<std::string>());
+                }
+            },
+            seconds(0));
+        on.run([&ended] { return ended; });
+    }
+}
+
+TEST_F(Likeness, OfPathsThatEndInAStarOrHoldANul) {
+    expect_alike([](stage& on) {
+        on.bus.connect({});
+        on.run_until(state::connected);
+        for (const std::string name : {"demo.c", "demo.a", "demo.b", "else"}) {
+            on.bus.add_object(name,
+                              {{"tell",
+                                {[name](const std::shared_ptr<client::exchange_ctx>& call) {
+                                     call->send({{"from", name}}, {});
+                                 },
+                                 {}}}},
+                              {});
+        }
+        const std::string nul("\0", 1);
+        call_in_turn(on, {{"demo*", "tell"},
+                          {"demo.b*", "tell"},
+                          {"demo.b", "tell"},
+                          {"*", "tell"},
+                          {"demo*", "other"},
+                          {"nobody*", "tell"},
+                          {"", "tell"},
+                          {"demo.a" + nul, "tell"},
+                          {"demo.a", "tell" + nul}});
+        std::size_t ended = 0;
+        const auto note = [&](const std::error_code& code) {
+            ++ended;
+            on.note("added: " + code.message());
+        };
+        on.bus.add_object("own" + nul, {}, note);
+        on.bus.add_object("own", {{"tell" + nul, {}}}, note);
+        on.bus.add_object("own", {{"tell", {{}, {{"n" + nul, typeid(unsigned)}}}}}, note);
+        on.bus.add_object("own", {}, note);
+        on.run([&ended] { return ended == 4; });
     });
 }
 

@@ -63,7 +63,8 @@ public:
     /// returns, which is called on the loop. Replaces what was said before. A call that nothing is
     /// scripted for reaches the object of this path that the code under test has published; else it
     /// ends with msg::not_found, or with msg::method_not_found where another method of `path` is
-    /// scripted.
+    /// scripted. A call of a pattern (`demo*`) reaches the last path that it matches, of those that
+    /// are scripted or published, unless the pattern itself is scripted.
     void on(const std::string& path, const std::string& method, outcome what);
     /// The same, with an outcome computed for each call from its arguments.
     void on(const std::string& path, const std::string& method, responder answer);
