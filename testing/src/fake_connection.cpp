@@ -380,8 +380,6 @@ void fake_client::core::arm_reconnection() {
 void fake_client::core::cancel() {
     end_reconnection();
     std::uint64_t life = 0;
-    waiting_list reports;
-    std::list<std::shared_ptr<known_report>> known;
     std::map<std::string, method_map> forgotten; // may own exchange contexts, which take the lock
     {
         const guard locked(lock_);
@@ -392,23 +390,23 @@ void fake_client::core::cancel() {
         cancelling_ = true;
         ++connection_;
         attempt_waits_ = false;
-        reports.swap(reports_);
         forgotten.swap(objects_);
     }
     forgotten.clear();
     announce();
+    // What a handler that throws leaves is ended by another cancel().
     end_calls(error::generic::aborted);
+    const auto take = [this](auto& others) {
+        const guard locked(lock_);
+        return std::exchange(others, {});
+    };
     all_steps steps;
-    for (const auto& each : reports) {
+    for (const auto& each : take(reports_)) {
         steps.run([&] { each->tell(error::generic::aborted); });
     }
     steps.pass_on();
     rest_->cancel();
-    {
-        const guard locked(lock_);
-        known.swap(known_);
-    }
-    for (const auto& each : known) {
+    for (const auto& each : take(known_)) {
         steps.run([&] { each->tell(each->code); });
     }
     steps.pass_on();

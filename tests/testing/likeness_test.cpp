@@ -243,11 +243,11 @@ TEST_F(Likeness, OfASubscriberThatReleasesTheNext) {
 
 /// Calls methods of paths, and notes the outcomes in that order.
 void call_in_turn(stage& on, const std::vector<std::pair<std::string, std::string>>& calls) {
-    for (const auto& [path, method] : calls) {
+    for (const auto& [to, method] : calls) {
         bool ended = false;
         on.bus.invoke(
-            path, method, {},
-            [&](const std::list<blob::attr>& replies, const std::error_code& code) {
+            to, method, {},
+            [&, path = to](const std::list<blob::attr>& replies, const std::error_code& code) {
                 ended = true;
                 on.note(path + ": " + code.message());
                 for (const auto& each : replies) {
@@ -385,6 +385,7 @@ TEST_F(Likeness, OfACancellationWhoseHandlerThrows) {
                 throw std::runtime_error("a call's");
             },
             seconds(0));
+        on.bus.add_object("own", {}, on.outcome_of("addition"));
         on.bus.disconnect(on.outcome_of("disconnect"));
         on.attempt([&] { on.bus.cancel(); });
         on.bus.connect(on.outcome_of("connect"));
