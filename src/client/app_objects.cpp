@@ -13,20 +13,6 @@
 
 namespace tarn {
 
-namespace {
-
-/// Whether a method's name, or that of a field that it expects, would be cut on the bus.
-bool any_name_has_nul(const client::method_map& methods) {
-    return std::any_of(methods.begin(), methods.end(), [](const auto& method) {
-        const client::method_policy& fields = method.second.second;
-        return has_nul(method.first) ||
-               std::any_of(fields.begin(), fields.end(),
-                           [](const auto& field) { return has_nul(field.first); });
-    });
-}
-
-} // namespace
-
 /// With the lock held: the object of this name that is not being removed, else null.
 std::shared_ptr<object_ctx> app_side::find_object(const std::string& name) const {
     const auto found = std::find_if(objects_.begin(), objects_.end(), [&name](const auto& entry) {
@@ -40,7 +26,7 @@ utils::link app_side::add_object(const std::string& name, const client::method_m
     if (cancelling()) {
         return report_later(handler, make_error_code(error::generic::aborted));
     }
-    if (has_nul(name) || any_name_has_nul(methods)) {
+    if (has_nul(name) || has_nul(methods)) {
         return report_later(handler, make_error_code(error::msg::invalid_argument));
     }
     const auto object = make_counted<object_ctx>(name, methods);

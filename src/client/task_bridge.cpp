@@ -110,15 +110,24 @@ void task_bridge::ask_again() {
             asking = life_;
         }
     }
+    try {
+        post_covered_drain(asking);
+    } catch (...) {
+        // No memory even now, or no loop. Asked for by whatever comes next.
+    }
+}
+
+/// For the loop thread: requests the drain that counts as requested, with the reserve if need be.
+void task_bridge::post_covered_drain(life_id asking) {
     if (asking == life_id::none) {
         return;
     }
     try {
         reserve_.cover([&] { post_drain(asking); });
     } catch (...) {
-        // No memory even now, or no loop. Asked for by whatever comes next.
         const std::lock_guard<std::mutex> guard(lock_);
         drain_requested_ = false;
+        throw;
     }
 }
 
@@ -432,16 +441,7 @@ void task_bridge::flush() {
             asking = life_;
         }
     }
-    if (asking == life_id::none) {
-        return;
-    }
-    try {
-        reserve_.cover([&] { post_drain(asking); });
-    } catch (...) {
-        const std::lock_guard<std::mutex> guard(lock_);
-        drain_requested_ = false;
-        throw;
-    }
+    post_covered_drain(asking);
 }
 
 void task_bridge::take_batch(task_queue& batch) noexcept {

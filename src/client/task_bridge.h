@@ -129,6 +129,7 @@ private:
     void drain_refused() noexcept;
     void ask_again();
     void post_drain(life_id tied);
+    void post_covered_drain(life_id asking);
     void drop_batch(life_id tied) noexcept;
 
     const std::weak_ptr<utils::event_loop> loop_;

@@ -5,10 +5,6 @@
 
 namespace tarn::testing {
 
-bool has_nul(const std::string& text) {
-    return text.find('\0') != std::string::npos;
-}
-
 bool matches(const std::string& pattern, const std::string& text) {
     return !pattern.empty() && pattern.back() == '*'
                ? text.compare(0, pattern.size() - 1, pattern, 0, pattern.size() - 1) == 0

@@ -1,6 +1,7 @@
 /// What the fake bus tells its standing operations, and what it takes for a path or a pattern.
 #pragma once
 
+#include "client/bus_name.h"
 #include "standing.h"
 
 #include "tarn/bus.h"
@@ -9,8 +10,6 @@
 #include <system_error>
 
 namespace tarn::testing {
-
-bool has_nul(const std::string& text);
 
 /// Whether `text` is the pattern, or begins with it where that ends in "*".
 bool matches(const std::string& pattern, const std::string& text);

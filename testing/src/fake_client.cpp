@@ -30,16 +30,6 @@ bool is_storable(const client::method_policy& policy) {
     }
 }
 
-/// Whether a method's name, or that of a field that it expects, would be cut on the bus.
-bool any_name_has_nul(const client::method_map& methods) {
-    return std::any_of(methods.begin(), methods.end(), [](const auto& method) {
-        const client::method_policy& fields = method.second.second;
-        return has_nul(method.first) ||
-               std::any_of(fields.begin(), fields.end(),
-                           [](const auto& field) { return has_nul(field.first); });
-    });
-}
-
 } // namespace
 
 // --- calls ---
@@ -223,7 +213,7 @@ utils::link fake_client::core::add_object(const std::string& name, const method_
         });
         if (cancelling_) {
             known = error::generic::aborted;
-        } else if (has_nul(name) || any_name_has_nul(methods) || objects_.count(name) != 0) {
+        } else if (has_nul(name) || has_nul(methods) || objects_.count(name) != 0) {
             known = error::msg::invalid_argument;
         } else if (state_ != state::connected) {
             code = error::msg::connection_failed;

@@ -115,12 +115,7 @@ utils::link fake_client::core::wait_for(connection_event event, state reached, a
     if (is_reached) {
         return report_known(handler, {});
     }
-    try {
-        announce();
-    } catch (...) {
-        link.release();
-        throw;
-    }
+    announce_or_release(link);
     return link;
 }
 
@@ -273,6 +268,16 @@ void fake_client::core::announce() {
     announcer_.announce([this](state reached) { tell_state(reached); });
 }
 
+/// When a subscriber throws, the caller gets no link to release.
+void fake_client::core::announce_or_release(utils::link& link) {
+    try {
+        announce();
+    } catch (...) {
+        link.release();
+        throw;
+    }
+}
+
 void fake_client::core::tell_state(state reached) {
     if (reached == state::disconnected) {
         arm_reconnection();
@@ -313,12 +318,7 @@ utils::link fake_client::core::auto_connect(const backoff_function& backoff) {
             take_step(connection_event::connect);
         }
     }
-    try {
-        announce();
-    } catch (...) {
-        link.release();
-        throw;
-    }
+    announce_or_release(link);
     return link;
 }
 

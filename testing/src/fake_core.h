@@ -178,6 +178,7 @@ private:
     void end_attempt(bool made);
     void end_connection();
     void announce();
+    void announce_or_release(utils::link& link);
     void tell_state(state reached);
     void arm_reconnection();
     void end_reconnection(const reconnection* only = nullptr);
